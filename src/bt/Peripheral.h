@@ -1,0 +1,115 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <PlenkKit/RKErrors.h>
+
+#include "bt/Bytes.h"
+#include "bt/Uuid.h"
+
+namespace plenk::bt {
+
+class Peripheral;
+class Service;
+class Characteristic;
+using PeripheralPtr = std::shared_ptr<Peripheral>;
+using ServicePtr = std::shared_ptr<Service>;
+using CharacteristicPtr = std::shared_ptr<Characteristic>;
+
+// Connection state, numbered as the platform numbers it.
+enum class PeripheralState : int { Disconnected = 0, Connecting = 1, Connected = 2, Disconnecting = 3 };
+
+enum class WriteType : int { WithResponse = 0, WithoutResponse = 1 };
+
+// Characteristic properties (GATT bit values).
+enum CharacteristicProperty : std::uint32_t {
+    kPropertyRead = 0x02,
+    kPropertyWriteWithoutResponse = 0x04,
+    kPropertyWrite = 0x08,
+    kPropertyNotify = 0x10,
+    kPropertyIndicate = 0x20,
+};
+
+// A GATT characteristic as the backend last saw it. Identity (the object) is
+// stable for one discovery; a new discovery may hand out new objects.
+// All accessors are thread-safe.
+class Characteristic {
+public:
+    virtual ~Characteristic();
+    virtual Uuid uuid() const = 0;
+    // The last value read or notified (empty before any).
+    virtual Bytes value() const = 0;
+    virtual std::uint32_t properties() const = 0;
+    virtual bool isNotifying() const = 0;
+    virtual std::shared_ptr<Service> service() const = 0;
+};
+
+class Service {
+public:
+    virtual ~Service();
+    virtual Uuid uuid() const = 0;
+    virtual bool isPrimary() const = 0;
+    // Characteristics discovered so far, in the order the peripheral lists them.
+    virtual std::vector<CharacteristicPtr> characteristics() const = 0;
+    virtual std::shared_ptr<Peripheral> peripheral() const = 0;
+};
+
+// Events of one peripheral. All arrive on the central's serial queue
+// ("Corebluetooth"), one at a time. Every method has an empty default:
+// implementing one is responding to it.
+class PeripheralDelegate {
+public:
+    virtual ~PeripheralDelegate();
+    virtual void peripheralDidUpdateName(Peripheral& peripheral);
+    virtual void peripheralDidModifyServices(Peripheral& peripheral,
+                                             const std::vector<ServicePtr>& invalidatedServices);
+    virtual void peripheralDidUpdateRSSIError(Peripheral& peripheral, const ErrorPtr& error);
+    virtual void peripheralDidReadRSSIError(Peripheral& peripheral, int rssi, const ErrorPtr& error);
+    virtual void peripheralDidDiscoverServices(Peripheral& peripheral, const ErrorPtr& error);
+    virtual void peripheralDidDiscoverCharacteristicsForServiceError(Peripheral& peripheral,
+                                                                     const ServicePtr& service,
+                                                                     const ErrorPtr& error);
+    virtual void peripheralDidUpdateValueForCharacteristicError(Peripheral& peripheral,
+                                                                const CharacteristicPtr& characteristic,
+                                                                const ErrorPtr& error);
+    virtual void peripheralDidWriteValueForCharacteristicError(Peripheral& peripheral,
+                                                               const CharacteristicPtr& characteristic,
+                                                               const ErrorPtr& error);
+    virtual void peripheralDidUpdateNotificationStateForCharacteristicError(
+        Peripheral& peripheral, const CharacteristicPtr& characteristic, const ErrorPtr& error);
+};
+
+// A remote peripheral. Operations may be called from any thread; they never
+// call the delegate inline: every result arrives later on the central's queue.
+// Operations on a peripheral that is not connected are dropped, as the
+// platform does (with a diagnostic from the backend).
+class Peripheral : public std::enable_shared_from_this<Peripheral> {
+public:
+    virtual ~Peripheral();
+
+    // The advertised or GAP name; absent when the peripheral never gave one.
+    virtual std::optional<std::string> name() const = 0;
+    virtual Uuid identifier() const = 0;
+    virtual PeripheralState state() const = 0;
+    // Services discovered so far (empty before the first discovery).
+    virtual std::vector<ServicePtr> services() const = 0;
+
+    // Non-owning, as the platform's delegate property.
+    virtual void setDelegate(std::weak_ptr<PeripheralDelegate> delegate) = 0;
+    virtual std::shared_ptr<PeripheralDelegate> delegate() const = 0;
+
+    // nullopt discovers every service / characteristic.
+    virtual void discoverServices(const std::optional<std::vector<Uuid>>& serviceUUIDs) = 0;
+    virtual void discoverCharacteristics(const std::optional<std::vector<Uuid>>& characteristicUUIDs,
+                                         const ServicePtr& service) = 0;
+    virtual void readValueForCharacteristic(const CharacteristicPtr& characteristic) = 0;
+    virtual void writeValue(const Bytes& data, const CharacteristicPtr& characteristic, WriteType type) = 0;
+    virtual void setNotifyValue(bool enabled, const CharacteristicPtr& characteristic) = 0;
+    virtual void readRSSI() = 0;
+};
+
+}  // namespace plenk::bt
