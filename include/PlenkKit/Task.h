@@ -63,13 +63,12 @@ private:
     };
 
     template <typename D>
-    static constexpr Ops inlineOps{
-        [](void* p) { (*static_cast<D*>(p))(); },
-        [](void* from, void* to) noexcept {
-            ::new (to) D(std::move(*static_cast<D*>(from)));
-            static_cast<D*>(from)->~D();
-        },
-        [](void* p) noexcept { static_cast<D*>(p)->~D(); }};
+    static constexpr Ops inlineOps{[](void* p) { (*static_cast<D*>(p))(); },
+                                   [](void* from, void* to) noexcept {
+                                       ::new (to) D(std::move(*static_cast<D*>(from)));
+                                       static_cast<D*>(from)->~D();
+                                   },
+                                   [](void* p) noexcept { static_cast<D*>(p)->~D(); }};
 
     template <typename D>
     static constexpr Ops heapOps{

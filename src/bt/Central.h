@@ -49,10 +49,8 @@ class CentralDelegate {
 public:
     virtual ~CentralDelegate();
     virtual void centralManagerDidUpdateState(Central& central);
-    virtual void centralManagerDidDiscoverPeripheralAdvertisementDataRSSI(Central& central,
-                                                                         const PeripheralPtr& peripheral,
-                                                                         const AdvertisementData& advertisement,
-                                                                         int rssi);
+    virtual void centralManagerDidDiscoverPeripheralAdvertisementDataRSSI(
+        Central& central, const PeripheralPtr& peripheral, const AdvertisementData& advertisement, int rssi);
     virtual void centralManagerDidConnectPeripheral(Central& central, const PeripheralPtr& peripheral);
     // error is null for a disconnect the central asked for or a clean link loss.
     virtual void centralManagerDidDisconnectPeripheralError(Central& central, const PeripheralPtr& peripheral,
@@ -93,7 +91,8 @@ public:
     virtual std::vector<PeripheralPtr> retrieveConnectedPeripheralsWithServices(
         const std::vector<Uuid>& serviceUUIDs) = 0;
     // Peripherals the system knows by these identifiers, in the order asked.
-    virtual std::vector<PeripheralPtr> retrievePeripheralsWithIdentifiers(const std::vector<Uuid>& identifiers) = 0;
+    virtual std::vector<PeripheralPtr> retrievePeripheralsWithIdentifiers(
+        const std::vector<Uuid>& identifiers) = 0;
 };
 
 }  // namespace plenk::bt

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <thread>
 
 #include <PlenkKit/Clock.h>
 #include <PlenkKit/Executor.h>
@@ -34,9 +35,11 @@ public:
     // No task queued or running.
     bool idle() const;
 
-private:
     struct State;
+
+private:
     std::shared_ptr<State> state_;
+    std::thread thread_;
 };
 
 }  // namespace plenk::dispatch

@@ -1,0 +1,133 @@
+#include <PlenkKit/Clock.h>
+
+namespace plenk {
+
+Clock::~Clock() = default;
+
+std::shared_ptr<Clock> Clock::steady() {
+    // Never destroyed: timers may still be set by objects torn down at exit.
+    static auto* const instance = new std::shared_ptr<Clock>(std::make_shared<SteadyClock>());
+    return *instance;
+}
+
+SteadyClock::SteadyClock() = default;
+
+SteadyClock::~SteadyClock() {
+    {
+        std::lock_guard lock(mutex_);
+        stopping_ = true;
+    }
+    wake_.notify_all();
+    if (thread_.joinable()) {
+        if (thread_.get_id() == std::this_thread::get_id()) {
+            thread_.detach();
+        } else {
+            thread_.join();
+        }
+    }
+}
+
+Clock::TimePoint SteadyClock::now() const {
+    return std::chrono::time_point_cast<Duration>(std::chrono::steady_clock::now());
+}
+
+Clock::TimerId SteadyClock::callAt(TimePoint deadline, Task fire) {
+    std::lock_guard lock(mutex_);
+    const TimerId id = nextId_++;
+    timers_.emplace(deadline, std::make_pair(id, std::move(fire)));
+    if (!thread_.joinable()) thread_ = std::thread([this] { loop(); });
+    wake_.notify_all();
+    return id;
+}
+
+bool SteadyClock::cancel(TimerId id) {
+    std::lock_guard lock(mutex_);
+    for (auto it = timers_.begin(); it != timers_.end(); ++it) {
+        if (it->second.first == id) {
+            timers_.erase(it);
+            return true;
+        }
+    }
+    return false;
+}
+
+void SteadyClock::loop() {
+    std::unique_lock lock(mutex_);
+    while (!stopping_) {
+        if (timers_.empty()) {
+            wake_.wait(lock);
+            continue;
+        }
+        auto first = timers_.begin();
+        if (first->first > now()) {
+            wake_.wait_until(lock, std::chrono::steady_clock::time_point(first->first));
+            continue;
+        }
+        Task fire = std::move(first->second.second);
+        timers_.erase(first);
+        lock.unlock();
+        fire();
+        fire.reset();
+        lock.lock();
+    }
+}
+
+VirtualClock::VirtualClock(TimePoint start) : now_(start) {}
+
+Clock::TimePoint VirtualClock::now() const {
+    std::lock_guard lock(mutex_);
+    return now_;
+}
+
+Clock::TimerId VirtualClock::callAt(TimePoint deadline, Task fire) {
+    std::lock_guard lock(mutex_);
+    const TimerId id = nextId_++;
+    timers_.emplace(deadline, std::make_pair(id, std::move(fire)));
+    return id;
+}
+
+bool VirtualClock::cancel(TimerId id) {
+    std::lock_guard lock(mutex_);
+    for (auto it = timers_.begin(); it != timers_.end(); ++it) {
+        if (it->second.first == id) {
+            timers_.erase(it);
+            return true;
+        }
+    }
+    return false;
+}
+
+void VirtualClock::advance(Duration by) {
+    advanceTo(now() + by);
+}
+
+void VirtualClock::advanceTo(TimePoint to) {
+    std::unique_lock lock(mutex_);
+    // Timers fire one by one so that a timer set by a firing timer, due before
+    // `to`, fires in the same advance.
+    while (!timers_.empty() && timers_.begin()->first <= to) {
+        auto first = timers_.begin();
+        if (first->first > now_) now_ = first->first;
+        Task fire = std::move(first->second.second);
+        timers_.erase(first);
+        lock.unlock();
+        fire();
+        fire.reset();
+        lock.lock();
+    }
+    if (to > now_) now_ = to;
+}
+
+bool VirtualClock::nextDeadline(TimePoint& out) const {
+    std::lock_guard lock(mutex_);
+    if (timers_.empty()) return false;
+    out = timers_.begin()->first;
+    return true;
+}
+
+std::size_t VirtualClock::pendingTimers() const {
+    std::lock_guard lock(mutex_);
+    return timers_.size();
+}
+
+}  // namespace plenk

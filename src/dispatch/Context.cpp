@@ -1,0 +1,29 @@
+#include <PlenkKit/Context.h>
+
+#include <cstdlib>
+
+#include <PlenkKit/RunLoop.h>
+
+#include "bt/Backend.h"
+
+namespace plenk {
+
+Context Context::resolved() const {
+    Context out = *this;
+    if (!out.clock) out.clock = Clock::steady();
+    if (!out.mainQueue) out.mainQueue = RunLoop::main();
+    if (!out.notifications) out.notifications = NotificationCenter::defaultCenter();
+    if (!out.log) out.log = LogSink::standardOutput();
+    if (!out.backend) {
+        std::string name = out.backendName;
+        if (const char* env = std::getenv("PLENK_BACKEND"); env != nullptr && *env != '\0') name = env;
+        if (name.empty()) name = bt::BackendRegistry::defaultName();
+        out.backendName = name;
+        out.backend = bt::BackendRegistry::create(name, out);
+    } else {
+        out.backendName = out.backend->name();
+    }
+    return out;
+}
+
+}  // namespace plenk
