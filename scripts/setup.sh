@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Installs every Debian package that building and testing PlenkKit needs.
+# Idempotent; runs apt-get as root (through sudo when not root).
+set -euo pipefail
+packages=(
+  build-essential cmake ninja-build pkg-config git
+  g++ clang lld libclang-rt-14-dev clang-format clang-tidy
+  googletest libgtest-dev libgmock-dev libbenchmark-dev
+  libcli11-dev nlohmann-json3-dev
+  python3 binutils
+)
+# --if-needed: do nothing when every package is already installed.
+if [ "${1:-}" = "--if-needed" ] &&
+   dpkg-query -W -f='${Status}\n' "${packages[@]}" 2>/dev/null | grep -qv 'install ok installed' ; then
+  :
+elif [ "${1:-}" = "--if-needed" ] && dpkg-query -W "${packages[@]}" >/dev/null 2>&1; then
+  exit 0
+fi
+as_root=()
+[ "$(id -u)" -eq 0 ] || as_root=(sudo)
+export DEBIAN_FRONTEND=noninteractive
+"${as_root[@]}" apt-get update -q
+"${as_root[@]}" apt-get install -y -q --no-install-recommends "${packages[@]}"

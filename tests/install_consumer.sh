@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# Installs the library into a scratch prefix and builds a consumer program
+# against it twice: with find_package(PlenkKit) and with pkg-config.
+set -euo pipefail
+src=${PLENK_SOURCE_DIR:?} bin=${PLENK_BINARY_DIR:?}
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+cmake --install "$bin" --prefix "$prefix" >/dev/null
+
+expected_head='@(#)PROGRAM:PlenkKit  PROJECT:PlenkKit-1'
+check() {
+  local exe=$1
+  local out
+  out=$(LD_LIBRARY_PATH=$prefix/lib "$exe" 2>&1)
+  echo "$out" | grep -qF "$expected_head" || { echo "version string missing: $out"; exit 1; }
+  echo "$out" | grep -qF '|1.0|0a1b|Device BLE power off|1' || { echo "unexpected output: $out"; exit 1; }
+}
+
+# 1. CMake package
+cmake -S "$src/tests/consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_CXX_COMPILER="${CXX:-c++}" >/dev/null
+cmake --build "$work/cmake-build" >/dev/null
+check "$work/cmake-build/consumer"
+
+# 2. pkg-config
+export PKG_CONFIG_PATH=$prefix/lib/pkgconfig:$prefix/lib/x86_64-linux-gnu/pkgconfig
+# shellcheck disable=SC2046
+"${CXX:-c++}" -o "$work/pc-consumer" "$src/tests/consumer/main.cpp" $(pkg-config --cflags --libs plenkkit)
+check "$work/pc-consumer"
+
+# The installed library carries its SONAME.
+so=$(find "$prefix" -name 'libplenkkit.so.1.0.0' | head -n1)
+objdump -p "$so" | grep -q 'SONAME *libplenkkit.so.1' || { echo "SONAME missing"; exit 1; }
+echo "install consumer: ok"
