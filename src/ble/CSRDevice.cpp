@@ -1,0 +1,325 @@
+#include "ble/CSRDevice.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace plenk {
+
+namespace {
+
+// Strict UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
+bool isValidUtf8(std::span<const std::uint8_t> text) {
+    std::size_t i = 0;
+    while (i < text.size()) {
+        const std::uint8_t b = text[i];
+        std::size_t extra = 0;
+        std::uint8_t min = 0x80, max = 0xBF;  // bounds of the second byte
+        if (b < 0x80) {
+            ++i;
+            continue;
+        } else if (b >= 0xC2 && b <= 0xDF) {
+            extra = 1;
+        } else if (b >= 0xE0 && b <= 0xEF) {
+            extra = 2;
+            if (b == 0xE0) min = 0xA0;
+            if (b == 0xED) max = 0x9F;
+        } else if (b >= 0xF0 && b <= 0xF4) {
+            extra = 3;
+            if (b == 0xF0) min = 0x90;
+            if (b == 0xF4) max = 0x8F;
+        } else {
+            return false;
+        }
+        if (text.size() - i <= extra) return false;
+        if (text[i + 1] < min || text[i + 1] > max) return false;
+        for (std::size_t k = 2; k <= extra; ++k) {
+            if ((text[i + k] & 0xC0) != 0x80) return false;
+        }
+        i += extra + 1;
+    }
+    return true;
+}
+
+const std::optional<std::vector<bt::Uuid>>& batteryCharacteristicList() {
+    static const std::optional<std::vector<bt::Uuid>> list{std::vector<bt::Uuid>{gatt::kBatteryLevel}};
+    return list;
+}
+
+const std::optional<std::vector<bt::Uuid>>& deviceInformationCharacteristicList() {
+    static const std::optional<std::vector<bt::Uuid>> list{
+        std::vector<bt::Uuid>{gatt::kManufacturerName, gatt::kModelNumber, gatt::kHardwareRevision,
+                              gatt::kFirmwareRevision, gatt::kSoftwareRevision}};
+    return list;
+}
+
+}  // namespace
+
+CSRDeviceDelegate::~CSRDeviceDelegate() = default;
+void CSRDeviceDelegate::RSSIOnDevice(int, CSRDevice&) {}
+void CSRDeviceDelegate::batteryLifeOnDevice(std::int64_t, CSRDevice&) {}
+void CSRDeviceDelegate::updateDeviceCurrentStateOnDevice(std::int64_t, CSRDevice&) {}
+
+CSRDevice::CSRDevice(bt::PeripheralPtr peripheral) : peripheral_(std::move(peripheral)) {
+    deviceName_ = peripheral_->name();
+    queueLabel_ = deviceName_;
+}
+
+CSRDevice::~CSRDevice() = default;
+
+std::shared_ptr<CSRDevice> CSRDevice::create(const bt::PeripheralPtr& peripheral) {
+    if (!peripheral) return nullptr;
+    std::shared_ptr<CSRDevice> device(new CSRDevice(peripheral));
+    device->attach();
+    return device;
+}
+
+void CSRDevice::attach() {
+    becomeDelegateOf(peripheral());
+}
+
+void CSRDevice::becomeDelegateOf(const bt::PeripheralPtr& peripheral) {
+    if (peripheral) peripheral->setDelegate(std::weak_ptr<bt::PeripheralDelegate>(weak_from_this()));
+}
+
+void CSRDevice::renewPeripheral(const bt::PeripheralPtr& peripheral) {
+    if (!peripheral) return;
+    {
+        std::lock_guard lock(mutex_);
+        peripheral_ = peripheral;
+    }
+    becomeDelegateOf(peripheral);
+}
+
+void CSRDevice::discoverServices(const std::optional<std::vector<bt::Uuid>>& serviceUUIDs) {
+    if (auto p = peripheral()) p->discoverServices(serviceUUIDs);
+}
+
+void CSRDevice::readRSSI() {
+    if (auto p = peripheral()) p->readRSSI();
+}
+
+void CSRDevice::readBatteryState() {
+    bt::PeripheralPtr p;
+    bt::CharacteristicPtr battery;
+    {
+        std::lock_guard lock(mutex_);
+        p = peripheral_;
+        battery = batteryChar_;
+    }
+    if (p && battery) p->readValueForCharacteristic(battery);
+}
+
+void CSRDevice::readFirmwareVersionWithCompletion(FirmwareVersionCompletion completion) {
+    bt::PeripheralPtr p;
+    bt::CharacteristicPtr firmware;
+    {
+        std::lock_guard lock(mutex_);
+        p = peripheral_;
+        firmware = firmwareChar_;
+        if (firmware) fwVersionBlock_ = std::move(completion);
+    }
+    if (firmware) {
+        p->readValueForCharacteristic(firmware);
+    } else if (completion) {
+        completion(std::nullopt, Error::make<RKErrorDeviceNOCharacteristic>(std::string(kDeviceDomain), 1));
+    }
+}
+
+std::optional<std::string> CSRDevice::textFromValue(std::span<const std::uint8_t> value) {
+    const auto end = std::find(value.begin(), value.end(), std::uint8_t{0});
+    const auto text = value.first(static_cast<std::size_t>(end - value.begin()));
+    if (!isValidUtf8(text)) return std::nullopt;
+    return std::string(text.begin(), text.end());
+}
+
+// Accessors.
+
+std::optional<std::string> CSRDevice::deviceName() const {
+    std::lock_guard lock(mutex_);
+    return deviceName_;
+}
+void CSRDevice::setDeviceName(std::optional<std::string> name) {
+    std::lock_guard lock(mutex_);
+    deviceName_ = std::move(name);
+}
+bt::PeripheralPtr CSRDevice::peripheral() const {
+    std::lock_guard lock(mutex_);
+    return peripheral_;
+}
+std::uint64_t CSRDevice::currentState() const {
+    std::lock_guard lock(mutex_);
+    return currentState_;
+}
+void CSRDevice::setCurrentState(std::uint64_t state) {
+    std::lock_guard lock(mutex_);
+    currentState_ = state;
+}
+std::shared_ptr<CSRDeviceDelegate> CSRDevice::reportDelegate() const {
+    std::lock_guard lock(mutex_);
+    return delegate_.lock();
+}
+void CSRDevice::storeDelegate(std::weak_ptr<CSRDeviceDelegate> delegate) {
+    std::lock_guard lock(mutex_);
+    delegate_ = std::move(delegate);
+}
+std::int64_t CSRDevice::batteryLife() const {
+    std::lock_guard lock(mutex_);
+    return batteryLife_;
+}
+std::optional<std::string> CSRDevice::manufacturer() const {
+    std::lock_guard lock(mutex_);
+    return manufacturer_;
+}
+void CSRDevice::setManufacturer(std::optional<std::string> text) {
+    std::lock_guard lock(mutex_);
+    manufacturer_ = std::move(text);
+}
+std::optional<std::string> CSRDevice::model() const {
+    std::lock_guard lock(mutex_);
+    return model_;
+}
+void CSRDevice::setModel(std::optional<std::string> text) {
+    std::lock_guard lock(mutex_);
+    model_ = std::move(text);
+}
+std::optional<std::string> CSRDevice::hardwareVersion() const {
+    std::lock_guard lock(mutex_);
+    return hardwareVersion_;
+}
+void CSRDevice::setHardwareVersion(std::optional<std::string> text) {
+    std::lock_guard lock(mutex_);
+    hardwareVersion_ = std::move(text);
+}
+std::optional<std::string> CSRDevice::firmwareVersion() const {
+    std::lock_guard lock(mutex_);
+    return firmwareVersion_;
+}
+void CSRDevice::setFirmwareVersion(std::optional<std::string> text) {
+    std::lock_guard lock(mutex_);
+    firmwareVersion_ = std::move(text);
+}
+std::optional<std::string> CSRDevice::softwareVersion() const {
+    std::lock_guard lock(mutex_);
+    return softwareVersion_;
+}
+void CSRDevice::setSoftwareVersion(std::optional<std::string> text) {
+    std::lock_guard lock(mutex_);
+    softwareVersion_ = std::move(text);
+}
+CSRDevice::FirmwareVersionCompletion CSRDevice::fwVersionBlock() const {
+    std::lock_guard lock(mutex_);
+    return fwVersionBlock_;
+}
+void CSRDevice::setFwVersionBlock(FirmwareVersionCompletion completion) {
+    std::lock_guard lock(mutex_);
+    fwVersionBlock_ = std::move(completion);
+}
+
+// Events, on the "Corebluetooth" queue.
+
+void CSRDevice::peripheralDidDiscoverServices(bt::Peripheral& peripheral, const ErrorPtr& error) {
+    if (error) return;
+    for (const auto& service : peripheral.services()) {
+        if (!service) continue;
+        const auto uuid = service->uuid();
+        if (uuid == gatt::kBatteryService) {
+            {
+                std::lock_guard lock(mutex_);
+                batteryService_ = service;
+            }
+            peripheral.discoverCharacteristics(batteryCharacteristicList(), service);
+        } else if (uuid == gatt::kDeviceInformationService) {
+            {
+                std::lock_guard lock(mutex_);
+                deviceInfoService_ = service;
+            }
+            peripheral.discoverCharacteristics(deviceInformationCharacteristicList(), service);
+        }
+    }
+}
+
+void CSRDevice::peripheralDidDiscoverCharacteristicsForServiceError(bt::Peripheral&,
+                                                                    const bt::ServicePtr& service,
+                                                                    const ErrorPtr& error) {
+    if (error || !service) return;
+    const auto serviceUuid = service->uuid();
+    if (serviceUuid == gatt::kBatteryService) {
+        for (const auto& c : service->characteristics()) {
+            if (c && c->uuid() == gatt::kBatteryLevel) {
+                std::lock_guard lock(mutex_);
+                batteryChar_ = c;
+            }
+        }
+    } else if (serviceUuid == gatt::kDeviceInformationService) {
+        // Texts come from whatever value is already cached at discovery
+        // (normally none, so empty texts); only the firmware revision is ever
+        // read from the peripheral, on request.
+        for (const auto& c : service->characteristics()) {
+            if (!c) continue;
+            const auto uuid = c->uuid();
+            auto text = textFromValue(c->value().span());
+            std::lock_guard lock(mutex_);
+            if (uuid == gatt::kManufacturerName) {
+                manufacturerChar_ = c;
+                manufacturer_ = std::move(text);
+            } else if (uuid == gatt::kModelNumber) {
+                modelChar_ = c;
+                model_ = std::move(text);
+            } else if (uuid == gatt::kHardwareRevision) {
+                hardwareChar_ = c;
+                hardwareVersion_ = std::move(text);
+            } else if (uuid == gatt::kFirmwareRevision) {
+                firmwareChar_ = c;
+                firmwareVersion_ = std::move(text);
+            } else if (uuid == gatt::kSoftwareRevision) {
+                softwareChar_ = c;
+                softwareVersion_ = std::move(text);
+            }
+        }
+    }
+}
+
+void CSRDevice::peripheralDidUpdateValueForCharacteristicError(bt::Peripheral&,
+                                                               const bt::CharacteristicPtr& characteristic,
+                                                               const ErrorPtr& error) {
+    // A failed read leaves a pending firmware request pending.
+    if (error || !characteristic) return;
+    enum class Match { None, Battery, Firmware } match = Match::None;
+    {
+        // Identity, not UUID, and the first match decides.
+        std::lock_guard lock(mutex_);
+        const auto* c = characteristic.get();
+        if (c == batteryChar_.get()) {
+            match = Match::Battery;
+        } else if (c == manufacturerChar_.get() || c == modelChar_.get() || c == hardwareChar_.get()) {
+            match = Match::None;  // those texts are not refreshed by later reads
+        } else if (c == firmwareChar_.get()) {
+            match = Match::Firmware;
+        }
+    }
+    if (match == Match::Battery) {
+        const auto value = characteristic->value();
+        // An empty level value carries no level: the update is ignored.
+        if (value.empty()) return;
+        const std::int64_t level = static_cast<std::int8_t>(value[0]);
+        {
+            std::lock_guard lock(mutex_);
+            batteryLife_ = level;
+        }
+        if (auto d = reportDelegate()) d->batteryLifeOnDevice(level, *this);
+    } else if (match == Match::Firmware) {
+        auto text = textFromValue(characteristic->value().span());
+        FirmwareVersionCompletion completion;
+        {
+            std::lock_guard lock(mutex_);
+            firmwareVersion_ = text;
+            completion = std::exchange(fwVersionBlock_, nullptr);
+        }
+        if (completion) completion(std::move(text), nullptr);
+    }
+}
+
+void CSRDevice::peripheralDidWriteValueForCharacteristicError(bt::Peripheral&, const bt::CharacteristicPtr&,
+                                                              const ErrorPtr&) {}
+
+}  // namespace plenk

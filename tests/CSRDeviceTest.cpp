@@ -1,0 +1,250 @@
+// The generic device on a simulated peripheral: service dispatch, the battery
+// level, Device Information texts and the firmware-version request.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+
+#include "DeviceTestSupport.h"
+#include "ble/CSRDevice.h"
+
+namespace plenk {
+namespace {
+
+using test::SimHarness;
+namespace em = emulator;
+
+std::vector<std::uint8_t> bytesOf(std::string_view text) {
+    return {text.begin(), text.end()};
+}
+
+class CSRDeviceTest : public ::testing::Test {
+protected:
+    // Links `peripheral`, wraps it and runs a full discovery.
+    void start(const std::shared_ptr<sim::VirtualPeripheral>& peripheral) {
+        link = test::connect(h, peripheral);
+        ASSERT_TRUE(link.peripheral);
+        device = CSRDevice::create(link.peripheral);
+        ASSERT_TRUE(device);
+        device->setDelegate(delegate);
+        device->discoverServices(std::nullopt);
+        h.settle();
+    }
+
+    // A peripheral with one service holding the given characteristics.
+    std::shared_ptr<sim::VirtualPeripheral> addPlainPeripheral(bt::Uuid service,
+                                                               std::vector<em::CharacteristicSpec> chars) {
+        sim::PeripheralOptions options;
+        options.name = "Thermometer";
+        options.profile.services.push_back(em::ServiceSpec{service, true, std::move(chars)});
+        return h.world->addPeripheral(std::move(options));
+    }
+
+    SimHarness h;
+    std::shared_ptr<test::RecordingDeviceDelegate> delegate =
+        std::make_shared<test::RecordingDeviceDelegate>();
+    test::Link link;
+    std::shared_ptr<CSRDevice> device;
+};
+
+TEST_F(CSRDeviceTest, CreationTakesTheNameAndTheDelegateSlotAndStartsNothing) {
+    auto scale = h.addScale("Plenk Scale");
+    link = test::connect(h, scale);
+    device = CSRDevice::create(link.peripheral);
+    h.settle();
+    EXPECT_EQ(device->deviceName(), "Plenk Scale");
+    EXPECT_EQ(device->peripheral(), link.peripheral);
+    EXPECT_EQ(link.peripheral->delegate(), device);
+    EXPECT_TRUE(link.peripheral->services().empty());  // no discovery of its own
+    EXPECT_EQ(device->currentState(), 0u);
+    EXPECT_EQ(device->batteryLife(), 0);
+}
+
+TEST_F(CSRDeviceTest, AfterDiscoveryWithoutCachedValuesTheTextsAreEmptyNotNull) {
+    start(h.addScale());
+    for (const auto& text : {device->manufacturer(), device->model(), device->hardwareVersion(),
+                             device->firmwareVersion(), device->softwareVersion()}) {
+        ASSERT_TRUE(text.has_value());
+        EXPECT_EQ(*text, "");
+    }
+    EXPECT_TRUE(delegate->battery().empty());  // nothing is read by discovery
+}
+
+TEST_F(CSRDeviceTest, CachedTextsEndAtTheFirstZeroAndInvalidUtf8IsNull) {
+    auto scale = h.addScale();
+    scale->setCharacteristicValue(em::kManufacturerName, bt::Bytes(bytesOf(std::string("1.2.3\0xyz", 9))),
+                                  true);
+    scale->setCharacteristicValue(em::kModelNumber, bt::Bytes{0xC3, 0x28}, true);
+    scale->setCharacteristicValue(em::kHardwareRevision, bt::Bytes{}, true);
+    scale->setCharacteristicValue(em::kFirmwareRevision, bt::Bytes(bytesOf("W\xC3\xA4gen 2")), true);
+    start(scale);
+    EXPECT_EQ(device->manufacturer(), "1.2.3");
+    EXPECT_EQ(device->model(), std::nullopt);
+    EXPECT_EQ(device->hardwareVersion(), "");
+    EXPECT_EQ(device->firmwareVersion(), "W\xC3\xA4gen 2");
+    EXPECT_EQ(device->softwareVersion(), "");  // not cached: nothing to decode
+}
+
+TEST(CSRDeviceTextFromValue, DecodesUpToTheFirstZeroAsStrictUtf8) {
+    struct Case {
+        std::vector<std::uint8_t> value;
+        std::optional<std::string> text;
+    };
+    const Case cases[] = {
+        {{}, ""},
+        {{0x00, 'a'}, ""},
+        {bytesOf("PS-1"), "PS-1"},
+        {{'1', 0x00, 0xFF}, "1"},  // invalid bytes after the zero do not count
+        {{0xE2, 0x82, 0xAC}, "\xE2\x82\xAC"},
+        {{0xF0, 0x9F, 0x98, 0x80}, "\xF0\x9F\x98\x80"},
+        {{0xFF}, std::nullopt},
+        {{'a', 0x80}, std::nullopt},               // lone continuation byte
+        {{0xC0, 0x80}, std::nullopt},              // overlong
+        {{0xED, 0xA0, 0x80}, std::nullopt},        // surrogate
+        {{0xF4, 0x90, 0x80, 0x80}, std::nullopt},  // above U+10FFFF
+        {{0xE2, 0x82}, std::nullopt},              // truncated at the end
+        {{0xE2, 0x82, 0x00}, std::nullopt},        // truncated by the zero
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(CSRDevice::textFromValue(c.value), c.text) << ::testing::PrintToString(c.value);
+    }
+}
+
+TEST_F(CSRDeviceTest, BatteryLevelIsTheFirstByteAsSigned) {
+    auto scale = h.addScale();
+    start(scale);
+    struct Case {
+        bt::Bytes value;
+        std::int64_t level;
+    };
+    const Case cases[] = {{{0x64}, 100}, {{0xFF}, -1}, {{0x80}, -128}, {{0x10, 0x99, 0x01}, 16}, {{0x00}, 0}};
+    std::vector<std::int64_t> expected;
+    for (const auto& c : cases) {
+        scale->setCharacteristicValue(em::kBatteryLevel, c.value);
+        device->readBatteryState();
+        h.settle();
+        expected.push_back(c.level);
+        EXPECT_EQ(device->batteryLife(), c.level);
+        EXPECT_EQ(delegate->battery(), expected);
+    }
+    // An empty value carries no level: nothing changes and nobody is told.
+    scale->setCharacteristicValue(em::kBatteryLevel, bt::Bytes{});
+    device->readBatteryState();
+    h.settle();
+    EXPECT_EQ(device->batteryLife(), 0);
+    EXPECT_EQ(delegate->battery(), expected);
+    // A failed read is ignored too.
+    scale->setCharacteristicValue(em::kBatteryLevel, bt::Bytes{0x20});
+    scale->failReads(em::kBatteryLevel, sim::attError(sim::kAttReadNotPermitted));
+    device->readBatteryState();
+    h.settle();
+    EXPECT_EQ(delegate->battery(), expected);
+}
+
+TEST_F(CSRDeviceTest, FirmwareRequestsReplaceEachOtherAndOnlyTheLastIsAnswered) {
+    start(h.addScale());
+    // Replies take a while, so both requests are out before the first reply.
+    h.world->setTimings(sim::Timings{{}, {}, std::chrono::milliseconds(2)});
+    std::atomic<int> first{0};
+    std::vector<std::optional<std::string>> second;
+    std::mutex mutex;
+    device->readFirmwareVersionWithCompletion([&](auto, auto) { ++first; });
+    device->readFirmwareVersionWithCompletion([&](std::optional<std::string> version, ErrorPtr error) {
+        EXPECT_EQ(error, nullptr);
+        std::lock_guard lock(mutex);
+        second.push_back(std::move(version));
+    });
+    h.advance(std::chrono::milliseconds(10));
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(second, (std::vector<std::optional<std::string>>{"1.2.3"}));
+    EXPECT_EQ(device->firmwareVersion(), "1.2.3");
+    EXPECT_FALSE(device->fwVersionBlock());
+}
+
+TEST_F(CSRDeviceTest, AFailedFirmwareReadLeavesTheRequestPending) {
+    auto scale = h.addScale();
+    start(scale);
+    scale->failReads(em::kFirmwareRevision, sim::attError(sim::kAttUnlikelyError));
+    std::atomic<int> calls{0};
+    device->readFirmwareVersionWithCompletion([&](auto, auto) { ++calls; });
+    h.settle();
+    EXPECT_EQ(calls, 0);
+    EXPECT_TRUE(device->fwVersionBlock());
+
+    // A firmware value arriving later answers it, whoever asked for the read.
+    scale->failReads(em::kFirmwareRevision, nullptr);
+    auto firmware = test::findCharacteristic(*link.peripheral, em::kFirmwareRevision);
+    ASSERT_TRUE(firmware);
+    link.peripheral->readValueForCharacteristic(firmware);
+    h.settle();
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(device->firmwareVersion(), "1.2.3");
+}
+
+TEST_F(CSRDeviceTest, WithoutStandardServicesNothingIsReadAndFirmwareFailsAtOnce) {
+    // The only battery-level and firmware characteristics sit under a foreign service.
+    start(addPlainPeripheral(bt::Uuid::from16(0x1234),
+                             {{em::kBatteryLevel, em::kGattRead, bt::Bytes{0x42}, true},
+                              {em::kFirmwareRevision, em::kGattRead, bt::Bytes(bytesOf("9.9")), true}}));
+    device->readBatteryState();
+    h.settle();
+    EXPECT_TRUE(delegate->battery().empty());
+    EXPECT_EQ(device->firmwareVersion(), std::nullopt);
+
+    bool called = false;
+    device->readFirmwareVersionWithCompletion([&](std::optional<std::string> version, ErrorPtr error) {
+        called = true;
+        EXPECT_EQ(version, std::nullopt);
+        ASSERT_TRUE(error);
+        EXPECT_TRUE(isKind<RKErrorDeviceNOCharacteristic>(error));
+        EXPECT_EQ(error->domain(), "DeviceDomain");
+        EXPECT_NE(error->domain(), LEDeviceErrorDomain);
+        EXPECT_EQ(error->code(), 1);
+        EXPECT_EQ(error->localizedDescription(), "No such characteristic");
+    });
+    EXPECT_TRUE(called);  // on the caller's thread, before returning
+    EXPECT_FALSE(device->fwVersionBlock());
+}
+
+TEST_F(CSRDeviceTest, RenewKeepsTheFirstNameAndNameUpdatesAreIgnored) {
+    auto scale = h.addScale("Plenk Scale");
+    start(scale);
+    scale->setName("Plenk Renamed");
+    h.settle();
+    EXPECT_EQ(device->deviceName(), "Plenk Scale");
+
+    // A new peripheral object for the same scale, as after a reconnect.
+    link.central->cancelPeripheralConnection(link.peripheral);
+    h.settle();
+    auto again = test::connect(h, scale);
+    ASSERT_TRUE(again.peripheral);
+    ASSERT_EQ(again.peripheral->name(), "Plenk Renamed");
+    device->renewPeripheral(again.peripheral);
+    EXPECT_EQ(device->peripheral(), again.peripheral);
+    EXPECT_EQ(again.peripheral->delegate(), device);
+    EXPECT_EQ(device->deviceName(), "Plenk Scale");
+
+    // The characteristics found before are kept until a new discovery: the
+    // firmware request is armed, not refused.
+    std::atomic<int> calls{0};
+    device->readFirmwareVersionWithCompletion([&](std::optional<std::string> version, ErrorPtr error) {
+        EXPECT_EQ(version, "1.2.3");
+        EXPECT_EQ(error, nullptr);
+        ++calls;
+    });
+    EXPECT_TRUE(device->fwVersionBlock());
+    device->discoverServices(std::nullopt);
+    h.settle();
+    device->readFirmwareVersionWithCompletion([&](std::optional<std::string> version, ErrorPtr) {
+        EXPECT_EQ(version, "1.2.3");
+        ++calls;
+    });
+    h.settle();
+    EXPECT_EQ(calls, 1);
+
+    device->renewPeripheral(nullptr);  // ignored
+    EXPECT_EQ(device->peripheral(), again.peripheral);
+}
+
+}  // namespace
+}  // namespace plenk
