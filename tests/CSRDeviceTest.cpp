@@ -32,11 +32,11 @@ protected:
     }
 
     // A peripheral with one service holding the given characteristics.
-    std::shared_ptr<sim::VirtualPeripheral> addPlainPeripheral(bt::Uuid service,
-                                                               std::vector<em::CharacteristicSpec> chars) {
+    std::shared_ptr<sim::VirtualPeripheral> addPlainPeripheral(
+        bt::Uuid service, std::vector<em::CharacteristicDefinition> chars) {
         sim::PeripheralOptions options;
         options.name = "Thermometer";
-        options.profile.services.push_back(em::ServiceSpec{service, true, std::move(chars)});
+        options.profile.services.push_back(em::ServiceDefinition{service, true, std::move(chars)});
         return h.world->addPeripheral(std::move(options));
     }
 

@@ -12,30 +12,31 @@ auto findByUuid(Range& range, const Key& uuid) noexcept -> decltype(&*range.begi
 }
 }  // namespace
 
-CharacteristicSpec* ServiceSpec::find(const bt::Uuid& characteristic) noexcept {
+CharacteristicDefinition* ServiceDefinition::find(const bt::Uuid& characteristic) noexcept {
     return findByUuid(characteristics, characteristic);
 }
 
-const CharacteristicSpec* ServiceSpec::find(const bt::Uuid& characteristic) const noexcept {
+const CharacteristicDefinition* ServiceDefinition::find(const bt::Uuid& characteristic) const noexcept {
     return findByUuid(characteristics, characteristic);
 }
 
-ServiceSpec* GattProfile::find(const bt::Uuid& service) noexcept {
+ServiceDefinition* GattProfile::find(const bt::Uuid& service) noexcept {
     return findByUuid(services, service);
 }
 
-const ServiceSpec* GattProfile::find(const bt::Uuid& service) const noexcept {
+const ServiceDefinition* GattProfile::find(const bt::Uuid& service) const noexcept {
     return findByUuid(services, service);
 }
 
-CharacteristicSpec* GattProfile::findCharacteristic(const bt::Uuid& characteristic) noexcept {
+CharacteristicDefinition* GattProfile::findCharacteristic(const bt::Uuid& characteristic) noexcept {
     for (auto& service : services) {
         if (auto* found = service.find(characteristic)) return found;
     }
     return nullptr;
 }
 
-const CharacteristicSpec* GattProfile::findCharacteristic(const bt::Uuid& characteristic) const noexcept {
+const CharacteristicDefinition* GattProfile::findCharacteristic(
+    const bt::Uuid& characteristic) const noexcept {
     for (const auto& service : services) {
         if (const auto* found = service.find(characteristic)) return found;
     }
@@ -43,14 +44,14 @@ const CharacteristicSpec* GattProfile::findCharacteristic(const bt::Uuid& charac
 }
 
 bool GattProfile::removeService(const bt::Uuid& service) {
-    return std::erase_if(services, [&](const ServiceSpec& s) { return s.uuid == service; }) > 0;
+    return std::erase_if(services, [&](const ServiceDefinition& s) { return s.uuid == service; }) > 0;
 }
 
 bool GattProfile::removeCharacteristic(const bt::Uuid& service, const bt::Uuid& characteristic) {
-    ServiceSpec* entry = find(service);
+    ServiceDefinition* entry = find(service);
     if (entry == nullptr) return false;
     return std::erase_if(entry->characteristics,
-                         [&](const CharacteristicSpec& c) { return c.uuid == characteristic; }) > 0;
+                         [&](const CharacteristicDefinition& c) { return c.uuid == characteristic; }) > 0;
 }
 
 }  // namespace plenk::emulator

@@ -59,7 +59,7 @@ enum GattProperty : std::uint32_t {
     kGattIndicate = 0x20,
 };
 
-struct CharacteristicSpec {
+struct CharacteristicDefinition {
     bt::Uuid uuid;
     std::uint32_t properties = 0;
     // The value the device holds (served on reads unless the device computes it).
@@ -70,23 +70,23 @@ struct CharacteristicSpec {
     bool cached = false;
 };
 
-struct ServiceSpec {
+struct ServiceDefinition {
     bt::Uuid uuid;
     bool primary = true;
-    std::vector<CharacteristicSpec> characteristics;
+    std::vector<CharacteristicDefinition> characteristics;
 
-    CharacteristicSpec* find(const bt::Uuid& characteristic) noexcept;
-    const CharacteristicSpec* find(const bt::Uuid& characteristic) const noexcept;
+    CharacteristicDefinition* find(const bt::Uuid& characteristic) noexcept;
+    const CharacteristicDefinition* find(const bt::Uuid& characteristic) const noexcept;
 };
 
 struct GattProfile {
-    std::vector<ServiceSpec> services;
+    std::vector<ServiceDefinition> services;
 
-    ServiceSpec* find(const bt::Uuid& service) noexcept;
-    const ServiceSpec* find(const bt::Uuid& service) const noexcept;
+    ServiceDefinition* find(const bt::Uuid& service) noexcept;
+    const ServiceDefinition* find(const bt::Uuid& service) const noexcept;
     // The first characteristic with this UUID in any service.
-    CharacteristicSpec* findCharacteristic(const bt::Uuid& characteristic) noexcept;
-    const CharacteristicSpec* findCharacteristic(const bt::Uuid& characteristic) const noexcept;
+    CharacteristicDefinition* findCharacteristic(const bt::Uuid& characteristic) noexcept;
+    const CharacteristicDefinition* findCharacteristic(const bt::Uuid& characteristic) const noexcept;
     // Return whether something was removed.
     bool removeService(const bt::Uuid& service);
     bool removeCharacteristic(const bt::Uuid& service, const bt::Uuid& characteristic);

@@ -85,40 +85,42 @@ void ScaleEmulator::disconnected(Clock::TimePoint /*now*/) {
 GattProfile ScaleEmulator::profile() const {
     GattProfile profile;
     if (updateMode_) {
-        profile.services.push_back(ServiceSpec{kDfuService,
-                                               true,
-                                               {
-                                                   {kDfuControlPoint, kGattWrite | kGattNotify, {}, false},
-                                                   {kDfuPacket, kGattWriteWithoutResponse, {}, false},
-                                                   {kDfuVersion, kGattRead, bt::Bytes{0x08, 0x00}, false},
-                                               }});
+        profile.services.push_back(
+            ServiceDefinition{kDfuService,
+                              true,
+                              {
+                                  {kDfuControlPoint, kGattWrite | kGattNotify, {}, false},
+                                  {kDfuPacket, kGattWriteWithoutResponse, {}, false},
+                                  {kDfuVersion, kGattRead, bt::Bytes{0x08, 0x00}, false},
+                              }});
         return profile;
     }
     const auto& info = options_.info;
     const bool cached = options_.cacheDeviceInformation;
-    profile.services.push_back(ServiceSpec{kBatteryService,
-                                           true,
-                                           {{kBatteryLevel, kGattRead | kGattNotify,
-                                             bt::Bytes{static_cast<std::uint8_t>(batteryLevel_)}, false}}});
     profile.services.push_back(
-        ServiceSpec{kDeviceInformationService,
-                    true,
-                    {
-                        {kManufacturerName, kGattRead, textBytes(info.manufacturer), cached},
-                        {kModelNumber, kGattRead, textBytes(info.model), cached},
-                        {kHardwareRevision, kGattRead, textBytes(info.hardware), cached},
-                        {kFirmwareRevision, kGattRead, textBytes(info.firmware), cached},
-                        {kSoftwareRevision, kGattRead, textBytes(info.software), cached},
-                    }});
+        ServiceDefinition{kBatteryService,
+                          true,
+                          {{kBatteryLevel, kGattRead | kGattNotify,
+                            bt::Bytes{static_cast<std::uint8_t>(batteryLevel_)}, false}}});
     profile.services.push_back(
-        ServiceSpec{kScaleService,
-                    true,
-                    {
-                        {kCommandCharacteristic, kGattWrite | kGattWriteWithoutResponse, {}, false},
-                        {kDataCharacteristic, kGattNotify, {}, false},
-                        {kControlCharacteristic, kGattNotify, {}, false},
-                        {kInfoCharacteristic, kGattRead, {}, false},
-                    }});
+        ServiceDefinition{kDeviceInformationService,
+                          true,
+                          {
+                              {kManufacturerName, kGattRead, textBytes(info.manufacturer), cached},
+                              {kModelNumber, kGattRead, textBytes(info.model), cached},
+                              {kHardwareRevision, kGattRead, textBytes(info.hardware), cached},
+                              {kFirmwareRevision, kGattRead, textBytes(info.firmware), cached},
+                              {kSoftwareRevision, kGattRead, textBytes(info.software), cached},
+                          }});
+    profile.services.push_back(
+        ServiceDefinition{kScaleService,
+                          true,
+                          {
+                              {kCommandCharacteristic, kGattWrite | kGattWriteWithoutResponse, {}, false},
+                              {kDataCharacteristic, kGattNotify, {}, false},
+                              {kControlCharacteristic, kGattNotify, {}, false},
+                              {kInfoCharacteristic, kGattRead, {}, false},
+                          }});
     return profile;
 }
 
