@@ -1,0 +1,65 @@
+#include "Arguments.h"
+
+#include <charconv>
+#include <limits>
+#include <string>
+
+#include "Commands.h"
+
+namespace plenk::cli {
+
+namespace {
+
+[[noreturn]] void reject(std::string_view what, std::string_view text, std::string_view expected) {
+    throw UsageError(std::string(what) + ": '" + std::string(text) + "' is not " + std::string(expected));
+}
+
+// Parses an optionally signed integer, decimal or with a 0x prefix; false if the
+// text is not wholly such a number or does not fit in 64 bits.
+bool parseInteger(std::string_view text, std::int64_t& value) {
+    bool negative = false;
+    if (!text.empty() && (text.front() == '-' || text.front() == '+')) {
+        negative = text.front() == '-';
+        text.remove_prefix(1);
+    }
+    int base = 10;
+    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+        base = 16;
+        text.remove_prefix(2);
+    }
+    if (text.empty() || text.front() == '-' || text.front() == '+') return false;
+    std::uint64_t magnitude = 0;
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), magnitude, base);
+    if (ec != std::errc{} || end != text.data() + text.size()) return false;
+    constexpr auto kMax = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+    if (magnitude > kMax + (negative ? 1 : 0)) return false;
+    value = negative ? static_cast<std::int64_t>(0 - magnitude) : static_cast<std::int64_t>(magnitude);
+    return true;
+}
+
+}  // namespace
+
+std::uint8_t parseByteArgument(std::string_view text, std::string_view what) {
+    std::int64_t value = 0;
+    if (!parseInteger(text, value) || value < 0 || value > 255) {
+        reject(what, text, "a byte (0..255, decimal or 0x-hex)");
+    }
+    return static_cast<std::uint8_t>(value);
+}
+
+std::int32_t parseInt32Argument(std::string_view text, std::string_view what) {
+    std::int64_t value = 0;
+    if (!parseInteger(text, value) || value < std::numeric_limits<std::int32_t>::min() ||
+        value > std::numeric_limits<std::int32_t>::max()) {
+        reject(what, text, "a 32-bit integer");
+    }
+    return static_cast<std::int32_t>(value);
+}
+
+bool parseSwitchArgument(std::string_view text, std::string_view what) {
+    if (text == "on") return true;
+    if (text == "off") return false;
+    reject(what, text, "'on' or 'off'");
+}
+
+}  // namespace plenk::cli

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+namespace plenk::cli {
+
+// Argument conversions shared by the verbs. Each throws UsageError with a
+// message naming `what` and the offending text.
+
+// Decimal ("200") or 0x-hex ("0xC8"), 0..255.
+std::uint8_t parseByteArgument(std::string_view text, std::string_view what);
+// Decimal with optional sign, or 0x-hex; the whole signed 32-bit range.
+std::int32_t parseInt32Argument(std::string_view text, std::string_view what);
+// "on" or "off".
+bool parseSwitchArgument(std::string_view text, std::string_view what);
+
+}  // namespace plenk::cli

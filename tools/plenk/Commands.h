@@ -1,0 +1,30 @@
+#pragma once
+
+#include <stdexcept>
+
+namespace CLI {
+class App;
+}
+
+namespace plenk::cli {
+
+// Options of the top-level app, usable before or after any verb.
+struct GlobalOptions {
+    bool json = false;  // one JSON object per line instead of text
+};
+
+// Bad input from the user (an unparsable argument, malformed hex...): main prints
+// the message as one line on standard error and exits with status 2.
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// One registration function per verb. Each adds its subcommand to `app` and runs
+// from the subcommand's callback; `options` is read when the callback runs, after
+// the whole command line has been parsed.
+void addDecodeCommand(CLI::App& app, const GlobalOptions& options);
+void addFrameCommand(CLI::App& app, const GlobalOptions& options);
+void addWatchCommand(CLI::App& app, const GlobalOptions& options);
+
+}  // namespace plenk::cli

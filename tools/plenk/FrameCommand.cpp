@@ -1,0 +1,261 @@
+// `plenk frame COMMAND [ARGS]`: prints the command frames the library writes to
+// the scale's command characteristic for each command, one frame per line.
+
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "Arguments.h"
+#include "Commands.h"
+#include "HexText.h"
+#include "JsonWriter.h"
+#include "RostaKit/ScaleProtocol.h"
+
+namespace plenk::cli {
+
+namespace {
+
+using wire::Frame;
+using wire::FrameList;
+
+std::string framesAsText(std::span<const Frame> frames) {
+    std::string out;
+    for (const Frame& f : frames) out += formatHex(f.span()) + '\n';
+    return out;
+}
+
+std::string framesAsJson(std::string_view command, std::span<const Frame> frames) {
+    std::vector<std::string> items;
+    for (const Frame& f : frames) {
+        std::vector<std::string> bytes;
+        for (const std::uint8_t b : f.span()) bytes.push_back(jsonString(hexByte(b)));
+        items.push_back(jsonArray(bytes));
+    }
+    return JsonObject().string("command", command).raw("frames", jsonArray(items)).str() + '\n';
+}
+
+FrameList single(const Frame& f) {
+    FrameList list;
+    list.frames[list.count++] = f;
+    return list;
+}
+
+// Positional arguments as given on the command line; absent optional ones are nullopt.
+using Args = std::vector<std::optional<std::string>>;
+
+struct Arg {
+    const char* name;
+    const char* type;  // shown in the help: on|off, BYTE, INT...
+    const char* help;
+    bool required = true;
+};
+
+struct FrameVerb {
+    const char* name;
+    const char* help;
+    std::vector<Arg> args;
+    std::vector<std::string> example;  // arguments of the example in the command's help
+    // Converts the arguments (throwing UsageError) and builds the frames.
+    std::function<FrameList(const Args&)> build;
+};
+
+const Arg kState{"STATE", "on|off", "on or off"};
+const Arg kLevel{"LEVEL", "INT", "Level, a 32-bit integer: 1, 2 and 3 are sent as such, anything else as 0"};
+const Arg kMode{"MODE", "INT", "Mode, a 32-bit integer: 0, or any other value for mode 1"};
+
+bool state(const Args& a) {
+    return parseSwitchArgument(*a[0], "STATE");
+}
+
+std::vector<FrameVerb> frameVerbs(const std::shared_ptr<bool>& timerDefaultOn) {
+    return {
+        {"tare", "Zero the scale", {}, {}, [](auto&) { return single(wire::tareFrame()); }},
+        {"calibrate",
+         "Calibrate with parameter V",
+         {{"V", "BYTE", "Calibration parameter"}},
+         {"100"},
+         [](auto& a) { return single(wire::calibrateFrame(parseByteArgument(*a[0], "V"))); }},
+        {"unit",
+         "Select the unit: exactly 1 gives unit code 03, anything else 02",
+         {{"N", "INT", "Unit, a 32-bit integer"}},
+         {"1"},
+         [](auto& a) { return single(wire::unitFrame(parseInt32Argument(*a[0], "N"))); }},
+        {"display",
+         "Switch the seven-segment display (on: hand it back to the scale, then on)",
+         {kState},
+         {"on"},
+         [](auto& a) { return wire::ledDisplayFrames(state(a)); }},
+        {"led",
+         "Switch the indication LED",
+         {kState},
+         {"on"},
+         [](auto& a) { return single(wire::indicationLedFrame(state(a))); }},
+        {"engineering",
+         "Switch engineering mode",
+         {kState},
+         {"on"},
+         [](auto& a) { return single(wire::engineeringModeFrame(state(a))); }},
+        {"timer",
+         "Switch the timer; with on, optionally on by default",
+         {kState, {"DEFAULT", "default-on", "The word default-on, same as --default-on", false}},
+         {"on", "default-on"},
+         [timerDefaultOn](auto& a) {
+             if (a[1] && *a[1] != "default-on")
+                 throw UsageError("DEFAULT: '" + *a[1] + "' is not 'default-on'");
+             return single(wire::timerFrame(state(a), *timerDefaultOn || a[1].has_value()));
+         }},
+        {"timer-auto-start",
+         "Switch the timer's auto start",
+         {kState},
+         {"off"},
+         [](auto& a) { return single(wire::timerAutoStartFrame(state(a))); }},
+        {"power-enhanced",
+         "Switch enhanced radio power",
+         {kState},
+         {"on"},
+         [](auto& a) { return single(wire::powerEnhancedFrame(state(a))); }},
+        {"sleep",
+         "Set the sleep time level for a mode",
+         {kLevel, kMode},
+         {"2", "1"},
+         [](auto& a) {
+             return single(
+                 wire::sleepTimeFrame(parseInt32Argument(*a[0], "LEVEL"), parseInt32Argument(*a[1], "MODE")));
+         }},
+        {"advertising",
+         "Set the advertising time level for a mode",
+         {kLevel, kMode},
+         {"3", "0"},
+         [](auto& a) {
+             return single(wire::advertisingTimeFrame(parseInt32Argument(*a[0], "LEVEL"),
+                                                      parseInt32Argument(*a[1], "MODE")));
+         }},
+        {"fw-disconnect",
+         "Ask the scale's firmware to drop the link",
+         {},
+         {},
+         [](auto&) { return single(wire::firmwareDisconnectFrame()); }},
+        {"sync", "Synchronise the settings", {}, {}, [](auto&) { return single(wire::synchronizeFrame()); }},
+        {"dfu",
+         "Switch the scale into firmware-update mode",
+         {},
+         {},
+         [](auto&) { return single(wire::dfuFrame()); }},
+        {"fw-version",
+         "Request the firmware version",
+         {},
+         {},
+         [](auto&) { return single(wire::firmwareVersionFrame()); }},
+        {"default-config",
+         "The eight frames written to a scale that reports an unconfigured record",
+         {},
+         {},
+         [](auto&) { return wire::defaultConfigurationFrames(); }},
+        {"segment-block",
+         "Set a seven-segment block to a value (only the low 3 bits of B count)",
+         {{"B", "BYTE", "Block"}, {"V", "BYTE", "Value"}},
+         {"0x0a", "200"},
+         [](auto& a) {
+             return single(
+                 wire::segmentBlockFrame(parseByteArgument(*a[0], "B"), parseByteArgument(*a[1], "V")));
+         }},
+        {"segment-preset",
+         "Seven-segment display preset",
+         {{"P", "BYTE", "Preset"}},
+         {"4"},
+         [](auto& a) { return single(wire::segmentPresetFrame(parseByteArgument(*a[0], "P"))); }},
+        {"segment-update",
+         "Update the seven-segment display",
+         {},
+         {},
+         [](auto&) { return single(wire::segmentUpdateFrame()); }},
+        {"segment-release",
+         "Hand the seven-segment display back to the scale",
+         {},
+         {},
+         [](auto&) { return single(wire::segmentReleaseFrame()); }},
+        {"segment",
+         "Switch the seven-segment display (one frame, no release)",
+         {kState},
+         {"off"},
+         [](auto& a) { return single(wire::segmentSwitchFrame(state(a))); }},
+        {"raw",
+         "A raw frame: opcode C, optionally followed by data byte D",
+         {{"C", "BYTE", "Opcode"}, {"D", "BYTE", "Data byte", false}},
+         {"0xca", "7"},
+         [](auto& a) {
+             const std::uint8_t opcode = parseByteArgument(*a[0], "C");
+             return single(a[1] ? wire::frame(opcode, parseByteArgument(*a[1], "D")) : wire::frame(opcode));
+         }},
+    };
+}
+
+// The help footer of one command: its example with the frames it prints.
+std::string exampleFooter(const FrameVerb& verb) {
+    std::string line = "  plenk frame " + std::string(verb.name);
+    Args args;
+    for (const auto& word : verb.example) {
+        line += " " + word;
+        args.emplace_back(word);
+    }
+    args.resize(verb.args.size());
+    std::string footer =
+        "Frames are printed as hex, one write to the command characteristic (EF80) per line;\n"
+        "add --json for {\"command\":...,\"frames\":[[...]]}.\nExample:\n" +
+        line + "\n";
+    const wire::FrameList list = verb.build(args);
+    for (const Frame& f : list.span()) footer += "    " + formatHex(f.span()) + "\n";
+    footer.pop_back();
+    return footer;
+}
+
+void addFrameSubcommand(CLI::App& frame, FrameVerb verb, const GlobalOptions& options) {
+    struct Bound {
+        std::vector<std::string> values;
+        std::vector<CLI::Option*> options;
+    };
+    auto bound = std::make_shared<Bound>();
+    bound->values.resize(verb.args.size());
+    CLI::App* sub = frame.add_subcommand(verb.name, verb.help);
+    for (std::size_t i = 0; i < verb.args.size(); ++i) {
+        const Arg& arg = verb.args[i];
+        CLI::Option* option = sub->add_option(arg.name, bound->values[i], arg.help)->type_name(arg.type);
+        if (arg.required) option->required();
+        bound->options.push_back(option);
+    }
+    sub->footer(exampleFooter(verb));
+    sub->callback([name = verb.name, bound, build = std::move(verb.build), &options] {
+        Args given;
+        for (std::size_t i = 0; i < bound->values.size(); ++i) {
+            given.push_back(bound->options[i]->count() > 0 ? std::optional(bound->values[i]) : std::nullopt);
+        }
+        const FrameList list = build(given);
+        std::cout << (options.json ? framesAsJson(name, list.span()) : framesAsText(list.span()));
+    });
+}
+
+}  // namespace
+
+void addFrameCommand(CLI::App& app, const GlobalOptions& options) {
+    CLI::App* frame = app.add_subcommand("frame", "Print the command frames sent to the scale for COMMAND");
+    frame->require_subcommand(1);
+    auto timerDefaultOn = std::make_shared<bool>(false);
+    for (auto& verb : frameVerbs(timerDefaultOn)) addFrameSubcommand(*frame, std::move(verb), options);
+    frame->get_subcommand("timer")->add_flag("--default-on", *timerDefaultOn,
+                                             "The timer is on by default (only with on)");
+    frame->footer(
+        "Each frame is one write to the command characteristic (EF80), printed as hex on its own line.\n"
+        "Byte arguments are decimal or 0x-hex (0..255); LEVEL, MODE and N are 32-bit integers.\n"
+        "Examples:\n"
+        "  plenk frame timer-auto-start off    # 0a 31\n"
+        "  plenk frame timer on --default-on   # 0a 03\n"
+        "  plenk frame segment-block 0x0a 200  # e2 c8\n"
+        "  plenk frame default-config --json");
+}
+
+}  // namespace plenk::cli

@@ -1,0 +1,88 @@
+// plenk: the command-line tool for PlenkKit scales. Each verb lives in its own
+// file and registers itself here through one add...Command function.
+
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "Commands.h"
+
+namespace {
+
+// Error messages may quote user input; keep them on one line.
+std::string oneLine(std::string message) {
+    for (char& c : message) {
+        if (c == '\n' || c == '\r') c = ' ';
+    }
+    return message;
+}
+
+// The command path the parser got to ("plenk frame timer") and the deepest app on it.
+const CLI::App* deepestCommand(const CLI::App& app, std::string& path) {
+    const CLI::App* current = &app;
+    path = app.get_name();
+    while (!current->get_subcommands().empty()) {
+        current = current->get_subcommands().front();
+        path += " " + current->get_name();
+    }
+    return current;
+}
+
+// One line for a parse error, naming the unknown or missing command and where help is.
+std::string describe(const CLI::App& app, const CLI::ParseError& error) {
+    std::string path;
+    const CLI::App* command = deepestCommand(app, path);
+    const std::string help = " (see '" + path + " --help')";
+    if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr &&
+        command->get_require_subcommand_min() > 0 && command->get_subcommands().empty()) {
+        const auto leftover = app.remaining(true);
+        if (!leftover.empty()) return "unknown command '" + leftover.front() + "' for '" + path + "'" + help;
+        return "missing command for '" + path + "'" + help;
+    }
+    return error.what() + help;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    using namespace plenk::cli;
+
+    CLI::App app{"Talk to Bluetooth LE coffee and kitchen scales through PlenkKit.", "plenk"};
+    GlobalOptions options;
+    // Subcommands inherit fallthrough when they are created: --json is accepted
+    // before or after the verb.
+    app.fallthrough();
+    app.require_subcommand(1);
+    app.add_flag("--json", options.json, "Print one JSON object per line (accepted anywhere on the line)");
+
+    // The verbs, one registration each (declared in Commands.h).
+    addDecodeCommand(app, options);
+    addFrameCommand(app, options);
+    addWatchCommand(app, options);
+
+    // Set after the verbs, which would otherwise inherit it.
+    app.footer(
+        "Run 'plenk COMMAND --help' for the options of one command.\n"
+        "Examples:\n"
+        "  plenk decode weight --name Plenk-01 00 39 30 00 ff\n"
+        "  plenk frame timer-auto-start off\n"
+        "  plenk --json frame default-config");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        // --help and friends are "errors" with exit code 0.
+        if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(e);
+        std::cerr << "plenk: " << oneLine(describe(app, e)) << '\n';
+        return 2;
+    } catch (const UsageError& e) {
+        std::cerr << "plenk: " << oneLine(e.what()) << '\n';
+        return 2;
+    } catch (const std::exception& e) {
+        std::cerr << "plenk: internal error: " << oneLine(e.what()) << '\n';
+        return 1;
+    }
+    return 0;
+}
