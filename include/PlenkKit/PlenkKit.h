@@ -1,0 +1,22 @@
+#pragma once
+
+// Umbrella header: everything a host needs to use the library.
+
+#include <PlenkKit/Export.h>
+#include <PlenkKit/Version.h>
+
+#include <PlenkKit/Clock.h>
+#include <PlenkKit/Color.h>
+#include <PlenkKit/Context.h>
+#include <PlenkKit/Executor.h>
+#include <PlenkKit/LogSink.h>
+#include <PlenkKit/NotificationCenter.h>
+#include <PlenkKit/RunLoop.h>
+#include <PlenkKit/Task.h>
+
+#include <PlenkKit/RKConfiguration.h>
+#include <PlenkKit/RKErrors.h>
+#include <PlenkKit/StringToHexConverter.h>
+
+#include <PlenkKit/PKPlenk.h>
+#include <PlenkKit/RKRostaKit.h>

@@ -1,0 +1,107 @@
+// How the kit reports failed connections and failed scale devices, and what it
+// tears down and restarts after them.
+//
+// Two roads, chosen by the mode at the moment of the failure: with auto-connect
+// on, the delegate hears rostaDidErrorOccur on the main queue; with it off (the
+// picker mode) the picker completion is called at once, on the event's queue.
+// Read and write failures always take the delegate road.
+
+#include <utility>
+
+#include "RostaKit/RKRostaKitCore.h"
+
+namespace plenk {
+
+namespace {
+
+// The kindless error for a failure that carried no error at all.
+ErrorPtr plainError() {
+    return Error::make(RKErrorDomain, 110);
+}
+
+// Platform link-failure codes 11..14; any other code is reported as nothing.
+ErrorPtr connectionError(std::int64_t platformCode) {
+    switch (platformCode) {
+        case 11:
+            return Error::make<RKErrorLEConnectionUnknownC>(RKErrorDomain, 103);
+        case 12:
+            return Error::make<RKErrorLEConnectionInvalidParametersC>(RKErrorDomain, 104);
+        case 13:
+            return Error::make<RKErrorLEConnectionInvalidHandleC>(RKErrorDomain, 105);
+        case 14:
+            return Error::make<RKErrorLEConnectionTimeoutC>(RKErrorDomain, 106);
+        default:
+            return nullptr;
+    }
+}
+
+}  // namespace
+
+void RKRostaKitCore::reportFailure(ErrorPtr error) {
+    if (isAutoConnectEnabled_) {
+        sendError(std::move(error));
+    } else if (pickerCompletion_) {
+        // The completion is kept: a later failure calls it again.
+        later([completion = pickerCompletion_, error = std::move(error)] { completion(error); });
+    }
+}
+
+void RKRostaKitCore::connecterDidFailToConnectPeripheralUserInfo(
+    BLEConnecter&, const bt::PeripheralPtr&, const std::optional<ConnecterUserInfo>& userInfo) {
+    const ErrorPtr platformError =
+        userInfo && userInfo->has(kBleErrorConnectionError) ? userInfo->error() : nullptr;
+    Scope scope(*this);
+    ErrorPtr report;
+    if (platformError) {
+        report = connectionError(platformError->code());
+    } else {
+        // The two modes report different things for the same event.
+        report = isAutoConnectEnabled_ ? Error::make<RKErrorLEConnectionInvalidHandleC>(RKErrorDomain, 105)
+                                       : plainError();
+    }
+    if (report) reportFailure(std::move(report));
+    // The device, the connecting peripheral and an open picker stay as they are.
+    if (isAutoConnectEnabled_) scanDevicesLocked();
+}
+
+void RKRostaKitCore::deviceDidFailConfigureWithError(RKDevice& device, ErrorPtr error) {
+    Scope scope(*this);
+    if (&device != currentDevice_.get()) return;  // a released device's late report
+
+    if (!error) {
+        reportFailure(plainError());
+        return;
+    }
+    // The code alone decides; the domain is not looked at.
+    switch (error->code()) {
+        case 1005:
+            writeLog("\n read error");
+            sendError(Error::make<RKErrorLEReadC>(RKErrorDomain, 109));
+            return;
+        case 1004:
+            writeLog("\n write error");
+            sendError(Error::make<RKErrorLEWriteC>(RKErrorDomain, 109));
+            return;
+        case 1000:
+        case 1001:
+            reportFailure(Error::make<RKErrorLEInvalidDeviceC>(RKErrorDomain, 108));
+            break;
+        case 1002:
+        case 1003:
+            reportFailure(Error::make<RKErrorLEValidationC>(RKErrorDomain, 107));
+            break;
+        default:
+            break;
+    }
+
+    // A scale that failed its set-up is dropped. isConnected stays: the link
+    // loss that follows finds no device to hold and ends in actDisconnect.
+    if (connecter_) {
+        if (auto peripheral = currentDevice_->peripheral()) connecter_->disconnect(peripheral);
+    }
+    later([released = std::move(currentDevice_)] {});
+    currentDevice_ = nullptr;
+    if (isAutoConnectEnabled_) scanDevicesLocked();
+}
+
+}  // namespace plenk

@@ -1,0 +1,255 @@
+#pragma once
+
+// Shared pieces of the kit and facade tests: recording receivers that check
+// the thread they are called on, a headless picker presenter, and a fixture
+// with a simulated world.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <PlenkKit/PKPlenk.h>
+#include <PlenkKit/RKRostaKit.h>
+
+#include "RostaKit/RKRostaKitCore.h"
+#include "emulator/GattProfile.h"
+#include "support/SimHarness.h"
+
+namespace plenk::test {
+
+// One event as a host sees it: "connected", "disconnected", "error 108",
+// "weight 12.5", "button 1".
+struct HostEvents {
+    mutable std::mutex mutex;
+    std::vector<std::string> events;
+    std::vector<ErrorPtr> errors;
+    std::vector<float> weights;
+    std::atomic<int> offMainThread{0};
+
+    void add(const std::shared_ptr<RunLoop>& main, std::string event) {
+        if (!main->isCurrent()) ++offMainThread;
+        std::lock_guard lock(mutex);
+        events.push_back(std::move(event));
+    }
+    std::vector<std::string> snapshot() const {
+        std::lock_guard lock(mutex);
+        return events;
+    }
+    std::size_t count(const std::string& event) const {
+        std::lock_guard lock(mutex);
+        return static_cast<std::size_t>(std::count(events.begin(), events.end(), event));
+    }
+    void clear() {
+        std::lock_guard lock(mutex);
+        events.clear();
+        errors.clear();
+        weights.clear();
+    }
+};
+
+inline std::string weightEvent(float weight) {
+    std::string text = std::to_string(weight);
+    text.erase(text.find_last_not_of('0') + 1);
+    if (text.back() == '.') text.pop_back();
+    return "weight " + text;
+}
+
+class RecordingRostaDelegate final : public RKRostaDelegate, public HostEvents {
+public:
+    explicit RecordingRostaDelegate(std::shared_ptr<RunLoop> main) : main_(std::move(main)) {}
+    void rostaDidConnected(RKRostaKit&) override { add(main_, "connected"); }
+    void rostaDidDisconnected(RKRostaKit&) override { add(main_, "disconnected"); }
+    void rostaDidErrorOccur(RKRostaKit&, const ErrorPtr& error) override {
+        {
+            std::lock_guard lock(mutex);
+            errors.push_back(error);
+        }
+        add(main_, "error " + std::to_string(error ? error->code() : -1));
+    }
+    void rostaWeightDidUpdate(float weight) override {
+        {
+            std::lock_guard lock(mutex);
+            weights.push_back(weight);
+        }
+        add(main_, weightEvent(weight));
+    }
+    void rostaDeviceDidClickButton(std::uint64_t button) override {
+        add(main_, "button " + std::to_string(button));
+    }
+
+private:
+    std::shared_ptr<RunLoop> main_;
+};
+
+// Every notification posted on a centre, as "name" or "name: object".
+class NotificationLog {
+public:
+    explicit NotificationLog(std::shared_ptr<NotificationCenter> center) : center_(std::move(center)) {
+        token_ = center_->addObserver("", [this](const Notification& n) {
+            std::lock_guard lock(mutex_);
+            entries_.push_back(n.object ? n.name + ": " + *n.object : n.name);
+        });
+    }
+    ~NotificationLog() { center_->removeObserver(token_); }
+    NotificationLog(const NotificationLog&) = delete;
+    NotificationLog& operator=(const NotificationLog&) = delete;
+
+    std::size_t count(const std::string& entry) const {
+        std::lock_guard lock(mutex_);
+        return static_cast<std::size_t>(std::count(entries_.begin(), entries_.end(), entry));
+    }
+    std::vector<std::string> entries() const {
+        std::lock_guard lock(mutex_);
+        return entries_;
+    }
+    void clear() {
+        std::lock_guard lock(mutex_);
+        entries_.clear();
+    }
+
+private:
+    std::shared_ptr<NotificationCenter> center_;
+    NotificationCenter::Token token_ = 0;
+    mutable std::mutex mutex_;
+    std::vector<std::string> entries_;
+};
+
+// A picker view with nothing to draw: it counts reloads and dismisses at once.
+class HeadlessPickerView final : public PickerView {
+public:
+    void reloadData() override { ++reloads; }
+    void dismiss(bool, std::function<void()> completion) override {
+        ++dismissals;
+        if (completion) completion();
+    }
+    std::atomic<int> reloads{0};
+    std::atomic<int> dismissals{0};
+};
+
+// Presents pickers headlessly and records the order of its calls.
+class RecordingPresenter final : public PickerPresenter {
+public:
+    void beginIgnoringInteractionEvents() override { record("begin ignoring"); }
+    void endIgnoringInteractionEvents() override { record("end ignoring"); }
+    void presentViewController(const std::shared_ptr<CSRSelectDeviceViewController>& picker, bool animated,
+                               std::function<void()> completion) override {
+        record(animated ? "present animated" : "present");
+        picker->setView(view);
+        presented = picker;
+        if (completion) completion();
+    }
+    std::vector<std::string> calls() const {
+        std::lock_guard lock(mutex_);
+        return calls_;
+    }
+
+    std::shared_ptr<HeadlessPickerView> view = std::make_shared<HeadlessPickerView>();
+    std::shared_ptr<CSRSelectDeviceViewController> presented;
+
+private:
+    void record(std::string call) {
+        std::lock_guard lock(mutex_);
+        calls_.push_back(std::move(call));
+    }
+    mutable std::mutex mutex_;
+    std::vector<std::string> calls_;
+};
+
+// A picker completion that records what it was called with and where.
+struct PickerOutcome {
+    std::mutex mutex;
+    std::vector<ErrorPtr> results;
+    std::vector<bool> onMainThread;
+
+    RKRostaKit::PickerCompletion completion(std::shared_ptr<RunLoop> main) {
+        return [this, main](const ErrorPtr& error) {
+            std::lock_guard lock(mutex);
+            results.push_back(error);
+            onMainThread.push_back(main->isCurrent());
+        };
+    }
+    std::size_t calls() {
+        std::lock_guard lock(mutex);
+        return results.size();
+    }
+};
+
+inline SimHarnessOptions harnessWithRadio(std::optional<bt::ManagerState> radio) {
+    SimHarnessOptions options;
+    options.radio = radio;
+    return options;
+}
+
+// Frames written to the scale's command characteristic.
+inline std::vector<std::vector<std::uint8_t>> commandFrames(
+    const std::shared_ptr<sim::VirtualPeripheral>& scale) {
+    std::vector<std::vector<std::uint8_t>> frames;
+    for (const auto& write : scale->writes()) {
+        if (write.characteristic == emulator::kCommandCharacteristic)
+            frames.push_back(write.value.toVector());
+    }
+    return frames;
+}
+
+// Tare frames the scale's firmware has accepted.
+inline std::uint32_t tares(const std::shared_ptr<sim::VirtualPeripheral>& scale) {
+    std::uint32_t n = 0;
+    scale->withScale([&](emulator::ScaleEmulator& e) { n = e.counters().tares; });
+    return n;
+}
+
+// A weight packet in the scale's own format.
+inline bt::Bytes weightPacket(const std::shared_ptr<sim::VirtualPeripheral>& scale, float grams) {
+    bt::Bytes packet;
+    scale->withScale([&](emulator::ScaleEmulator& e) { packet = e.encodeWeightPacket(grams); });
+    return packet;
+}
+
+// A simulated world, one kit on it and a recording delegate.
+class KitFixture : public ::testing::Test {
+protected:
+    explicit KitFixture(SimHarnessOptions options = {}) : h(options) {}
+
+    ~KitFixture() override {
+        kit.reset();
+        h.settle();
+    }
+
+    // With auto-connect off the radio reports nothing until the flag is off,
+    // so the kit never starts a scan of its own.
+    void makeKit(bool autoConnect = true) {
+        const auto radio = h.world->radioState();
+        if (!autoConnect) h.world->setRadioState(std::nullopt);
+        kit = RKRostaKit::create(h.context);
+        kit->setDelegate(delegate);
+        if (!autoConnect) {
+            kit->setIsAutoConnectEnabled(false);
+            h.world->setRadioState(radio);
+        }
+    }
+
+    RKRostaKitCore& core() { return RKRostaKitCore::of(*kit); }
+    bool scanning() { return kit->connecter()->cbManager()->isScanning(); }
+
+    // Connects one scale in picker-held (continuous) mode: auto-connect off,
+    // found by a plain scan with no picker on screen.
+    void connectHeld() {
+        makeKit(false);
+        kit->scanDeivces();
+        h.settle();
+        ASSERT_TRUE(kit->isConnected());
+        ASSERT_TRUE(kit->isContinuousConnectionEnabled());
+    }
+
+    SimHarness h;
+    NotificationLog notes{h.notifications};
+    std::shared_ptr<RecordingRostaDelegate> delegate = std::make_shared<RecordingRostaDelegate>(h.mainLoop);
+    std::shared_ptr<RKRostaKit> kit;
+};
+
+}  // namespace plenk::test
