@@ -65,6 +65,10 @@ std::weak_ptr<bt::CentralDelegate> BLEConnecter::asCentralDelegate() {
 }
 
 void BLEConnecter::createCBManager() {
+    // Held until the central is stored: its first event (the radio state) may
+    // run on its queue before makeCentral returns, and a delegate reacting to
+    // it must find the central in place.
+    std::lock_guard creating(creating_);
     auto central = context_.backend->makeCentral(asCentralDelegate(), std::string(kQueueLabel), context_);
     std::lock_guard lock(mutex_);
     cbManager_ = std::move(central);
@@ -81,6 +85,7 @@ void BLEConnecter::setCbManager(std::shared_ptr<bt::Central> central) {
 }
 
 std::shared_ptr<BLEConnecterDelegate> BLEConnecter::delegate() const {
+    { std::lock_guard waitForCentral(creating_); }
     std::lock_guard lock(mutex_);
     return delegate_.lock();
 }

@@ -160,6 +160,7 @@ private:
 
     const Context context_;  // resolved
     mutable std::mutex mutex_;
+    mutable std::mutex creating_;  // held while createCBManager makes the central
     std::shared_ptr<bt::Central> cbManager_;
     std::weak_ptr<BLEConnecterDelegate> delegate_;
 };

@@ -21,6 +21,8 @@ class Backend {
 public:
     virtual ~Backend();
     virtual std::string name() const = 0;
+    // Must not wait for the new central's queue: its first events may block
+    // until the caller has stored the central.
     virtual std::shared_ptr<Central> makeCentral(std::weak_ptr<CentralDelegate> delegate,
                                                  const std::string& queueLabel, const Context& context) = 0;
 };
