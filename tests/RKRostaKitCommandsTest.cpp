@@ -43,6 +43,8 @@ struct CommandCase {
     std::function<void(RKRostaKit&)> send;
     Frames frames;
 };
+// Readable parameter names in test listings.
+[[maybe_unused]] void PrintTo(const CommandCase& c, std::ostream* os) { *os << c.name; }
 
 class KitCommandFrames : public KitCommands, public ::testing::WithParamInterface<CommandCase> {};
 

@@ -66,6 +66,8 @@ struct LinkFailureCase {
     std::optional<std::int64_t> reported;      // nullopt: nothing reported
     KindTest kind;
 };
+// Readable parameter names in test listings.
+[[maybe_unused]] void PrintTo(const LinkFailureCase& c, std::ostream* os) { *os << modeName(c.mode) << " platform code " << (c.platformCode ? std::to_string(*c.platformCode) : "none"); }
 
 std::string linkCaseName(const ::testing::TestParamInfo<LinkFailureCase>& info) {
     const auto& c = info.param;
@@ -147,6 +149,8 @@ struct DeviceFailureCase {
     bool toDelegate;  // else to the picker completion
     bool dropped;
 };
+// Readable parameter names in test listings.
+[[maybe_unused]] void PrintTo(const DeviceFailureCase& c, std::ostream* os) { *os << modeName(c.mode) << " device code " << (c.deviceCode ? std::to_string(*c.deviceCode) : "none"); }
 
 std::string deviceCaseName(const ::testing::TestParamInfo<DeviceFailureCase>& info) {
     const auto& c = info.param;
@@ -238,6 +242,8 @@ struct FaultCase {
     std::int64_t reported;
     KindTest kind;
 };
+// Readable parameter names in test listings.
+[[maybe_unused]] void PrintTo(const FaultCase& c, std::ostream* os) { *os << c.name; }
 
 class KitScaleFault : public FailureFixture, public ::testing::WithParamInterface<FaultCase> {};
 

@@ -60,6 +60,8 @@ struct NameCase {
     std::optional<std::string> name;
     bool accepted;
 };
+// Readable parameter names in test listings.
+[[maybe_unused]] void PrintTo(const NameCase& c, std::ostream* os) { *os << c.name.value_or("(no name)"); }
 
 class KitNameFilter : public KitFixture, public ::testing::WithParamInterface<NameCase> {};
 
@@ -221,6 +223,8 @@ struct RadioCase {
     bt::ManagerState state;
     std::uint64_t leState;
 };
+// Readable parameter names in test listings.
+[[maybe_unused]] void PrintTo(const RadioCase& c, std::ostream* os) { *os << "radio state " << static_cast<int>(c.state); }
 
 class KitRadioState : public ::testing::TestWithParam<RadioCase> {};
 

@@ -29,6 +29,8 @@ struct OpeningCase {
     std::optional<std::int64_t> code;  // nullopt: the completion is not called
     bool (*kind)(const ErrorPtr&);
 };
+// Readable parameter names in test listings.
+[[maybe_unused]] void PrintTo(const OpeningCase& c, std::ostream* os) { *os << c.name; }
 
 template <typename K>
 bool kindIs(const ErrorPtr& e) {
