@@ -23,12 +23,13 @@ struct SerialQueue::State {
     SerialQueue* owner = nullptr;
 
     void post(Task task) {
-        // Notified under the lock: the task may be the one that destroys the queue.
-        std::lock_guard lock(mutex);
-        if (stopping) return;
-        tasks.push(std::move(task));
-        ++posted;
-        wake.notify_one();
+        {
+            std::lock_guard lock(mutex);
+            if (stopping) return;
+            tasks.push(std::move(task));
+            ++posted;
+        }
+        wake.notify_one();  // outside the lock: the woken thread need not block on it
     }
 
     void loop() {
@@ -86,7 +87,10 @@ SerialQueue::~SerialQueue() {
 }
 
 void SerialQueue::post(Task task) {
-    state_->post(std::move(task));
+    // The task may be the one that destroys this queue: keep the state alive
+    // until the wake-up has been sent.
+    const std::shared_ptr<State> state = state_;
+    state->post(std::move(task));
 }
 
 void SerialQueue::postAfter(std::chrono::nanoseconds delay, Task task) {
