@@ -34,8 +34,12 @@ void* operator new(std::size_t size) {
     if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
     throw std::bad_alloc();
 }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete(void* p) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    std::free(p);
+}
 
 namespace {
 
@@ -95,7 +99,8 @@ struct Rig {
 
     void emit(std::uint64_t seq) {
         const auto packet = plenk::wire::encodeBinaryWeight(static_cast<std::int32_t>(seq), 0);
-        scale->notify(plenk::wire::kDataCharacteristic, plenk::bt::Bytes(std::span<const std::uint8_t>(packet)));
+        scale->notify(plenk::wire::kDataCharacteristic,
+                      plenk::bt::Bytes(std::span<const std::uint8_t>(packet)));
     }
     void waitFor(std::uint64_t count) {
         while (receiver->received.load(std::memory_order_acquire) < count) std::this_thread::yield();
@@ -120,8 +125,9 @@ LatencyResult latencyRun(double hertz, std::uint64_t count) {
     std::vector<Clock::time_point> emitted(count);
     std::vector<Clock::time_point> arrived(count);
     rig.receiver->arrivals = &arrived;
-    const auto period = hertz > 0 ? std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / hertz))
-                                  : Clock::duration::zero();
+    const auto period =
+        hertz > 0 ? std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / hertz))
+                  : Clock::duration::zero();
     auto next = Clock::now();
     for (std::uint64_t i = 0; i < count; ++i) {
         if (hertz > 0) {
@@ -136,8 +142,8 @@ LatencyResult latencyRun(double hertz, std::uint64_t count) {
     for (std::uint64_t i = 0; i < count; ++i) {
         micros[i] = std::chrono::duration<double, std::micro>(arrived[i] - emitted[i]).count();
     }
-    return {percentile(micros, 0.50), percentile(micros, 0.99), *std::max_element(micros.begin(), micros.end()),
-            rig.receiver->errors.load()};
+    return {percentile(micros, 0.50), percentile(micros, 0.99),
+            *std::max_element(micros.begin(), micros.end()), rig.receiver->errors.load()};
 }
 
 struct ThroughputResult {
@@ -157,8 +163,8 @@ ThroughputResult throughputRun(std::uint64_t count) {
     rig.waitFor(warmup + count);
     const auto seconds = std::chrono::duration<double>(Clock::now() - start).count();
     const auto allocations = gAllocations.load() - allocationsBefore;
-    return {static_cast<double>(count) / seconds, static_cast<double>(allocations) / static_cast<double>(count),
-            rig.receiver->errors.load()};
+    return {static_cast<double>(count) / seconds,
+            static_cast<double>(allocations) / static_cast<double>(count), rig.receiver->errors.load()};
 }
 
 }  // namespace
@@ -166,13 +172,15 @@ ThroughputResult throughputRun(std::uint64_t count) {
 int main(int argc, char** argv) {
     const bool quick = argc > 1 && std::string_view(argv[1]) == "--quick";
     const std::uint64_t scale = quick ? 10 : 1;
-    std::printf("| run | weights | p50 µs | p99 µs | max µs | lost/dup/reordered |\n|---|---|---|---|---|---|\n");
+    std::printf(
+        "| run | weights | p50 µs | p99 µs | max µs | lost/dup/reordered |\n|---|---|---|---|---|---|\n");
     struct Rate {
         const char* name;
         double hertz;
         std::uint64_t count;
     };
-    for (const Rate& rate : {Rate{"50 Hz", 50, 250}, Rate{"1 kHz", 1000, 5000}, Rate{"flat out", 0, 200000}}) {
+    for (const Rate& rate :
+         {Rate{"50 Hz", 50, 250}, Rate{"1 kHz", 1000, 5000}, Rate{"flat out", 0, 200000}}) {
         const auto count = std::max<std::uint64_t>(rate.count / scale, 50);
         const auto r = latencyRun(rate.hertz, count);
         std::printf("| latency %s | %llu | %.1f | %.1f | %.1f | %llu |\n", rate.name,
@@ -181,9 +189,10 @@ int main(int argc, char** argv) {
     }
     const std::uint64_t count = 1000000 / scale;
     const auto t = throughputRun(count);
-    std::printf("\n| throughput flat out | weights | weights/s | heap allocations per weight | lost/dup/reordered |\n"
-                "|---|---|---|---|---|\n| sustained | %llu | %.0f | %.3f | %llu |\n",
-                static_cast<unsigned long long>(count), t.perSecond, t.allocationsPerWeight,
-                static_cast<unsigned long long>(t.errors));
+    std::printf(
+        "\n| throughput flat out | weights | weights/s | heap allocations per weight | lost/dup/reordered |\n"
+        "|---|---|---|---|---|\n| sustained | %llu | %.0f | %.3f | %llu |\n",
+        static_cast<unsigned long long>(count), t.perSecond, t.allocationsPerWeight,
+        static_cast<unsigned long long>(t.errors));
     return t.errors == 0 ? 0 : 1;
 }

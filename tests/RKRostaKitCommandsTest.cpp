@@ -44,7 +44,9 @@ struct CommandCase {
     Frames frames;
 };
 // Readable parameter names in test listings.
-[[maybe_unused]] void PrintTo(const CommandCase& c, std::ostream* os) { *os << c.name; }
+[[maybe_unused]] void PrintTo(const CommandCase& c, std::ostream* os) {
+    *os << c.name;
+}
 
 class KitCommandFrames : public KitCommands, public ::testing::WithParamInterface<CommandCase> {};
 

@@ -67,7 +67,10 @@ struct LinkFailureCase {
     KindTest kind;
 };
 // Readable parameter names in test listings.
-[[maybe_unused]] void PrintTo(const LinkFailureCase& c, std::ostream* os) { *os << modeName(c.mode) << " platform code " << (c.platformCode ? std::to_string(*c.platformCode) : "none"); }
+[[maybe_unused]] void PrintTo(const LinkFailureCase& c, std::ostream* os) {
+    *os << modeName(c.mode) << " platform code "
+        << (c.platformCode ? std::to_string(*c.platformCode) : "none");
+}
 
 std::string linkCaseName(const ::testing::TestParamInfo<LinkFailureCase>& info) {
     const auto& c = info.param;
@@ -150,7 +153,9 @@ struct DeviceFailureCase {
     bool dropped;
 };
 // Readable parameter names in test listings.
-[[maybe_unused]] void PrintTo(const DeviceFailureCase& c, std::ostream* os) { *os << modeName(c.mode) << " device code " << (c.deviceCode ? std::to_string(*c.deviceCode) : "none"); }
+[[maybe_unused]] void PrintTo(const DeviceFailureCase& c, std::ostream* os) {
+    *os << modeName(c.mode) << " device code " << (c.deviceCode ? std::to_string(*c.deviceCode) : "none");
+}
 
 std::string deviceCaseName(const ::testing::TestParamInfo<DeviceFailureCase>& info) {
     const auto& c = info.param;
@@ -243,7 +248,9 @@ struct FaultCase {
     KindTest kind;
 };
 // Readable parameter names in test listings.
-[[maybe_unused]] void PrintTo(const FaultCase& c, std::ostream* os) { *os << c.name; }
+[[maybe_unused]] void PrintTo(const FaultCase& c, std::ostream* os) {
+    *os << c.name;
+}
 
 class KitScaleFault : public FailureFixture, public ::testing::WithParamInterface<FaultCase> {};
 

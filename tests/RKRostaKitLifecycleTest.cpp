@@ -61,7 +61,9 @@ struct NameCase {
     bool accepted;
 };
 // Readable parameter names in test listings.
-[[maybe_unused]] void PrintTo(const NameCase& c, std::ostream* os) { *os << c.name.value_or("(no name)"); }
+[[maybe_unused]] void PrintTo(const NameCase& c, std::ostream* os) {
+    *os << c.name.value_or("(no name)");
+}
 
 class KitNameFilter : public KitFixture, public ::testing::WithParamInterface<NameCase> {};
 
@@ -224,7 +226,9 @@ struct RadioCase {
     std::uint64_t leState;
 };
 // Readable parameter names in test listings.
-[[maybe_unused]] void PrintTo(const RadioCase& c, std::ostream* os) { *os << "radio state " << static_cast<int>(c.state); }
+[[maybe_unused]] void PrintTo(const RadioCase& c, std::ostream* os) {
+    *os << "radio state " << static_cast<int>(c.state);
+}
 
 class KitRadioState : public ::testing::TestWithParam<RadioCase> {};
 

@@ -30,7 +30,9 @@ struct OpeningCase {
     bool (*kind)(const ErrorPtr&);
 };
 // Readable parameter names in test listings.
-[[maybe_unused]] void PrintTo(const OpeningCase& c, std::ostream* os) { *os << c.name; }
+[[maybe_unused]] void PrintTo(const OpeningCase& c, std::ostream* os) {
+    *os << c.name;
+}
 
 template <typename K>
 bool kindIs(const ErrorPtr& e) {

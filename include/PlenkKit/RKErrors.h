@@ -59,12 +59,12 @@ inline constexpr std::string_view kPlatformErrorDomain = "CBErrorDomain";
 // The generic device's firmware-version error domain; not exported.
 inline constexpr std::string_view kDeviceDomain = "DeviceDomain";
 
-#define PLENK_DECLARE_ERROR_KIND(Name, Parent)                      \
-    class PLENK_EXPORT Name : public Parent {                       \
-    public:                                                         \
-        using Parent::Parent;                                       \
-        ~Name() override;                                           \
-        std::string localizedDescription() const override;          \
+#define PLENK_DECLARE_ERROR_KIND(Name, Parent)             \
+    class PLENK_EXPORT Name : public Parent {              \
+    public:                                                \
+        using Parent::Parent;                              \
+        ~Name() override;                                  \
+        std::string localizedDescription() const override; \
     }
 
 // A parent with no description of its own: it keeps the default one.

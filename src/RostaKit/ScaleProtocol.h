@@ -61,29 +61,33 @@ struct Frame {
     friend bool operator==(const Frame&, const Frame&) = default;
 };
 
-constexpr Frame frame(std::uint8_t opcode) noexcept { return Frame{{opcode, 0}, 1}; }
-constexpr Frame frame(std::uint8_t opcode, std::uint8_t data) noexcept { return Frame{{opcode, data}, 2}; }
+constexpr Frame frame(std::uint8_t opcode) noexcept {
+    return Frame{{opcode, 0}, 1};
+}
+constexpr Frame frame(std::uint8_t opcode, std::uint8_t data) noexcept {
+    return Frame{{opcode, data}, 2};
+}
 
 // Frame builders, one per command the scale knows.
 Frame tareFrame() noexcept;
 Frame calibrateFrame(std::uint8_t value) noexcept;
-Frame unitFrame(std::int32_t unit) noexcept;               // 03 for exactly 1, else 02
-Frame timerFrame(bool on, bool defaultOn) noexcept;         // 0A 00 / 0A 01 / 0A 03
-Frame timerAutoStartFrame(bool autoStart) noexcept;         // 0A 01 / 0A 31
-Frame powerEnhancedFrame(bool enhanced) noexcept;           // 0B 01 / 0B 00
+Frame unitFrame(std::int32_t unit) noexcept;                                 // 03 for exactly 1, else 02
+Frame timerFrame(bool on, bool defaultOn) noexcept;                          // 0A 00 / 0A 01 / 0A 03
+Frame timerAutoStartFrame(bool autoStart) noexcept;                          // 0A 01 / 0A 31
+Frame powerEnhancedFrame(bool enhanced) noexcept;                            // 0B 01 / 0B 00
 Frame sleepTimeFrame(std::int32_t level, std::int32_t mode) noexcept;        // 05 L (mode 0) / 06 L
 Frame advertisingTimeFrame(std::int32_t level, std::int32_t mode) noexcept;  // 07 L (mode 0) / 08 L
-Frame firmwareDisconnectFrame() noexcept;                   // F1
-Frame synchronizeFrame() noexcept;                          // 04
-Frame dfuFrame() noexcept;                                  // AA 55
-Frame firmwareVersionFrame() noexcept;                      // 00
-Frame indicationLedFrame(bool on) noexcept;                 // 01 01 / 01 00
-Frame engineeringModeFrame(bool on) noexcept;               // 01 11 / 01 10
-Frame segmentBlockFrame(std::uint8_t block, std::uint8_t value) noexcept;  // (E0 | block&7) V
-Frame segmentPresetFrame(std::uint8_t preset) noexcept;     // EB P
-Frame segmentUpdateFrame() noexcept;                        // EA
-Frame segmentReleaseFrame() noexcept;                       // EC
-Frame segmentSwitchFrame(bool on) noexcept;                 // ED / EE
+Frame firmwareDisconnectFrame() noexcept;                                    // F1
+Frame synchronizeFrame() noexcept;                                           // 04
+Frame dfuFrame() noexcept;                                                   // AA 55
+Frame firmwareVersionFrame() noexcept;                                       // 00
+Frame indicationLedFrame(bool on) noexcept;                                  // 01 01 / 01 00
+Frame engineeringModeFrame(bool on) noexcept;                                // 01 11 / 01 10
+Frame segmentBlockFrame(std::uint8_t block, std::uint8_t value) noexcept;    // (E0 | block&7) V
+Frame segmentPresetFrame(std::uint8_t preset) noexcept;                      // EB P
+Frame segmentUpdateFrame() noexcept;                                         // EA
+Frame segmentReleaseFrame() noexcept;                                        // EC
+Frame segmentSwitchFrame(bool on) noexcept;                                  // ED / EE
 // The LED display switch: on is EC then ED (two writes), off is EE.
 struct FrameList {
     std::array<Frame, 8> frames{};
@@ -101,7 +105,8 @@ std::uint8_t clampLevel(std::int32_t level) noexcept;
 // Weight from a value of the data characteristic, by the peripheral's name:
 // "Coffee" → decimal text / 10; else "Plenk" → binary mantissa × 10^exponent;
 // else 0.0.
-float decodeWeight(std::optional<std::string_view> peripheralName, std::span<const std::uint8_t> value) noexcept;
+float decodeWeight(std::optional<std::string_view> peripheralName,
+                   std::span<const std::uint8_t> value) noexcept;
 float decodeTextWeight(std::span<const std::uint8_t> value) noexcept;
 float decodeBinaryWeight(std::span<const std::uint8_t> value) noexcept;
 // The lenient text-to-float rule: leading white space, optional sign, digits,
