@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# plenk watch on the simulated scale: connects, streams weights, ends by
+# itself after --duration and on Ctrl-C, disconnecting cleanly both times.
+set -euo pipefail
+plenk=${PLENK_BINARY_DIR:?}/tools/plenk
+out=$(mktemp)
+trap 'rm -f "$out"' EXIT
+
+fail() { echo "FAIL: $*"; cat "$out"; exit 1; }
+
+# 1. --duration, JSON events.
+timeout 30 "$plenk" watch --sim --duration 4 --json >"$out"
+head -n1 "$out" | grep -qx '{"event":"connected"}' || fail "first event is not connected"
+tail -n1 "$out" | grep -qx '{"event":"disconnected"}' || fail "last event is not disconnected"
+weights=$(grep -c '"event":"weight"' "$out")
+[ "$weights" -ge 20 ] || fail "only $weights weights in 4 s at 10 Hz"
+grep -q '{"event":"battery","value":85}' "$out" || fail "no battery reading"
+grep -Eq '^\{"event":"weight","value":-?[0-9.e-]+\}$' "$out" || fail "malformed weight line"
+
+# 2. Ctrl-C ends it cleanly too.
+"$plenk" watch --sim --json >"$out" &
+pid=$!
+for _ in $(seq 1 100); do grep -q '"event":"weight"' "$out" && break; sleep 0.1; done
+kill -INT "$pid"
+wait "$pid" || fail "exit status $? after Ctrl-C"
+tail -n1 "$out" | grep -qx '{"event":"disconnected"}' || fail "no clean disconnect on Ctrl-C"
+
+# 3. Text mode shows grams with one decimal, state and battery.
+timeout 30 "$plenk" watch --sim --duration 2 >"$out"
+grep -Eq '^ *-?[0-9]+\.[0-9] g  connected +battery 85%$' "$out" || fail "no status line"
+
+# 4. An unknown backend is a usage error.
+set +e
+"$plenk" watch --backend nosuch --duration 1 2>"$out"
+status=$?
+set -e
+[ "$status" -eq 2 ] || fail "unknown backend exited with $status"
+grep -q 'unknown Bluetooth backend' "$out" || fail "no clear message for an unknown backend"
+echo "cli watch: ok"
