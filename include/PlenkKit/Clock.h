@@ -39,6 +39,23 @@ public:
     static std::shared_ptr<Clock> steady();
 };
 
+// Pending timers by deadline (ties in the order they were set); the clocks'
+// shared bookkeeping, guarded by their own locks.
+class TimerTable {
+public:
+    Clock::TimerId add(Clock::TimePoint deadline, Task fire);
+    bool cancel(Clock::TimerId id);
+    bool empty() const { return timers_.empty(); }
+    std::size_t size() const { return timers_.size(); }
+    // Only when not empty.
+    Clock::TimePoint firstDeadline() const { return timers_.begin()->first; }
+    Task popFirst();
+
+private:
+    std::multimap<Clock::TimePoint, std::pair<Clock::TimerId, Task>> timers_;
+    Clock::TimerId nextId_ = 1;
+};
+
 // The real monotonic clock with one timer thread, started on first use.
 class PLENK_EXPORT SteadyClock final : public Clock {
 public:
@@ -53,8 +70,7 @@ private:
 
     mutable std::mutex mutex_;
     std::condition_variable wake_;
-    std::multimap<TimePoint, std::pair<TimerId, Task>> timers_;
-    TimerId nextId_ = 1;
+    TimerTable timers_;
     bool stopping_ = false;
     std::thread thread_;
 };
@@ -77,8 +93,7 @@ public:
 private:
     mutable std::mutex mutex_;
     TimePoint now_;
-    std::multimap<TimePoint, std::pair<TimerId, Task>> timers_;
-    TimerId nextId_ = 1;
+    TimerTable timers_;
 };
 
 }  // namespace plenk

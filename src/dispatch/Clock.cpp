@@ -10,6 +10,29 @@ std::shared_ptr<Clock> Clock::steady() {
     return *instance;
 }
 
+Clock::TimerId TimerTable::add(Clock::TimePoint deadline, Task fire) {
+    const Clock::TimerId id = nextId_++;
+    timers_.emplace(deadline, std::make_pair(id, std::move(fire)));
+    return id;
+}
+
+bool TimerTable::cancel(Clock::TimerId id) {
+    for (auto it = timers_.begin(); it != timers_.end(); ++it) {
+        if (it->second.first == id) {
+            timers_.erase(it);
+            return true;
+        }
+    }
+    return false;
+}
+
+Task TimerTable::popFirst() {
+    auto first = timers_.begin();
+    Task fire = std::move(first->second.second);
+    timers_.erase(first);
+    return fire;
+}
+
 SteadyClock::SteadyClock() = default;
 
 SteadyClock::~SteadyClock() {
@@ -33,8 +56,7 @@ Clock::TimePoint SteadyClock::now() const {
 
 Clock::TimerId SteadyClock::callAt(TimePoint deadline, Task fire) {
     std::lock_guard lock(mutex_);
-    const TimerId id = nextId_++;
-    timers_.emplace(deadline, std::make_pair(id, std::move(fire)));
+    const TimerId id = timers_.add(deadline, std::move(fire));
     if (!thread_.joinable()) thread_ = std::thread([this] { loop(); });
     wake_.notify_all();
     return id;
@@ -42,13 +64,7 @@ Clock::TimerId SteadyClock::callAt(TimePoint deadline, Task fire) {
 
 bool SteadyClock::cancel(TimerId id) {
     std::lock_guard lock(mutex_);
-    for (auto it = timers_.begin(); it != timers_.end(); ++it) {
-        if (it->second.first == id) {
-            timers_.erase(it);
-            return true;
-        }
-    }
-    return false;
+    return timers_.cancel(id);
 }
 
 void SteadyClock::loop() {
@@ -58,13 +74,11 @@ void SteadyClock::loop() {
             wake_.wait(lock);
             continue;
         }
-        auto first = timers_.begin();
-        if (first->first > now()) {
-            wake_.wait_until(lock, std::chrono::steady_clock::time_point(first->first));
+        if (timers_.firstDeadline() > now()) {
+            wake_.wait_until(lock, std::chrono::steady_clock::time_point(timers_.firstDeadline()));
             continue;
         }
-        Task fire = std::move(first->second.second);
-        timers_.erase(first);
+        Task fire = timers_.popFirst();
         lock.unlock();
         fire();
         fire.reset();
@@ -81,20 +95,12 @@ Clock::TimePoint VirtualClock::now() const {
 
 Clock::TimerId VirtualClock::callAt(TimePoint deadline, Task fire) {
     std::lock_guard lock(mutex_);
-    const TimerId id = nextId_++;
-    timers_.emplace(deadline, std::make_pair(id, std::move(fire)));
-    return id;
+    return timers_.add(deadline, std::move(fire));
 }
 
 bool VirtualClock::cancel(TimerId id) {
     std::lock_guard lock(mutex_);
-    for (auto it = timers_.begin(); it != timers_.end(); ++it) {
-        if (it->second.first == id) {
-            timers_.erase(it);
-            return true;
-        }
-    }
-    return false;
+    return timers_.cancel(id);
 }
 
 void VirtualClock::advance(Duration by) {
@@ -105,11 +111,9 @@ void VirtualClock::advanceTo(TimePoint to) {
     std::unique_lock lock(mutex_);
     // Timers fire one by one so that a timer set by a firing timer, due before
     // `to`, fires in the same advance.
-    while (!timers_.empty() && timers_.begin()->first <= to) {
-        auto first = timers_.begin();
-        if (first->first > now_) now_ = first->first;
-        Task fire = std::move(first->second.second);
-        timers_.erase(first);
+    while (!timers_.empty() && timers_.firstDeadline() <= to) {
+        if (timers_.firstDeadline() > now_) now_ = timers_.firstDeadline();
+        Task fire = timers_.popFirst();
         lock.unlock();
         fire();
         fire.reset();
@@ -121,7 +125,7 @@ void VirtualClock::advanceTo(TimePoint to) {
 bool VirtualClock::nextDeadline(TimePoint& out) const {
     std::lock_guard lock(mutex_);
     if (timers_.empty()) return false;
-    out = timers_.begin()->first;
+    out = timers_.firstDeadline();
     return true;
 }
 

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <thread>
 
+#include "dispatch/DelayedPost.h"
 #include "dispatch/TaskRing.h"
 
 namespace plenk {
@@ -72,14 +73,7 @@ void RunLoop::post(Task task) {
 }
 
 void RunLoop::postAfter(std::chrono::nanoseconds delay, Task task) {
-    if (delay <= std::chrono::nanoseconds::zero()) {
-        post(std::move(task));
-        return;
-    }
-    std::weak_ptr<State> weak = state_;
-    state_->clock->callAfter(delay, [weak, task = std::move(task)]() mutable {
-        if (auto state = weak.lock()) state->post(std::move(task));
-    });
+    dispatch::postWhenDue(*state_->clock, delay, state_, std::move(task));
 }
 
 namespace {

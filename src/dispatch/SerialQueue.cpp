@@ -5,6 +5,7 @@
 
 #include <pthread.h>
 
+#include "dispatch/DelayedPost.h"
 #include "dispatch/TaskRing.h"
 
 namespace plenk::dispatch {
@@ -94,14 +95,7 @@ void SerialQueue::post(Task task) {
 }
 
 void SerialQueue::postAfter(std::chrono::nanoseconds delay, Task task) {
-    if (delay <= std::chrono::nanoseconds::zero()) {
-        post(std::move(task));
-        return;
-    }
-    std::weak_ptr<State> weak = state_;
-    state_->clock->callAfter(delay, [weak, task = std::move(task)]() mutable {
-        if (auto state = weak.lock()) state->post(std::move(task));
-    });
+    dispatch::postWhenDue(*state_->clock, delay, state_, std::move(task));
 }
 
 const std::string& SerialQueue::label() const {
