@@ -60,7 +60,7 @@ public:
         std::lock_guard lock(mutex_);
         buttons_.push_back(button);
     }
-    void deviceDidFailConfigureWithError(RKDevice&, ErrorPtr error) override {
+    void deviceDidFailConfigureWithError(RKDevice&, const ErrorPtr& error) override {
         std::lock_guard lock(mutex_);
         errors_.push_back(std::move(error));
     }

@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "RostaKit/ScaleProtocol.h"
 #include "bt/Uuid.h"
 
 using plenk::bt::Uuid;
@@ -50,4 +51,8 @@ TEST(UuidTest, RandomIdentifiersAreVersion4AndDistinct) {
     EXPECT_NE(a, b);
     EXPECT_EQ(a.bytes()[6] >> 4, 4);
     EXPECT_EQ(Uuid::parse(a.toString()), a);
+}
+
+TEST(UuidTest, TheSpelledOutUpdateServiceMatchesItsText) {
+    EXPECT_EQ(plenk::wire::kDfuService, Uuid::fromString("00001530-1212-EFDE-1523-785FEABCD123"));
 }

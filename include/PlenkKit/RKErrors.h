@@ -59,6 +59,7 @@ inline constexpr std::string_view kPlatformErrorDomain = "CBErrorDomain";
 // The generic device's firmware-version error domain; not exported.
 inline constexpr std::string_view kDeviceDomain = "DeviceDomain";
 
+// NOLINTNEXTLINE(bugprone-macro-parentheses): Parent names a base class
 #define PLENK_DECLARE_ERROR_KIND(Name, Parent)             \
     class PLENK_EXPORT Name : public Parent {              \
     public:                                                \

@@ -23,6 +23,7 @@ public:
     template <typename F, typename D = std::decay_t<F>,
               typename = std::enable_if_t<!std::is_same_v<D, Task> && std::is_invocable_r_v<void, D&>>>
     Task(F&& f) {  // NOLINT(google-explicit-constructor): implicit like std::function
+        // NOLINTNEXTLINE(misc-redundant-expression): true for some D, not all
         if constexpr (sizeof(D) <= kInlineSize && alignof(D) <= alignof(std::max_align_t) &&
                       std::is_nothrow_move_constructible_v<D>) {
             ::new (static_cast<void*>(storage_)) D(std::forward<F>(f));

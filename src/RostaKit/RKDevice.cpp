@@ -24,7 +24,7 @@ RKDeviceDelegate::~RKDeviceDelegate() = default;
 void RKDeviceDelegate::deviceDidDiscoverAllCharacteristic(RKDevice&) {}
 void RKDeviceDelegate::deviceDidUpdateWeight(RKDevice&, float) {}
 void RKDeviceDelegate::deviceDidClickButton(RKDevice&, std::uint64_t) {}
-void RKDeviceDelegate::deviceDidFailConfigureWithError(RKDevice&, ErrorPtr) {}
+void RKDeviceDelegate::deviceDidFailConfigureWithError(RKDevice&, const ErrorPtr&) {}
 
 RKDevice::RKDevice(bt::PeripheralPtr peripheral, std::shared_ptr<LogSink> log)
     : CSRDevice(std::move(peripheral)), log_(log ? std::move(log) : LogSink::standardOutput()) {}

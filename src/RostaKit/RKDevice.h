@@ -41,7 +41,7 @@ public:
     // A value on "EF82" starting with 01 (button 0) or 02 (button 1).
     virtual void deviceDidClickButton(RKDevice& device, std::uint64_t button);
     // Codes 1000..1005 in LEDeviceErrorDomain.
-    virtual void deviceDidFailConfigureWithError(RKDevice& device, ErrorPtr error);
+    virtual void deviceDidFailConfigureWithError(RKDevice& device, const ErrorPtr& error);
 };
 
 // One connected scale: finds "FF08" and its characteristics "EF80".."EF83",

@@ -141,7 +141,7 @@ public:
     void deviceDidDiscoverAllCharacteristic(RKDevice& device) override;
     void deviceDidUpdateWeight(RKDevice& device, float weight) override;
     void deviceDidClickButton(RKDevice& device, std::uint64_t button) override;
-    void deviceDidFailConfigureWithError(RKDevice& device, ErrorPtr error) override;
+    void deviceDidFailConfigureWithError(RKDevice& device, const ErrorPtr& error) override;
 
     // --- Picker data source and delegate (main thread) ------------------------------
     std::int64_t viewControllerNumberOfRowsInSection(CSRSelectDeviceViewController& viewController,

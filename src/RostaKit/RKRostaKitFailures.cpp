@@ -64,7 +64,7 @@ void RKRostaKitCore::connecterDidFailToConnectPeripheralUserInfo(
     if (isAutoConnectEnabled_) scanDevicesLocked();
 }
 
-void RKRostaKitCore::deviceDidFailConfigureWithError(RKDevice& device, ErrorPtr error) {
+void RKRostaKitCore::deviceDidFailConfigureWithError(RKDevice& device, const ErrorPtr& error) {
     Scope scope(*this);
     if (&device != currentDevice_.get()) return;  // a released device's late report
 

@@ -22,7 +22,9 @@ inline const bt::Uuid kDataCharacteristic = bt::Uuid::from16(0xEF81);     // wei
 inline const bt::Uuid kControlCharacteristic = bt::Uuid::from16(0xEF82);  // button notifications
 inline const bt::Uuid kInfoCharacteristic = bt::Uuid::from16(0xEF83);     // configuration record
 // Firmware-update bootloader service, and the name it advertises.
-inline const bt::Uuid kDfuService = bt::Uuid::fromString("00001530-1212-EFDE-1523-785FEABCD123");
+// 00001530-1212-EFDE-1523-785FEABCD123, spelled out: static initialisation must not throw.
+inline constexpr bt::Uuid kDfuService{std::array<std::uint8_t, 16>{
+    0x00, 0x00, 0x15, 0x30, 0x12, 0x12, 0xEF, 0xDE, 0x15, 0x23, 0x78, 0x5F, 0xEA, 0xBC, 0xD1, 0x23}};
 inline constexpr std::string_view kDfuTargetName = "DfuTarg";
 
 // Opcodes.

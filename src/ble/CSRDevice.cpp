@@ -120,7 +120,7 @@ void CSRDevice::readFirmwareVersionWithCompletion(FirmwareVersionCompletion comp
     }
     if (firmware) {
         p->readValueForCharacteristic(firmware);
-    } else if (completion) {
+    } else if (completion) {  // NOLINT(bugprone-use-after-move): moved only when firmware is set
         completion(std::nullopt, Error::make<RKErrorDeviceNOCharacteristic>(std::string(kDeviceDomain), 1));
     }
 }

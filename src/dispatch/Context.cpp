@@ -16,6 +16,7 @@ Context Context::resolved() const {
     if (!out.log) out.log = LogSink::standardOutput();
     if (!out.backend) {
         std::string name = out.backendName;
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): read once per context, never written by the library
         if (const char* env = std::getenv("PLENK_BACKEND"); env != nullptr && *env != '\0') name = env;
         if (name.empty()) name = bt::BackendRegistry::defaultName();
         out.backendName = name;

@@ -8,7 +8,7 @@
 
 namespace plenk::sim {
 
-std::shared_ptr<SimCentral> SimCentral::make(std::shared_ptr<World> world,
+std::shared_ptr<SimCentral> SimCentral::make(const std::shared_ptr<World>& world,
                                              std::weak_ptr<bt::CentralDelegate> delegate,
                                              const std::string& queueLabel) {
     auto central = std::make_shared<SimCentral>(Token{}, world, std::move(delegate), queueLabel);

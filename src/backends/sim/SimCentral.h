@@ -22,7 +22,7 @@ class VirtualPeripheral;
 // inside the caller's call.
 class SimCentral final : public bt::Central, public std::enable_shared_from_this<SimCentral> {
 public:
-    static std::shared_ptr<SimCentral> make(std::shared_ptr<World> world,
+    static std::shared_ptr<SimCentral> make(const std::shared_ptr<World>& world,
                                             std::weak_ptr<bt::CentralDelegate> delegate,
                                             const std::string& queueLabel);
     // Drops this central's links and pending connects silently, stops its

@@ -94,7 +94,6 @@ std::shared_ptr<VirtualPeripheral> World::addScale(emulator::ScaleOptions scale,
 
 void World::removePeripheral(const std::shared_ptr<VirtualPeripheral>& peripheral) {
     if (!peripheral) return;
-    std::shared_ptr<VirtualPeripheral> keep = peripheral;  // outlives the lock
     std::lock_guard lock(mutex_);
     auto it = std::find(peripherals_.begin(), peripherals_.end(), peripheral);
     if (it == peripherals_.end()) return;
