@@ -9,6 +9,7 @@
 #include <PlenkKit/RKErrors.h>
 
 #include "bt/Bytes.h"
+#include "bt/CharacteristicProperty.h"
 #include "bt/Uuid.h"
 
 namespace plenk::bt {
@@ -24,15 +25,6 @@ using CharacteristicPtr = std::shared_ptr<Characteristic>;
 enum class PeripheralState : int { Disconnected = 0, Connecting = 1, Connected = 2, Disconnecting = 3 };
 
 enum class WriteType : int { WithResponse = 0, WithoutResponse = 1 };
-
-// Characteristic properties (GATT bit values).
-enum CharacteristicProperty : std::uint32_t {
-    kPropertyRead = 0x02,
-    kPropertyWriteWithoutResponse = 0x04,
-    kPropertyWrite = 0x08,
-    kPropertyNotify = 0x10,
-    kPropertyIndicate = 0x20,
-};
 
 // A GATT characteristic as the backend last saw it. Identity (the object) is
 // stable for one discovery; a new discovery may hand out new objects.

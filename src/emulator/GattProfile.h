@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "bt/Bytes.h"
+#include "bt/CharacteristicProperty.h"
 #include "bt/Uuid.h"
 
 // A device's GATT table as plain data: what the scale emulator serves and what
@@ -50,14 +51,13 @@ inline constexpr bt::Uuid kDfuControlPoint = dfuUuid(0x1531);
 inline constexpr bt::Uuid kDfuPacket = dfuUuid(0x1532);
 inline constexpr bt::Uuid kDfuVersion = dfuUuid(0x1534);
 
-// Characteristic properties, GATT bit values.
-enum GattProperty : std::uint32_t {
-    kGattRead = 0x02,
-    kGattWriteWithoutResponse = 0x04,
-    kGattWrite = 0x08,
-    kGattNotify = 0x10,
-    kGattIndicate = 0x20,
-};
+// Characteristic properties: the port's GATT bit values.
+using GattProperty = bt::CharacteristicProperty;
+inline constexpr auto kGattRead = bt::kPropertyRead;
+inline constexpr auto kGattWriteWithoutResponse = bt::kPropertyWriteWithoutResponse;
+inline constexpr auto kGattWrite = bt::kPropertyWrite;
+inline constexpr auto kGattNotify = bt::kPropertyNotify;
+inline constexpr auto kGattIndicate = bt::kPropertyIndicate;
 
 struct CharacteristicDefinition {
     bt::Uuid uuid;
