@@ -6,7 +6,7 @@ packages=(
   build-essential cmake ninja-build pkg-config git
   g++ clang lld libclang-rt-14-dev clang-format clang-tidy
   googletest libgtest-dev libgmock-dev libbenchmark-dev
-  libcli11-dev nlohmann-json3-dev
+  libcli11-dev
   python3 binutils
 )
 # --if-needed: do nothing when every package is already installed.
