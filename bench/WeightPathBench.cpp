@@ -24,6 +24,7 @@
 #include "backends/sim/SimBackend.h"
 #include "backends/sim/VirtualPeripheral.h"
 #include "backends/sim/World.h"
+#include "dispatch/SerialQueue.h"
 
 namespace {
 std::atomic<std::uint64_t> gAllocations{0};
@@ -146,6 +147,40 @@ LatencyResult latencyRun(double hertz, std::uint64_t count) {
             *std::max_element(micros.begin(), micros.end()), rig.receiver->errors.load()};
 }
 
+// The floor under the 1 kHz row: the same two thread hops (a serial queue,
+// then a run loop on its own thread) carrying a bare number, no library layer.
+LatencyResult baselineRun(double hertz, std::uint64_t count) {
+    auto loop = std::make_shared<plenk::RunLoop>();
+    plenk::dispatch::SerialQueue queue("Corebluetooth");
+    std::thread host([&] { loop->run(); });
+    std::vector<Clock::time_point> emitted(count);
+    std::vector<Clock::time_point> arrived(count);
+    std::atomic<std::uint64_t> received{0};
+    const auto period =
+        std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / hertz));
+    auto next = Clock::now();
+    for (std::uint64_t i = 0; i < count; ++i) {
+        std::this_thread::sleep_until(next);
+        next += period;
+        emitted[i] = Clock::now();
+        queue.post([&, i] {
+            loop->post([&, i] {
+                arrived[i] = Clock::now();
+                received.fetch_add(1, std::memory_order_release);
+            });
+        });
+    }
+    while (received.load(std::memory_order_acquire) < count) std::this_thread::yield();
+    loop->stop();
+    host.join();
+    std::vector<double> micros(count);
+    for (std::uint64_t i = 0; i < count; ++i) {
+        micros[i] = std::chrono::duration<double, std::micro>(arrived[i] - emitted[i]).count();
+    }
+    return {percentile(micros, 0.50), percentile(micros, 0.99),
+            *std::max_element(micros.begin(), micros.end()), 0};
+}
+
 struct ThroughputResult {
     double perSecond;
     double allocationsPerWeight;
@@ -186,6 +221,12 @@ int main(int argc, char** argv) {
         std::printf("| latency %s | %llu | %.1f | %.1f | %.1f | %llu |\n", rate.name,
                     static_cast<unsigned long long>(count), r.p50, r.p99, r.max,
                     static_cast<unsigned long long>(r.errors));
+    }
+    {
+        const auto count = std::max<std::uint64_t>(5000 / scale, 50);
+        const auto r = baselineRun(1000, count);
+        std::printf("| floor: two bare thread hops, 1 kHz | %llu | %.1f | %.1f | %.1f | - |\n",
+                    static_cast<unsigned long long>(count), r.p50, r.p99, r.max);
     }
     const std::uint64_t count = 1000000 / scale;
     const auto t = throughputRun(count);
