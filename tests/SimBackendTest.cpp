@@ -682,6 +682,23 @@ TEST(SimGatt, ReadsAnswerFromTheEmulator) {
     EXPECT_EQ(characteristicOf(p, em::kBatteryLevel)->value(), (bt::Bytes{42}));
 }
 
+TEST(SimGatt, WritesTheCharacteristicDoesNotAllowAreRefusedOrDropped) {
+    Rig r;
+    auto scale = r.h.addScale();
+    auto p = r.connectAndDiscover(scale);
+    auto battery = characteristicOf(p, em::kBatteryLevel);  // read and notify only
+    r.rec->clear();
+    p->writeValue(bt::Bytes{0x01}, battery, bt::WriteType::WithoutResponse);  // dropped, as the platform does
+    p->writeValue(bt::Bytes{0x02}, battery, bt::WriteType::WithResponse);     // refused by the peer
+    r.h.settle();
+    const auto writes = r.rec->of("write");
+    ASSERT_EQ(writes.size(), 1u);
+    ASSERT_NE(writes[0].error, nullptr);
+    EXPECT_EQ(writes[0].error->code(), sim::kAttWriteNotPermitted);
+    ASSERT_EQ(scale->writes().size(), 1u);
+    EXPECT_EQ(scale->writes()[0].value, (bt::Bytes{0x02}));
+}
+
 TEST(SimGatt, WritesReachTheEmulatorAndAreAcknowledgedInOrder) {
     Rig r;
     auto scale = r.h.addScale();

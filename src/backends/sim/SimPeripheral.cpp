@@ -366,6 +366,18 @@ void SimPeripheral::deliverCharacteristics(std::uint32_t link,
     if (delegate) delegate->peripheralDidDiscoverCharacteristicsForServiceError(*this, service, error);
 }
 
+namespace {
+// The outcome of a GATT request on `c` before it reaches the device: the
+// scripted error for its UUID, else `attCode` when `c` lacks the properties
+// the request needs, else none.
+ErrorPtr requestFault(const std::map<bt::Uuid, ErrorPtr>& scripted, const SimCharacteristic& c,
+                      std::uint32_t needed, std::int64_t attCode) {
+    if (auto it = scripted.find(c.uuid()); it != scripted.end()) return it->second;
+    if ((c.properties() & needed) == 0) return attError(attCode);
+    return nullptr;
+}
+}  // namespace
+
 void SimPeripheral::deliverRead(std::uint32_t link, const bt::CharacteristicPtr& characteristic) {
     std::shared_ptr<VirtualPeripheral> device;
     std::shared_ptr<bt::PeripheralDelegate> delegate;
@@ -374,11 +386,8 @@ void SimPeripheral::deliverRead(std::uint32_t link, const bt::CharacteristicPtr&
         std::lock_guard lock(world_->mutex_);
         auto* sim = ownCharacteristicLocked(characteristic);
         if (!liveLocked(link) || sim == nullptr || !(device = device_.lock())) return;
-        if (auto it = device->readErrors_.find(sim->uuid_); it != device->readErrors_.end()) {
-            error = it->second;
-        } else if ((sim->properties_ & emulator::kGattRead) == 0) {
-            error = attError(kAttReadNotPermitted);
-        } else {
+        error = requestFault(device->readErrors_, *sim, emulator::kGattRead, kAttReadNotPermitted);
+        if (!error) {
             sim->value_ = device->readValueLocked(sim->uuid_, world_->clock_->now()).value_or(bt::Bytes{});
         }
         delegate = delegate_.lock();
@@ -399,12 +408,9 @@ void SimPeripheral::deliverWrite(std::uint32_t link, const bt::CharacteristicPtr
         const bool withResponse = type == bt::WriteType::WithResponse;
         const std::uint32_t needed =
             withResponse ? emulator::kGattWrite : emulator::kGattWriteWithoutResponse;
-        if (auto it = device->writeErrors_.find(sim->uuid_); it != device->writeErrors_.end()) {
-            error = it->second;
-        } else if ((sim->properties_ & needed) == 0) {
-            if (!withResponse) return;  // the platform drops it
-            error = attError(kAttWriteNotPermitted);
-        }
+        error = requestFault(device->writeErrors_, *sim, needed, kAttWriteNotPermitted);
+        // A write without response that is not permitted is dropped by the platform.
+        if (!withResponse && error && !device->writeErrors_.contains(sim->uuid_)) return;
         device->recordWriteLocked(WriteRecord{sim->uuid_, data, type, error});
         if (!error) effect = device->applyWriteLocked(sim->uuid_, data, world_->clock_->now());
         delegate = delegate_.lock();
@@ -430,11 +436,9 @@ void SimPeripheral::deliverNotifyState(std::uint32_t link, const bt::Characteris
         std::lock_guard lock(world_->mutex_);
         auto* sim = ownCharacteristicLocked(characteristic);
         if (!liveLocked(link) || sim == nullptr || !(device = device_.lock())) return;
-        if (auto it = device->notifyStateErrors_.find(sim->uuid_); it != device->notifyStateErrors_.end()) {
-            error = it->second;
-        } else if ((sim->properties_ & (emulator::kGattNotify | emulator::kGattIndicate)) == 0) {
-            error = attError(kAttRequestNotSupported);
-        } else {
+        error = requestFault(device->notifyStateErrors_, *sim,
+                             emulator::kGattNotify | emulator::kGattIndicate, kAttRequestNotSupported);
+        if (!error) {
             sim->notifying_ = enabled;
             std::erase(subscribed_, sim);
             if (enabled) subscribed_.push_back(sim);
