@@ -22,3 +22,6 @@
 
 #include <PlenkKit/PKPlenk.h>
 #include <PlenkKit/RKRostaKit.h>
+
+// Testing without a scale: the simulated world.
+#include <PlenkKit/Simulator.h>
