@@ -29,11 +29,29 @@ tail -n1 "$out" | grep -qx '{"event":"disconnected"}' || fail "no clean disconne
 timeout 30 "$plenk" watch --sim --duration 2 >"$out"
 grep -Eq '^ *-?[0-9]+\.[0-9] g  connected +battery 85%$' "$out" || fail "no status line"
 
-# 4. An unknown backend is a usage error.
-set +e
-"$plenk" watch --backend nosuch --duration 1 2>"$out"
-status=$?
-set -e
-[ "$status" -eq 2 ] || fail "unknown backend exited with $status"
-grep -q 'unknown Bluetooth backend' "$out" || fail "no clear message for an unknown backend"
+# 4. --verbose: the library's diagnostics go to stderr, one line each; stdout keeps
+#    clean status lines. An explicit --sim wins over PLENK_BACKEND.
+err=$(mktemp)
+trap 'rm -f "$out" "$err"' EXIT
+PLENK_BACKEND=nosuch timeout 30 "$plenk" watch --sim --duration 1 --verbose >"$out" 2>"$err" ||
+  fail "verbose watch exited with $?"
+grep -Evq '^ *(-?[0-9]+\.[0-9]|--\.-) g  [a-z]+ +battery [0-9-]+%?$' "$out" && fail "stray text on stdout"
+grep -q '^plenk: library: .*disconnection' "$err" || fail "no library diagnostic on stderr: $(cat "$err")"
+
+# 5. Bad arguments: one line on stderr, status 2, nothing started.
+while IFS='|' read -r pattern args; do
+  set +e
+  # shellcheck disable=SC2086
+  timeout 10 "$plenk" watch $args >"$out" 2>"$err"
+  status=$?
+  set -e
+  [ "$status" -eq 2 ] && [ ! -s "$out" ] && [ "$(grep -c '' "$err")" -eq 1 ] && grep -q -- "$pattern" "$err" ||
+    fail "watch $args: status $status, stderr: $(cat "$err")"
+done <<'TABLE'
+unknown Bluetooth backend|--backend nosuch --duration 1
+cannot be combined with --backend 'nope'|--sim --backend nope
+'abc' is not a number of seconds|--sim --duration abc
+'0' is not a number of seconds|--sim --duration 0
+'1e400' is not a number of seconds|--sim --duration 1e400
+TABLE
 echo "cli watch: ok"

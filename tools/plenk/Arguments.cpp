@@ -56,6 +56,17 @@ std::int32_t parseInt32Argument(std::string_view text, std::string_view what) {
     return static_cast<std::int32_t>(value);
 }
 
+double parseDurationArgument(std::string_view text, std::string_view what) {
+    double seconds = 0;
+    const auto [end, ec] =
+        std::from_chars(text.data(), text.data() + text.size(), seconds, std::chars_format::fixed);
+    if (text.empty() || ec != std::errc{} || end != text.data() + text.size() || !(seconds > 0) ||
+        seconds > kMaxDurationSeconds) {
+        reject(what, text, "a number of seconds above 0 and at most 2592000 (30 days)");
+    }
+    return seconds;
+}
+
 bool parseSwitchArgument(std::string_view text, std::string_view what) {
     if (text == "on") return true;
     if (text == "off") return false;

@@ -12,6 +12,9 @@ namespace plenk::cli {
 std::uint8_t parseByteArgument(std::string_view text, std::string_view what);
 // Decimal with optional sign, or 0x-hex; the whole signed 32-bit range.
 std::int32_t parseInt32Argument(std::string_view text, std::string_view what);
+// Seconds, decimal ("40", "2.5"): more than 0, at most kMaxDurationSeconds.
+inline constexpr double kMaxDurationSeconds = 30 * 24 * 3600.0;
+double parseDurationArgument(std::string_view text, std::string_view what);
 // "on" or "off".
 bool parseSwitchArgument(std::string_view text, std::string_view what);
 

@@ -8,12 +8,16 @@
 #include <csignal>
 #include <cstdio>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include <PlenkKit/PlenkKit.h>
 #include <CLI/CLI.hpp>
 
+#include "Arguments.h"
 #include "Commands.h"
 #include "JsonWriter.h"
 
@@ -23,12 +27,14 @@ namespace {
 struct WatchOptions {
     bool sim = false;
     std::string backend;
-    double duration = 0;  // seconds; 0 = until Ctrl-C
+    std::optional<std::string> duration;  // seconds; none = until Ctrl-C
     bool verbose = false;
 };
 
 // Prints what the host hears: one updating line on a terminal, one line per
-// event otherwise, or one JSON object per event.
+// event otherwise, or one JSON object per event. Events come from the main
+// loop; the library's diagnostics (with --verbose) from any thread, so every
+// entry takes the printer's lock.
 class WatchPrinter {
 public:
     WatchPrinter(bool json, bool tty) : json_(json), tty_(tty) {}
@@ -36,21 +42,25 @@ public:
     void connected() { event("connected", "connected"); }
     void disconnected() { event("disconnected", "disconnected"); }
     void weight(float grams) {
+        std::lock_guard lock(mutex_);
         weight_ = grams;
         haveWeight_ = true;
         if (json_) return emit(JsonObject().string("event", "weight").number("value", grams).str());
         status();
     }
     void battery(std::int64_t level) {
+        std::lock_guard lock(mutex_);
         battery_ = level;
         if (json_) return emit(JsonObject().string("event", "battery").integer("value", level).str());
         status();
     }
     void button(std::uint64_t number) {
+        std::lock_guard lock(mutex_);
         if (json_) return emit(JsonObject().string("event", "button").unsignedInteger("value", number).str());
         note("button " + std::to_string(number));
     }
     void error(const Error& e) {
+        std::lock_guard lock(mutex_);
         if (json_) {
             return emit(JsonObject()
                             .string("event", "error")
@@ -62,12 +72,39 @@ public:
         note("error " + e.domain() + " " + std::to_string(e.code()) + ": " + e.localizedDescription());
     }
     void finish() {
+        std::lock_guard lock(mutex_);
         if (!json_ && tty_ && drawn_) std::fputc('\n', stdout);
+        drawn_ = false;
         std::fflush(stdout);
+    }
+    // A diagnostic text of the library: its lines go to standard error, each
+    // on a line of its own, with the live line cleared first and drawn again
+    // after, so the two never run together on a terminal.
+    void diagnostic(std::string_view text) {
+        std::lock_guard lock(mutex_);
+        const bool redraw = tty_ && drawn_;
+        if (redraw) {
+            std::fputs("\r\x1b[K", stdout);
+            std::fflush(stdout);
+            drawn_ = false;
+        }
+        while (!text.empty()) {
+            const auto end = text.find('\n');
+            auto line = text.substr(0, end);
+            const auto first = line.find_first_not_of(" \t\r");
+            if (first != std::string_view::npos) {
+                line = line.substr(first, line.find_last_not_of(" \t\r") - first + 1);
+                std::fprintf(stderr, "plenk: library: %.*s\n", static_cast<int>(line.size()), line.data());
+            }
+            text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+        }
+        std::fflush(stderr);
+        if (redraw) status();
     }
 
 private:
     void event(const char* name, const char* state) {
+        std::lock_guard lock(mutex_);
         state_ = state;
         if (json_) return emit(JsonObject().string("event", name).str());
         status();
@@ -104,6 +141,7 @@ private:
         return text;
     }
 
+    std::mutex mutex_;
     bool json_;
     bool tty_;
     bool drawn_ = false;
@@ -183,14 +221,50 @@ private:
     std::thread thread_;
 };
 
+// The library's diagnostics, through the printer.
+class PrinterLogSink final : public LogSink {
+public:
+    explicit PrinterLogSink(std::shared_ptr<WatchPrinter> printer) : printer_(std::move(printer)) {}
+    void write(std::string_view text) override { printer_->diagnostic(text); }
+
+private:
+    std::shared_ptr<WatchPrinter> printer_;
+};
+
 void runWatch(const WatchOptions& options, const GlobalOptions& global) {
+    if (options.sim && !options.backend.empty() && options.backend != "sim") {
+        throw UsageError("--sim uses the simulator; it cannot be combined with --backend '" +
+                         options.backend + "'");
+    }
+    const double seconds = options.duration ? parseDurationArgument(*options.duration, "--duration") : 0;
     SignalWatcher::blockInThisProcess();  // before any library thread starts
 
-    auto loop = std::make_shared<RunLoop>();
+    auto printerOwner =
+        std::make_shared<WatchPrinter>(global.json, !global.json && isatty(STDOUT_FILENO) == 1);
+    WatchPrinter& printer = *printerOwner;
+    const std::shared_ptr<LogSink> log =
+        options.verbose ? std::make_shared<PrinterLogSink>(printerOwner) : LogSink::discard();
+
+    // --sim: the public simulator on real time, with one scale as the demo has
+    // it ("Plenk Scale", binary weights at 10 Hz, a 36 g shot after the tare).
+    // Its explicit backend wins over PLENK_BACKEND.
+    std::unique_ptr<Simulator> simulator;
+    std::shared_ptr<RunLoop> loop;
     Context context;
-    context.mainQueue = loop;
-    context.log = options.verbose ? LogSink::standardError() : LogSink::discard();
-    context.backendName = options.sim ? "sim" : options.backend;
+    if (options.sim) {
+        Simulator::Options simulatorOptions;
+        simulatorOptions.clock = Clock::steady();
+        simulatorOptions.log = log;
+        simulator = std::make_unique<Simulator>(simulatorOptions);
+        simulator->addScale();
+        context = simulator->context();
+        loop = simulator->mainLoop();
+    } else {
+        loop = std::make_shared<RunLoop>();
+        context.mainQueue = loop;
+        context.log = log;
+        context.backendName = options.backend;
+    }
     std::shared_ptr<PKPlenk> plenk;
     try {
         plenk = PKPlenk::create(context);
@@ -198,7 +272,6 @@ void runWatch(const WatchOptions& options, const GlobalOptions& global) {
         throw UsageError(e.what());
     }
 
-    WatchPrinter printer(global.json, !global.json && isatty(STDOUT_FILENO) == 1);
     bool finishing = false;
     auto readBattery = [&] {
         plenk->readPlenkBatteryLifeWithCompletion([&printer](std::int64_t level) { printer.battery(level); });
@@ -217,10 +290,10 @@ void runWatch(const WatchOptions& options, const GlobalOptions& global) {
     plenk->setIsAutoConnectEnabled(true);
 
     SignalWatcher signals([&loop, &finish] { loop->post([&finish] { finish(); }); });
-    if (options.duration > 0) {
-        loop->postAfter(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                            std::chrono::duration<double>(options.duration)),
-                        [&finish] { finish(); });
+    if (seconds > 0) {
+        loop->postAfter(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds)),
+            [&finish] { finish(); });
     }
     loop->run();
     printer.finish();
@@ -235,18 +308,18 @@ void addWatchCommand(CLI::App& app, const GlobalOptions& options) {
     auto* watch = app.add_subcommand("watch", "Connect to the first scale found and show its live weight");
     watch->add_flag("--sim", watchOptions->sim, "Use the simulated scale (the embedded 'sim' backend)");
     watch->add_option("--backend", watchOptions->backend,
-                      "Bluetooth backend by name (PLENK_BACKEND overrides)");
-    watch
-        ->add_option("--duration", watchOptions->duration,
-                     "Stop after this many seconds (default: until Ctrl-C)")
-        ->check(CLI::PositiveNumber);
+                      "Bluetooth backend by name (PLENK_BACKEND overrides; 'sim' is --sim)");
+    watch->add_option("--duration", watchOptions->duration,
+                      "Stop after this many seconds, e.g. 40 or 2.5 (default: until Ctrl-C)");
     watch->add_flag("--verbose", watchOptions->verbose, "Show the library's diagnostic lines on stderr");
     watch->footer(
         "Shows grams with one decimal, the connection state and the battery level on one line;\n"
         "with --json one object per event: {\"event\":\"weight\",\"value\":12.5}, connected,\n"
         "disconnected, button, battery, error (domain, code, description).\n"
         "Ctrl-C disconnects cleanly.\n"
-        "Example: plenk watch --sim --duration 12");
+        "The simulated scale pours a 36 g espresso shot: first drops after about 4 s,\n"
+        "about 36 g by 35 s.\n"
+        "Example: plenk watch --sim --duration 40");
     watch->callback([watchOptions, &options] { runWatch(*watchOptions, options); });
 }
 
