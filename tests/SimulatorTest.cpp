@@ -38,7 +38,7 @@ struct Host final : plenk::PKPlenkDelegate {
 
 class SimulatorTest : public ::testing::Test {
 protected:
-    explicit SimulatorTest(Simulator::Options options = quiet()) : sim(std::move(options)) {}
+    SimulatorTest() : sim(quiet()) {}
 
     static Simulator::Options quiet() {
         Simulator::Options options;

@@ -39,7 +39,8 @@ inline constexpr std::string_view kDeviceDomain = "DeviceDomain";
 // Its one code: the firmware revision characteristic is not known.
 inline constexpr std::int64_t kDeviceCodeNoCharacteristic = 1;
 
-// NOLINTNEXTLINE(bugprone-macro-parentheses): Parent names a base class
+// Parent names a base class: it cannot be parenthesised.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define PLENK_DECLARE_ERROR_KIND(Name, Parent)             \
     class PLENK_EXPORT Name : public Parent {              \
     public:                                                \
@@ -47,6 +48,7 @@ inline constexpr std::int64_t kDeviceCodeNoCharacteristic = 1;
         ~Name() override;                                  \
         std::string localizedDescription() const override; \
     }
+// NOLINTEND(bugprone-macro-parentheses)
 
 // A parent with no description of its own: it keeps the default one.
 class PLENK_EXPORT RKErrorLENotAvailableC : public Error {

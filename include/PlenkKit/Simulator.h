@@ -192,7 +192,7 @@ public:
     };
 
     Simulator();
-    explicit Simulator(Options options);
+    explicit Simulator(const Options& options);
     // Drops the timers still pending (a timer that holds its owner would keep
     // it alive) and runs what that releases, on the calling thread.
     ~Simulator();

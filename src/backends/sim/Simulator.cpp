@@ -90,7 +90,8 @@ sim::World::Options worldOptionsFor(const Simulator::Options& options) {
 
 Simulator::Simulator() : Simulator(Options{}) {}
 
-Simulator::Simulator(Options options) : impl_(std::make_unique<Impl>(options, worldOptionsFor(options))) {}
+Simulator::Simulator(const Options& options)
+    : impl_(std::make_unique<Impl>(options, worldOptionsFor(options))) {}
 
 Simulator::Simulator(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
@@ -174,7 +175,7 @@ bool Simulator::runUntil(const std::function<bool()>& done, Clock::Duration time
 
 namespace sim {
 
-std::unique_ptr<Simulator> SimulatorAccess::make(Simulator::Options options, World::Options world) {
+std::unique_ptr<Simulator> SimulatorAccess::make(const Simulator::Options& options, World::Options world) {
     return std::unique_ptr<Simulator>(
         new Simulator(std::make_unique<Simulator::Impl>(options, std::move(world))));
 }

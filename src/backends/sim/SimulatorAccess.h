@@ -15,7 +15,7 @@ struct SimulatorAccess {
     // A simulator whose world starts with `world` (timings, streaming default,
     // power-off rule, the simulator's own log); the latencies of `options` are
     // not used.
-    static std::unique_ptr<Simulator> make(Simulator::Options options, World::Options world);
+    static std::unique_ptr<Simulator> make(const Simulator::Options& options, World::Options world);
     static const std::shared_ptr<World>& world(const Simulator& simulator);
     static const std::shared_ptr<SimBackend>& backend(const Simulator& simulator);
     // Null on real time.
