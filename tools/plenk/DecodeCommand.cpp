@@ -33,7 +33,7 @@ std::vector<std::uint8_t> bytesFrom(const std::vector<std::string>& words) {
 
 std::string floatText(float value) {
     // Same shortest round-trip form as the JSON output; inf/nan spelled out.
-    const std::string json = jsonNumber(value);
+    std::string json = jsonNumber(value);
     if (json != "null") return json;
     if (value != value) return "nan";
     return value < 0 ? "-inf" : "inf";

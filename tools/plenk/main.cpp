@@ -1,6 +1,7 @@
 // plenk: the command-line tool for PlenkKit scales. Each verb lives in its own
 // file and registers itself here through one add...Command function.
 
+#include <cstdio>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -44,9 +45,7 @@ std::string describe(const CLI::App& app, const CLI::ParseError& error) {
     return error.what() + help;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
     using namespace plenk::cli;
 
     CLI::App app{"Talk to Bluetooth LE coffee and kitchen scales through PlenkKit.", "plenk"};
@@ -86,4 +85,15 @@ int main(int argc, char** argv) {
         return 1;
     }
     return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (...) {  // the command line could not even be set up (out of memory...)
+        std::fputs("plenk: internal error\n", stderr);
+        return 1;
+    }
 }
