@@ -91,25 +91,31 @@ TEST_F(Facade, KitEventsAreQueuedNeverDeliveredInsideTheKitsCall) {
     EXPECT_TRUE(isKind<RKErrorLEWriteC>(host->errors.at(0)));
 }
 
-TEST_F(Facade, AScaleWeightTakesTwoHops) {
+// Completions and delegate events reach the host in the order they happened:
+// a weight notified before a battery answer arrives first, and the picker's
+// success follows plenkDidConnected.
+TEST_F(Facade, CompletionsAndEventsArriveInEventOrder) {
     auto scale = h.addScale();
-    make();
+    make(false);
     h.settle();
-    std::vector<std::string> order;
-    auto record = [&](std::string what) { order.push_back(std::move(what)); };
-    struct Hook final : PKPlenkDelegate {
-        std::function<void(std::string)> record;
-        void plenkWeightDidUpdate(float) override { record("host"); }
-    };
-    auto hook = std::make_shared<Hook>();
-    hook->record = record;
-    plenk->setDelegate(hook);
+    auto presenter = std::make_shared<RecordingPresenter>();
+    plenk->showDevicePickerOnViewContoller(presenter, [this](const ErrorPtr& error) {
+        host->add(h.mainLoop, error ? "picker error" : "picker success");
+    });
+    h.settle();
+    ASSERT_NE(presenter->presented, nullptr);
+    presenter->presented->tableViewDidSelectRowAtIndexPath({0, 0});
+    h.settle();
+    ASSERT_TRUE(plenk->isConnected());
 
-    scale->notify(emulator::kDataCharacteristic, weightPacket(scale, 1.0f));
-    h.world->drainQueues();  // the kit's task is now on the main queue
-    h.mainLoop->post([&] { record("marker"); });
-    h.mainLoop->runUntilIdle();
-    EXPECT_EQ(order, (std::vector<std::string>{"marker", "host"}));
+    // Both events wait on the Bluetooth queue, the weight first.
+    scale->notify(emulator::kDataCharacteristic, weightPacket(scale, 3.0f));
+    plenk->readPlenkBatteryLifeWithCompletion(
+        [this](std::int64_t level) { host->add(h.mainLoop, "battery " + std::to_string(level)); });
+    h.settle();
+    EXPECT_EQ(host->snapshot(),
+              (std::vector<std::string>{"connected", "picker success", "weight 3", "battery 85"}));
+    EXPECT_EQ(host->offMainThread, 0);
 }
 
 TEST_F(Facade, AutoConnectFlagStartsOffWhileTheKitAutoConnects) {

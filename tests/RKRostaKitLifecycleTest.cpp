@@ -153,7 +153,7 @@ TEST_F(KitLifecycle, HeldConnectionComesBackSilently) {
     EXPECT_EQ(delegate->count("weight 7"), 1u);
 }
 
-TEST_F(KitLifecycle, SystemHeldScaleIsTakenBackWithoutWatchdog) {
+TEST_F(KitLifecycle, SystemHeldScaleIsTakenBackUnderTheWatchdog) {
     auto scale = h.addScale();
     connectHeld();
     scale->setConnectedToSystem(true);
@@ -163,8 +163,10 @@ TEST_F(KitLifecycle, SystemHeldScaleIsTakenBackWithoutWatchdog) {
     h.settle();
     EXPECT_EQ(notes.count("log: $  connectedDevices count 1 "), 1u);
     EXPECT_EQ(notes.count("Reconnect"), 1u);
-    EXPECT_EQ(h.clock->pendingTimers(), 0u);  // no watchdog for a system-held scale
+    EXPECT_EQ(h.clock->pendingTimers(), 1u);  // the watchdog bounds this road too
     EXPECT_TRUE(kit->isConnected());
+    h.advance(3s);
+    EXPECT_TRUE(kit->isConnected());  // relinked in time: left alone
     EXPECT_EQ(delegate->count("disconnected"), 0u);
 }
 

@@ -212,7 +212,7 @@ inline bt::Bytes weightPacket(const std::shared_ptr<sim::VirtualPeripheral>& sca
 
 // A simulated world, one kit on it and a recording delegate.
 class KitFixture : public ::testing::Test {
-protected:
+public:
     explicit KitFixture(SimHarnessOptions options = {}) : h(options) {}
 
     ~KitFixture() override {

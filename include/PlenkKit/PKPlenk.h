@@ -109,7 +109,10 @@ public:
     PKPlenk(Token, const Context& context);
 
 private:
-    const std::shared_ptr<Executor> mainQueue_;
+    struct Bridge;
+    // The host's main queue, held weakly: queued work holds the facade, so a
+    // strong hold here would keep a dropped loop and the facade alive together.
+    const std::weak_ptr<Executor> mainQueue_;
     mutable std::mutex mutex_;
     bool isAutoConnectEnabled_ = false;
     std::weak_ptr<PKPlenkDataSource> dataSource_;

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "RostaKit/RKRostaKitCore.h"
+
 namespace plenk {
 
 PKPlenkDelegate::~PKPlenkDelegate() = default;
@@ -28,6 +30,27 @@ std::optional<Color> PKPlenkDataSource::navigationBarColorForSelectAccessoryModa
 // --- Creation and destruction -------------------------------------------------------------------
 
 PKPlenk::PKPlenk(Token, const Context& context) : mainQueue_(context.mainQueue) {}
+
+struct PKPlenk::Bridge {
+    // Runs `call` with the facade and the host's delegate read at that moment.
+    // Inside the kit's own main-queue delivery the call is made in that task;
+    // from anywhere else it is queued on the main queue, keeping the facade
+    // alive until it has run.
+    template <typename F>
+    static void toHost(PKPlenk& plenk, F call) {
+        auto self = plenk.weak_from_this().lock();
+        if (!self) return;
+        auto task = [self = std::move(self), call = std::move(call)] {
+            if (auto d = self->delegate()) call(*d, *self);
+        };
+        static_assert(sizeof(task) <= Task::kInlineSize, "the weight path must not allocate");
+        if (RKRostaKitCore::isDelivering(plenk.rosta().get())) {
+            task();
+        } else if (auto queue = plenk.mainQueue_.lock()) {
+            queue->post(std::move(task));
+        }
+    }
+};
 
 std::shared_ptr<PKPlenk> PKPlenk::create(const Context& context) {
     const Context resolved = context.resolved();
@@ -130,51 +153,30 @@ void PKPlenk::setRosta(std::shared_ptr<RKRostaKit> rosta) {
     // The old kit, if this was its last owner, is released unlocked.
 }
 
-// --- Kit events: each queued once more on the main queue --------------------------------------------
+// --- Kit events ---------------------------------------------------------------------------------
 //
-// Each task keeps the facade alive until it has run and reads the host's
-// delegate only then, so a delegate released in between hears nothing.
+// The kit already calls these on the main queue; passing them on in that same
+// task gives delegate events the one main-queue hop that completions take, so
+// the host hears everything in the order it happened.
 
 void PKPlenk::rostaDidConnected(RKRostaKit&) {
-    auto self = weak_from_this().lock();
-    if (!self) return;
-    mainQueue_->post([self = std::move(self)] {
-        if (auto d = self->delegate()) d->plenkDidConnected(*self);
-    });
+    Bridge::toHost(*this, [](PKPlenkDelegate& d, PKPlenk& p) { d.plenkDidConnected(p); });
 }
 
 void PKPlenk::rostaDidDisconnected(RKRostaKit&) {
-    auto self = weak_from_this().lock();
-    if (!self) return;
-    mainQueue_->post([self = std::move(self)] {
-        if (auto d = self->delegate()) d->plenkDidDisconnected(*self);
-    });
+    Bridge::toHost(*this, [](PKPlenkDelegate& d, PKPlenk& p) { d.plenkDidDisconnected(p); });
 }
 
 void PKPlenk::rostaDidErrorOccur(RKRostaKit&, const ErrorPtr& error) {
-    auto self = weak_from_this().lock();
-    if (!self) return;
-    mainQueue_->post([self = std::move(self), error] {
-        if (auto d = self->delegate()) d->plenkDidErrorOccur(*self, error);
-    });
+    Bridge::toHost(*this, [error](PKPlenkDelegate& d, PKPlenk& p) { d.plenkDidErrorOccur(p, error); });
 }
 
 void PKPlenk::rostaWeightDidUpdate(float weight) {
-    auto self = weak_from_this().lock();
-    if (!self) return;
-    auto task = [self = std::move(self), weight] {
-        if (auto d = self->delegate()) d->plenkWeightDidUpdate(weight);
-    };
-    static_assert(sizeof(task) <= Task::kInlineSize, "the weight path must not allocate");
-    mainQueue_->post(std::move(task));
+    Bridge::toHost(*this, [weight](PKPlenkDelegate& d, PKPlenk&) { d.plenkWeightDidUpdate(weight); });
 }
 
 void PKPlenk::rostaDeviceDidClickButton(std::uint64_t button) {
-    auto self = weak_from_this().lock();
-    if (!self) return;
-    mainQueue_->post([self = std::move(self), button] {
-        if (auto d = self->delegate()) d->plenkDeviceDidClickButton(button);
-    });
+    Bridge::toHost(*this, [button](PKPlenkDelegate& d, PKPlenk&) { d.plenkDeviceDidClickButton(button); });
 }
 
 // --- Kit questions: the host data source's answer, at once ----------------------------------------
