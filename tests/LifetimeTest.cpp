@@ -176,7 +176,7 @@ TEST(FacadeLifetime, MemoryReturnsWhenTheHostDropsItsLoopWithWorkQueued) {
         loop->runUntilIdle();
     }
     ASSERT_TRUE(plenk->isConnected());
-    for (int i = 0; i < 5; ++i) scale->notify(emulator::kDataCharacteristic, weightPacket(scale, 1.0f * i));
+    for (int i = 0; i < 5; ++i) scale->notify(wire::kDataCharacteristic, weightPacket(scale, 1.0f * i));
     h.world->drainQueues();
     ASSERT_GT(loop->pendingTasks(), 0u);
 
@@ -215,7 +215,7 @@ private:
 
 TEST_F(KitFixture, AKitReleasedOnTheBluetoothQueueReleasesTheHostsObjectsOnTheMainQueue) {
     auto scale = h.addScale();
-    scale->queueConnectResult(sim::ConnectResult::failWithCode(sim::kPlatformConnectionLimitReached));
+    scale->queueConnectResult(sim::ConnectResult::failWithCode(kPlatformConnectionLimitReached));
     makeKit(false);
     h.settle();
     std::atomic<int> offMain{0};

@@ -4,6 +4,7 @@
 // still queued).
 
 #include "RKRostaKitTestSupport.h"
+#include "wire/GattUuids.h"
 
 namespace plenk::test {
 namespace {
@@ -63,11 +64,11 @@ TEST_F(Facade, ConnectionAndWeightsReachTheHostOnTheMainQueue) {
     make();
     h.settle();
     EXPECT_TRUE(plenk->isConnected());
-    scale->notify(emulator::kDataCharacteristic, weightPacket(scale, 12.5f));
+    scale->notify(wire::kDataCharacteristic, weightPacket(scale, 12.5f));
     h.settle();
     scale->pressButton(0);
     h.settle();
-    scale->dropLink(sim::platformError(sim::kPlatformConnectionTimeout));
+    scale->dropLink(platformError(kPlatformConnectionTimeout));
     h.settle();
     EXPECT_EQ(host->snapshot(), (std::vector<std::string>{"connected", "weight 12.5", "button 0",
                                                           "disconnected", "connected"}));
@@ -109,7 +110,7 @@ TEST_F(Facade, CompletionsAndEventsArriveInEventOrder) {
     ASSERT_TRUE(plenk->isConnected());
 
     // Both events wait on the Bluetooth queue, the weight first.
-    scale->notify(emulator::kDataCharacteristic, weightPacket(scale, 3.0f));
+    scale->notify(wire::kDataCharacteristic, weightPacket(scale, 3.0f));
     plenk->readPlenkBatteryLifeWithCompletion(
         [this](std::int64_t level) { host->add(h.mainLoop, "battery " + std::to_string(level)); });
     h.settle();
@@ -233,7 +234,7 @@ TEST_F(Facade, ReleasingTheFacadeWhileConnectedTearsTheLinkDown) {
     h.settle();
     ASSERT_EQ(scale->linkCount(), 1u);
     std::weak_ptr<RKRostaKit> kit = plenk->rosta();
-    scale->notify(emulator::kDataCharacteristic, weightPacket(scale, 5.0f));
+    scale->notify(wire::kDataCharacteristic, weightPacket(scale, 5.0f));
     plenk.reset();
     h.settle();
     EXPECT_TRUE(kit.expired());

@@ -27,7 +27,7 @@ using KitHoldRules = KitFixture;
 // A reconnect that hangs, started by a link loss.
 void dropWithHangingReconnect(KitFixture& f, const std::shared_ptr<sim::VirtualPeripheral>& scale) {
     scale->queueConnectResult(sim::ConnectResult::hang());
-    scale->dropLink(sim::platformError(sim::kPlatformConnectionTimeout));
+    scale->dropLink(platformError(kPlatformConnectionTimeout));
     f.h.settle();
 }
 
@@ -48,7 +48,7 @@ const std::vector<HoldRoad> kRoads = {
      }},
     {"ReconnectFails",
      [](KitFixture& f, const auto& scale) {
-         scale->queueConnectResult(sim::ConnectResult::failWithCode(sim::kPlatformConnectionFailed));
+         scale->queueConnectResult(sim::ConnectResult::failWithCode(kPlatformConnectionFailed));
          scale->dropLink();
          f.h.settle();
      }},

@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include "RKRostaKitTestSupport.h"
+#include "wire/GattUuids.h"
 
 namespace plenk::test {
 namespace {
@@ -88,7 +89,7 @@ protected:
     void streamWeights(int count) {
         for (int i = 0; i < count; ++i) {
             ++sent;
-            scale->notify(emulator::kDataCharacteristic, weightPacket(scale, static_cast<float>(sent)));
+            scale->notify(wire::kDataCharacteristic, weightPacket(scale, static_cast<float>(sent)));
         }
     }
 
@@ -133,7 +134,7 @@ TEST_F(Soak, AutoConnectDropsAndFailedReconnects) {
             scale->queueConnectResult(sim::ConnectResult::failWithCode(13));
             ++failures;
         }
-        scale->dropLink(i % 2 == 0 ? sim::platformError(sim::kPlatformConnectionTimeout) : nullptr);
+        scale->dropLink(i % 2 == 0 ? platformError(kPlatformConnectionTimeout) : nullptr);
         h.settle();
         ASSERT_LE(liveDevices(), 1) << "cycle " << i;
     }
@@ -172,7 +173,7 @@ TEST_F(Soak, HeldConnectionDropsAndWatchdogs) {
             plenk->rosta()->scanDeivces();
             h.settle();
         } else {
-            scale->dropLink(sim::platformError(sim::kPlatformConnectionTimeout));
+            scale->dropLink(platformError(kPlatformConnectionTimeout));
             h.advance(3s);  // the watchdog finds the link up
         }
         ASSERT_LE(liveDevices(), 1) << "cycle " << i;
