@@ -139,7 +139,11 @@ void RKRostaKitCore::later(Task call) const {
 void RKRostaKitCore::postLater(Task task) const {
     // The task's place is fixed now, under the lock; the host's executor is
     // only called once the lock is released.
-    if (mainQueue_.enqueue(std::move(task))) later([queue = mainQueue_] { queue.pump(); });
+    if (mainQueue_.enqueue(task)) {
+        later([queue = mainQueue_] { queue.pump(); });
+    } else {
+        later([dropped = std::move(task)] {});  // the host's loop is gone
+    }
 }
 
 void RKRostaKitCore::postNotification(std::string_view name, std::optional<std::string> object) const {

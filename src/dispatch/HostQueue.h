@@ -29,8 +29,9 @@ public:
     HostQueue() = default;
     explicit HostQueue(const std::shared_ptr<Executor>& executor) : executor_(executor) {}
 
-    // False (and the task dropped) when the host's queue is gone.
-    bool enqueue(Task task) const {
+    // Takes the task, or leaves it with the caller (to release where it may)
+    // and answers false when the host's queue is gone.
+    bool enqueue(Task& task) const {
         if (executor_.expired()) return false;
         std::lock_guard lock(pending_->mutex);
         pending_->tasks.push(std::move(task));
@@ -41,7 +42,7 @@ public:
     }
     // enqueue() and pump() at once, for callers that hold no lock.
     void post(Task task) const {
-        if (enqueue(std::move(task))) pump();
+        if (enqueue(task)) pump();
     }
     void postAfter(std::chrono::nanoseconds delay, Task task) const {
         if (auto executor = executor_.lock()) executor->postAfter(delay, std::move(task));
