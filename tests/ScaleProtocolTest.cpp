@@ -90,44 +90,49 @@ TEST(WireWeightTest, BinaryPackets) {
 
 TEST(WireWeightTest, TextPackets) {
     struct Case {
+        Case(std::string_view t, float n) : text(textBytes(t)), number(n) {}
+        Case(ByteVec t, float n) : text(std::move(t)), number(n) {}
         ByteVec text;
         float number;  // before the division by ten
     };
+    constexpr float inf = std::numeric_limits<float>::infinity();
+    // White space, a sign, digits, a point, an exponent with digits ("1e" stops before the
+    // 'e'); the first misfit ends the number, and no number at all is 0.
     const std::vector<Case> cases = {
-        {textBytes("1234"), 1234.0f},
-        {textBytes(" \t\n\r\v\f-12.5"), -12.5f},
-        {textBytes("+7"), 7.0f},
-        {textBytes("1E+2"), 100.0f},
-        {textBytes("25e-1g"), 2.5f},
-        {textBytes("1e"), 1.0f},  // no exponent digits: the 'e' is not part of the number
-        {textBytes("1e+"), 1.0f},
-        {textBytes(".5"), 0.5f},
-        {textBytes("5."), 5.0f},
-        {textBytes("1.2.3"), 1.2f},
-        {textBytes("0x1A"), 0.0f},
-        {textBytes(""), 0.0f},
-        {textBytes("-"), 0.0f},
-        {textBytes("+-1"), 0.0f},
-        {textBytes("."), 0.0f},
-        {textBytes("e5"), 0.0f},
-        {textBytes("inf"), 0.0f},
-        {textBytes("nan"), 0.0f},
-        {textBytes("1e40"), std::numeric_limits<float>::infinity()},
-        {textBytes("-1e40"), -std::numeric_limits<float>::infinity()},
-        {textBytes("1e-60"), 0.0f},
-        {textBytes("1e99999999999999999999999"), std::numeric_limits<float>::infinity()},
+        {"1234", 1234},
+        {" \t\n\r\v\f-12.5", -12.5f},
+        {"+7", 7},
+        {"1E+2", 100},
+        {"25e-1g", 2.5f},
+        {"1e", 1},
+        {"1e+", 1},
+        {".5", 0.5f},
+        {"5.", 5},
+        {"1.2.3", 1.2f},
+        {"0x1A", 0},
+        {"", 0},
+        {"-", 0},
+        {"+-1", 0},
+        {".", 0},
+        {"e5", 0},
+        {"inf", 0},
+        {"nan", 0},
+        {"1e40", inf},
+        {"-1e40", -inf},
+        {"1e-60", 0},
+        {"1e99999999999999999999999", inf},
         // The text ends at a NUL byte (what follows is not even checked), or at the value's end.
-        {{'1', '2', 0x00, 0xFF}, 12.0f},
-        {{0x00, '5'}, 0.0f},
-        // Bytes that are not UTF-8 give 0, wherever they are in the text.
-        {{'1', '2', 0xFF}, 0.0f},
-        {{'1', '2', 0xC3}, 0.0f},               // truncated sequence
-        {{'1', 0xC0, 0x80}, 0.0f},              // overlong NUL
-        {{'1', 0xED, 0xA0, 0x80}, 0.0f},        // surrogate
-        {{'1', 0xF4, 0x90, 0x80, 0x80}, 0.0f},  // above U+10FFFF
-        {{'1', '2', ' ', 0xC3, 0xA9}, 12.0f},   // valid "é" after the number
-        {{'7', 0xF0, 0x9F, 0x98, 0x80}, 7.0f},  // valid 4-byte sequence
-    };
+        {ByteVec{'1', '2', 0x00, 0xFF}, 12},
+        {ByteVec{0x00, '5'}, 0},
+        // Bytes that are not UTF-8 give 0 wherever they are: a stray byte, a truncated sequence,
+        // an overlong NUL, a surrogate, a code point above U+10FFFF. Valid sequences do not.
+        {ByteVec{'1', '2', 0xFF}, 0},
+        {ByteVec{'1', '2', 0xC3}, 0},
+        {ByteVec{'1', 0xC0, 0x80}, 0},
+        {ByteVec{'1', 0xED, 0xA0, 0x80}, 0},
+        {ByteVec{'1', 0xF4, 0x90, 0x80, 0x80}, 0},
+        {ByteVec{'1', '2', ' ', 0xC3, 0xA9}, 12},
+        {ByteVec{'7', 0xF0, 0x9F, 0x98, 0x80}, 7}};
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::PrintToString(c.text));
         EXPECT_EQ(lenientTextToFloat(c.text), c.number);
