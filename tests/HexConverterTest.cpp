@@ -1,6 +1,6 @@
 #include <PlenkKit/StringToHexConverter.h>
 
-#include <array>
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -11,27 +11,18 @@ namespace {
 
 // An output area with guard bytes on both sides, to prove that nothing is written
 // outside the n/2 bytes the caller provides.
-class GuardedBuffer {
-public:
+struct GuardedBuffer {
     static constexpr std::size_t kGuard = 16;
-    static constexpr std::uint8_t kFill = 0xA5;
-
-    explicit GuardedBuffer(std::size_t size) : size_(size), storage_(size + 2 * kGuard, kFill) {}
-
-    unsigned char* out() { return storage_.data() + kGuard; }
-    std::vector<std::uint8_t> written() const {
-        return {storage_.begin() + kGuard, storage_.begin() + static_cast<std::ptrdiff_t>(kGuard + size_)};
-    }
+    explicit GuardedBuffer(std::size_t n) : storage(n + 2 * kGuard, 0xA5) {}
+    unsigned char* out() { return storage.data() + kGuard; }
+    std::vector<std::uint8_t> written() const { return {storage.begin() + kGuard, storage.end() - kGuard}; }
     bool guardsIntact() const {
-        for (std::size_t i = 0; i < kGuard; ++i) {
-            if (storage_[i] != kFill || storage_[kGuard + size_ + i] != kFill) return false;
-        }
-        return true;
+        const auto clean = [](auto from) {
+            return std::all_of(from, from + kGuard, [](auto b) { return b == 0xA5; });
+        };
+        return clean(storage.begin()) && clean(storage.end() - kGuard);
     }
-
-private:
-    std::size_t size_;
-    std::vector<std::uint8_t> storage_;
+    std::vector<std::uint8_t> storage;
 };
 
 TEST(HexConverterTest, ConvertsPairsInWrittenOrderAndStaysInBounds) {

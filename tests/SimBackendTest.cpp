@@ -34,12 +34,10 @@ namespace em = emulator;
 // " att3", " link7": an error's domain and code, as the log shows them.
 std::string describe(const ErrorPtr& e) {
     if (!e) return "";
-    const std::string& d = e->domain();
-    return " " +
-           (d == kAttErrorDomain        ? "att"
-            : d == kPlatformErrorDomain ? "link"
-                                        : d) +
-           std::to_string(e->code());
+    std::string domain = e->domain();
+    if (domain == kAttErrorDomain) domain = "att";
+    if (domain == kPlatformErrorDomain) domain = "link";
+    return " " + domain + std::to_string(e->code());
 }
 
 std::string hex(const bt::Bytes& value) {
