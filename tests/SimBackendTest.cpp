@@ -400,8 +400,8 @@ TEST(SimConnect, AConnectWaitsUntilTheDeviceCanBeReached) {
     r.h.settle();
     EXPECT_EQ(p->state(), PeripheralState::Connected);
 
-    r.connect(
-        r.h.world->addPeripheral(device("Held", false, true)));  // the system holds it: no advertising needed
+    // A device the system holds connects without advertising.
+    r.connect(r.h.world->addPeripheral(device("Held", false, true)));
     r.h.world->removePeripheral(scale);
     r.h.settle();
     EXPECT_EQ(r.rec->log(), (Log{"state PoweredOn", "connect", "disconnect link6", "connect", "connect",
