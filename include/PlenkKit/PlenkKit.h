@@ -18,5 +18,6 @@
 #include <PlenkKit/RKErrors.h>
 #include <PlenkKit/StringToHexConverter.h>
 
+#include <PlenkKit/CSRSelectDeviceViewController.h>
 #include <PlenkKit/PKPlenk.h>
 #include <PlenkKit/RKRostaKit.h>

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include <PlenkKit/CSRSelectDeviceViewController.h>
 #include <PlenkKit/Color.h>
 #include <PlenkKit/Context.h>
 #include <PlenkKit/Export.h>
@@ -23,7 +24,6 @@ PLENK_EXPORT extern std::int32_t dfu;
 namespace plenk {
 
 class BLEConnecter;
-class CSRSelectDeviceViewController;
 class RKDevice;
 class RKRostaKit;
 namespace bt {

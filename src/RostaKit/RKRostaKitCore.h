@@ -8,13 +8,13 @@
 #include <string>
 #include <vector>
 
+#include <PlenkKit/CSRSelectDeviceViewController.h>
 #include <PlenkKit/Context.h>
 #include <PlenkKit/NotificationCenter.h>
 #include <PlenkKit/RKRostaKit.h>
 
 #include "RostaKit/RKDevice.h"
 #include "ble/BLEConnecter.h"
-#include "ble/CSRSelectDeviceViewController.h"
 
 namespace plenk {
 
