@@ -462,7 +462,7 @@ TEST_F(ConnecterOnSim, LinkEventsFromTheRadio) {
     ASSERT_EQ(known.size(), 1u);
     const auto p = known[0];
 
-    scale->queueConnectResult(sim::ConnectResult::failWithCode(sim::kPlatformConnectionTimeout));
+    scale->queueConnectResult(sim::ConnectResult::failWithCode(kPlatformConnectionTimeout));
     scale->queueConnectResult(sim::ConnectResult::fail());
     connecter->connectDeviceWithPeripheral(p);
     h.settle();
@@ -470,7 +470,7 @@ TEST_F(ConnecterOnSim, LinkEventsFromTheRadio) {
     h.settle();
     connecter->connectDeviceWithPeripheral(p);
     h.settle();
-    scale->dropLink(sim::platformError(sim::kPlatformConnectionTimeout));
+    scale->dropLink(platformError(kPlatformConnectionTimeout));
     h.settle();
     connecter->connectDeviceWithPeripheral(p);
     h.settle();
@@ -482,7 +482,7 @@ TEST_F(ConnecterOnSim, LinkEventsFromTheRadio) {
                                         "connect ble_conneted", "disconnect ble_error_disconnected",
                                         "connect ble_conneted", "disconnect ble_disconnected"}));
     const auto heard = delegate->heard();
-    EXPECT_EQ(heard[1].userInfo->error()->code(), sim::kPlatformConnectionTimeout);
+    EXPECT_EQ(heard[1].userInfo->error()->code(), kPlatformConnectionTimeout);
     for (std::size_t i = 1; i < heard.size(); ++i) EXPECT_EQ(heard[i].peripheral, p) << i;
     EXPECT_EQ(heard[3].userInfo->peripheral(), p);
     EXPECT_EQ(offQueue, 0);

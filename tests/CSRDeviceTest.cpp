@@ -135,7 +135,7 @@ TEST_F(CSRDeviceTest, BatteryLevelIsTheFirstByteAsSigned) {
     EXPECT_EQ(delegate->battery(), expected);
     // A failed read is ignored too.
     scale->setCharacteristicValue(em::kBatteryLevel, bt::Bytes{0x20});
-    scale->failReads(em::kBatteryLevel, sim::attError(sim::kAttReadNotPermitted));
+    scale->failReads(em::kBatteryLevel, attError(kAttReadNotPermitted));
     device->readBatteryState();
     h.settle();
     EXPECT_EQ(delegate->battery(), expected);
@@ -164,7 +164,7 @@ TEST_F(CSRDeviceTest, FirmwareRequestsReplaceEachOtherAndOnlyTheLastIsAnswered) 
 TEST_F(CSRDeviceTest, AFailedFirmwareReadLeavesTheRequestPending) {
     auto scale = h.addScale();
     start(scale);
-    scale->failReads(em::kFirmwareRevision, sim::attError(sim::kAttUnlikelyError));
+    scale->failReads(em::kFirmwareRevision, attError(kAttUnlikelyError));
     std::atomic<int> calls{0};
     device->readFirmwareVersionWithCompletion([&](auto, auto) { ++calls; });
     h.settle();

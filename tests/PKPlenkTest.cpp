@@ -67,7 +67,7 @@ TEST_F(Facade, ConnectionAndWeightsReachTheHostOnTheMainQueue) {
     h.settle();
     scale->pressButton(0);
     h.settle();
-    scale->dropLink(sim::platformError(sim::kPlatformConnectionTimeout));
+    scale->dropLink(platformError(kPlatformConnectionTimeout));
     h.settle();
     EXPECT_EQ(host->snapshot(), (std::vector<std::string>{"connected", "weight 12.5", "button 0",
                                                           "disconnected", "connected"}));

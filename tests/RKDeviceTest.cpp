@@ -72,7 +72,7 @@ TEST_F(RKDeviceTest, DiscoveryFailuresReportTheirCodes) {
         std::function<void(sim::VirtualPeripheral&)> script;
         std::int64_t code;
     };
-    const ErrorPtr platform = sim::attError(sim::kAttUnlikelyError);
+    const ErrorPtr platform = attError(kAttUnlikelyError);
     const std::vector<Case> cases = {
         {"no scale service", [](auto& s) { s.removeService(em::kScaleService); }, 1000},
         {"no data characteristic",
@@ -207,7 +207,7 @@ TEST_F(RKDeviceTest, WriteResultsFeedSlotsInPriorityOrderNotByFrame) {
 
 TEST_F(RKDeviceTest, SynchronizeThenTareWithFailingWrites) {
     start(scale);
-    const auto failure = sim::attError(sim::kAttWriteNotPermitted);
+    const auto failure = attError(kAttWriteNotPermitted);
     scale->failWrites(em::kCommandCharacteristic, failure);
     test::Results sync;
     device->synchronize(sync.completion());
@@ -227,7 +227,7 @@ TEST_F(RKDeviceTest, AFailedWriteElsewhereIsAnErrorEvenWithASlotPending) {
     test::Results sync;
     device->setSyncCompletion(sync.completion());
     device->peripheralDidWriteValueForCharacteristicError(*link.peripheral, device->dataChar(),
-                                                          sim::attError(sim::kAttWriteNotPermitted));
+                                                          attError(kAttWriteNotPermitted));
     EXPECT_EQ(delegate->errorCodes(), std::vector<std::int64_t>{1004});
     EXPECT_EQ(sync.count(), 0u);
     EXPECT_TRUE(device->syncCompletion());
@@ -341,8 +341,8 @@ TEST_F(RKDeviceTest, ButtonsAreOneAndTwoOnly) {
 
 TEST_F(RKDeviceTest, FailedValueUpdatesReport1005) {
     start(scale);
-    scale->notify(em::kDataCharacteristic, bt::Bytes{}, sim::attError(sim::kAttUnlikelyError));
-    scale->failReads(em::kInfoCharacteristic, sim::attError(sim::kAttReadNotPermitted));
+    scale->notify(em::kDataCharacteristic, bt::Bytes{}, attError(kAttUnlikelyError));
+    scale->failReads(em::kInfoCharacteristic, attError(kAttReadNotPermitted));
     std::atomic<int> raw{0};
     device->readRawData([&](RKConfigurationRecord) { ++raw; });
     h.settle();

@@ -217,7 +217,7 @@ TEST_F(KitCommands, InitializingAnUnconfiguredScaleWritesTheDefaultsAndCompletes
 // characteristic feeds the first pending slot.
 TEST_F(KitCommands, NextWriteResultFeedsThePendingSlotAndTheRestAreReported) {
     connect();
-    scale->failWrites(emulator::kCommandCharacteristic, sim::attError(sim::kAttWriteNotPermitted));
+    scale->failWrites(emulator::kCommandCharacteristic, attError(kAttWriteNotPermitted));
     Results results;
     kit->synchronize(results.completion(h.mainLoop));
     kit->tare();

@@ -285,21 +285,20 @@ INSTANTIATE_TEST_SUITE_P(
                                                            emulator::kDataCharacteristic);
                                 },
                                 108, &kindIs<RKErrorLEInvalidDeviceC>},
-                      FaultCase{
-                          "ServiceDiscoveryError",
-                          [](auto& s) { s.failServiceDiscovery(sim::attError(sim::kAttUnlikelyError)); }, 107,
-                          &kindIs<RKErrorLEValidationC>},
+                      FaultCase{"ServiceDiscoveryError",
+                                [](auto& s) { s.failServiceDiscovery(attError(kAttUnlikelyError)); }, 107,
+                                &kindIs<RKErrorLEValidationC>},
                       FaultCase{"CharacteristicDiscoveryError",
                                 [](auto& s) {
                                     s.failCharacteristicDiscovery(emulator::kScaleService,
-                                                                  sim::attError(sim::kAttUnlikelyError));
+                                                                  attError(kAttUnlikelyError));
                                 },
                                 107, &kindIs<RKErrorLEValidationC>}),
     [](const auto& info) { return info.param.name; });
 
 TEST_F(FailureFixture, FailedTareWriteIsReportedAndTheLinkKept) {
     auto scale = h.addScale();
-    scale->failWrites(emulator::kCommandCharacteristic, sim::attError(sim::kAttWriteNotPermitted));
+    scale->failWrites(emulator::kCommandCharacteristic, attError(kAttWriteNotPermitted));
     makeKit();
     h.settle();
     EXPECT_EQ(delegate->snapshot(), (std::vector<std::string>{"connected", "error 109"}));
@@ -317,7 +316,7 @@ TEST_F(FailureFixture, FailedNotificationIsReportedAndWeightsKeepFlowing) {
     auto scale = h.addScale();
     makeKit();
     h.settle();
-    scale->notify(emulator::kDataCharacteristic, {}, sim::attError(sim::kAttUnlikelyError));
+    scale->notify(emulator::kDataCharacteristic, {}, attError(kAttUnlikelyError));
     scale->notify(emulator::kDataCharacteristic, weightPacket(scale, 3.0f));
     h.settle();
     EXPECT_EQ(delegate->snapshot(), (std::vector<std::string>{"connected", "error 109", "weight 3"}));

@@ -109,7 +109,7 @@ TEST_F(KitLifecycle, LinkLossInAutoModeTearsDownAndConnectsAFreshTime) {
     ASSERT_TRUE(kit->isConnected());
     std::weak_ptr<RKDevice> firstDevice = kit->currentDevice();
 
-    scale->dropLink(sim::platformError(sim::kPlatformConnectionTimeout));
+    scale->dropLink(platformError(kPlatformConnectionTimeout));
     h.settle();
 
     EXPECT_EQ(delegate->snapshot(), (std::vector<std::string>{"connected", "disconnected", "connected"}));
@@ -127,7 +127,7 @@ TEST_F(KitLifecycle, HeldConnectionComesBackSilently) {
     const auto device = kit->currentDevice();
     notes.clear();
 
-    scale->dropLink(sim::platformError(sim::kPlatformConnectionTimeout));
+    scale->dropLink(platformError(kPlatformConnectionTimeout));
     h.settle();
 
     EXPECT_TRUE(kit->isConnected());

@@ -404,10 +404,9 @@ TEST(SimConnect, FailuresCarryTheScriptedPlatformError) {
     Rig r;
     auto scale = r.h.addScale();
     auto p = r.peripheral(scale);
-    const std::vector<ErrorPtr> errors = {
-        sim::platformError(0),  sim::platformError(6),  sim::platformError(10),
-        sim::platformError(11), sim::platformError(12), sim::platformError(13),
-        sim::platformError(14), sim::platformError(15), nullptr};
+    const std::vector<ErrorPtr> errors = {platformError(0),  platformError(6),  platformError(10),
+                                          platformError(11), platformError(12), platformError(13),
+                                          platformError(14), platformError(15), nullptr};
     for (const auto& error : errors) scale->queueConnectResult(sim::ConnectResult::fail(error));
     for (const auto& error : errors) {
         r.rec->clear();
@@ -474,7 +473,7 @@ TEST(SimConnect, AConnectWaitsForASilentDevice) {
 // --- link loss ------------------------------------------------------------------------------
 
 TEST(SimLink, DropsWithAndWithoutErrorAndLaterOperationsAreDropped) {
-    for (const ErrorPtr& error : {ErrorPtr{}, sim::platformError(sim::kPlatformPeripheralDisconnected)}) {
+    for (const ErrorPtr& error : {ErrorPtr{}, platformError(kPlatformPeripheralDisconnected)}) {
         Rig r;
         auto scale = r.h.addScale();
         auto p = r.connectAndDiscover(scale);
@@ -531,7 +530,7 @@ TEST(SimLink, OutOfRangeAndRemovalDropWithASupervisionTimeout) {
     scale->setInRange(false);
     r.h.settle();
     ASSERT_EQ(r.rec->count("disconnect"), 1u);
-    EXPECT_EQ(r.rec->of("disconnect")[0].error->code(), sim::kPlatformConnectionTimeout);
+    EXPECT_EQ(r.rec->of("disconnect")[0].error->code(), kPlatformConnectionTimeout);
     r.central->connectPeripheral(p, {});  // waits while out of range
     r.h.advance(5s);
     EXPECT_EQ(p->state(), PeripheralState::Connecting);
@@ -643,7 +642,7 @@ TEST(SimDiscovery, DeviceInformationIsVisibleAtDiscoveryOnlyWhenCached) {
 TEST(SimDiscovery, DiscoveryErrorsAreReportedAndClearable) {
     Rig r;
     auto scale = r.h.addScale();
-    const auto error = sim::attError(sim::kAttUnlikelyError);
+    const auto error = attError(kAttUnlikelyError);
     scale->failServiceDiscovery(error);
     auto p = r.connect(scale);
     p->discoverServices(std::nullopt);
@@ -694,7 +693,7 @@ TEST(SimGatt, WritesTheCharacteristicDoesNotAllowAreRefusedOrDropped) {
     const auto writes = r.rec->of("write");
     ASSERT_EQ(writes.size(), 1u);
     ASSERT_NE(writes[0].error, nullptr);
-    EXPECT_EQ(writes[0].error->code(), sim::kAttWriteNotPermitted);
+    EXPECT_EQ(writes[0].error->code(), kAttWriteNotPermitted);
     ASSERT_EQ(scale->writes().size(), 1u);
     EXPECT_EQ(scale->writes()[0].value, (bt::Bytes{0x02}));
 }
@@ -729,8 +728,8 @@ TEST(SimGatt, WritesReachTheEmulatorAndAreAcknowledgedInOrder) {
 TEST(SimGatt, ScriptedAndPlatformReadWriteErrors) {
     Rig r;
     auto scale = r.h.addScale();
-    const auto writeError = sim::attError(sim::kAttUnlikelyError);
-    const auto readError = sim::attError(5);
+    const auto writeError = attError(kAttUnlikelyError);
+    const auto readError = attError(5);
     scale->failWrites(em::kCommandCharacteristic, writeError);
     scale->failReads(em::kInfoCharacteristic, readError);
     auto p = r.connectAndDiscover(scale);
@@ -745,8 +744,8 @@ TEST(SimGatt, ScriptedAndPlatformReadWriteErrors) {
     ASSERT_EQ(events.size(), 4u);
     EXPECT_EQ(events[0].error, writeError);
     EXPECT_EQ(events[1].error, readError);
-    EXPECT_EQ(events[2].error->code(), sim::kAttWriteNotPermitted);
-    EXPECT_EQ(events[3].error->code(), sim::kAttReadNotPermitted);
+    EXPECT_EQ(events[2].error->code(), kAttWriteNotPermitted);
+    EXPECT_EQ(events[3].error->code(), kAttReadNotPermitted);
     EXPECT_EQ(events[3].error->domain(), "CBATTErrorDomain");
     // A refused write never reached the firmware.
     std::uint32_t tares = 99;
@@ -772,7 +771,7 @@ TEST(SimGatt, FirmwareDisconnectAcknowledgesThenDropsTheLink) {
     r.h.settle();
     ASSERT_EQ(r.rec->kinds(), (std::vector<std::string>{"write", "disconnect"}));
     EXPECT_EQ(r.rec->of("write")[0].error, nullptr);
-    EXPECT_EQ(r.rec->of("disconnect")[0].error->code(), sim::kPlatformPeripheralDisconnected);
+    EXPECT_EQ(r.rec->of("disconnect")[0].error->code(), kPlatformPeripheralDisconnected);
     EXPECT_EQ(p->name(), "Plenk Scale");
 }
 
@@ -849,7 +848,7 @@ TEST(SimNotify, ButtonsAndErroneousUpdatesArriveAsValueUpdates) {
     r.rec->clear();
     scale->pressButton(1);
     scale->notify(em::kDataCharacteristic, bt::Bytes{1, 2, 3});
-    const auto error = sim::attError(sim::kAttUnlikelyError);
+    const auto error = attError(kAttUnlikelyError);
     scale->notify(em::kDataCharacteristic, bt::Bytes{9, 9}, error);
     scale->notify(em::kInfoCharacteristic, bt::Bytes{7});  // nobody listens there
     r.h.settle();
@@ -865,7 +864,7 @@ TEST(SimNotify, ButtonsAndErroneousUpdatesArriveAsValueUpdates) {
 TEST(SimNotify, NotifySwitchErrors) {
     Rig r;
     auto scale = r.h.addScale();
-    const auto error = sim::attError(sim::kAttUnlikelyError);
+    const auto error = attError(kAttUnlikelyError);
     scale->failNotifyState(em::kDataCharacteristic, error);
     auto p = r.connectAndDiscover(scale);
     r.rec->clear();
@@ -875,7 +874,7 @@ TEST(SimNotify, NotifySwitchErrors) {
     const auto events = r.rec->of("notifyState");
     ASSERT_EQ(events.size(), 2u);
     EXPECT_EQ(events[0].error, error);
-    EXPECT_EQ(events[1].error->code(), sim::kAttRequestNotSupported);
+    EXPECT_EQ(events[1].error->code(), kAttRequestNotSupported);
     EXPECT_FALSE(characteristicOf(p, em::kDataCharacteristic)->isNotifying());
     EXPECT_EQ(scale->subscriberCount(em::kDataCharacteristic), 0u);
 }

@@ -133,7 +133,7 @@ TEST_F(Soak, AutoConnectDropsAndFailedReconnects) {
             scale->queueConnectResult(sim::ConnectResult::failWithCode(13));
             ++failures;
         }
-        scale->dropLink(i % 2 == 0 ? sim::platformError(sim::kPlatformConnectionTimeout) : nullptr);
+        scale->dropLink(i % 2 == 0 ? platformError(kPlatformConnectionTimeout) : nullptr);
         h.settle();
         ASSERT_LE(liveDevices(), 1) << "cycle " << i;
     }
@@ -172,7 +172,7 @@ TEST_F(Soak, HeldConnectionDropsAndWatchdogs) {
             plenk->rosta()->scanDeivces();
             h.settle();
         } else {
-            scale->dropLink(sim::platformError(sim::kPlatformConnectionTimeout));
+            scale->dropLink(platformError(kPlatformConnectionTimeout));
             h.advance(3s);  // the watchdog finds the link up
         }
         ASSERT_LE(liveDevices(), 1) << "cycle " << i;

@@ -19,6 +19,7 @@ TEST(UuidTest, ShortFormsEqualTheirBaseForms) {
     }
     EXPECT_NE(Uuid::fromString("180F"), Uuid::fromString("180A"));
     EXPECT_EQ(Uuid::from16(0x2A19), Uuid::fromString("2A19"));
+    static_assert(Uuid::from16(0x2A19) == Uuid::from32(0x00002A19), "short forms are constant expressions");
 }
 
 TEST(UuidTest, PrintsAndGivesByteFormsByKind) {

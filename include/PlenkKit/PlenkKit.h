@@ -14,6 +14,8 @@
 #include <PlenkKit/RunLoop.h>
 #include <PlenkKit/Task.h>
 
+#include <PlenkKit/Error.h>
+#include <PlenkKit/PlatformErrors.h>
 #include <PlenkKit/RKConfiguration.h>
 #include <PlenkKit/RKErrors.h>
 #include <PlenkKit/StringToHexConverter.h>

@@ -1,11 +1,10 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
-#include <memory>
 #include <string>
 #include <string_view>
 
+#include <PlenkKit/Error.h>
 #include <PlenkKit/Export.h>
 
 // The three exported domain constants. LEDeviceErrorDomain's value is
@@ -18,46 +17,27 @@ PLENK_EXPORT extern const char* const LEDeviceErrorDomain;
 
 namespace plenk {
 
-// An error value: a domain, a signed 64-bit code, an always-empty user info and
-// a kind (the dynamic class) that fixes the English description. Errors are
-// immutable and passed as ErrorPtr.
-class PLENK_EXPORT Error {
-public:
-    Error(std::string domain, std::int64_t code);
-    virtual ~Error();
-
-    const std::string& domain() const noexcept { return domain_; }
-    std::int64_t code() const noexcept { return code_; }
-    // Always empty: no error of this library carries user information.
-    const std::map<std::string, std::string>& userInfo() const noexcept;
-    // A kindless error (and the never-instantiated parent RKErrorLENotAvailableC)
-    // describes itself by domain and code.
-    virtual std::string localizedDescription() const;
-
-    // The platform's class factory: an error of kind K with this domain and code.
-    template <typename K = Error>
-    static std::shared_ptr<const Error> make(std::string domain, std::int64_t code) {
-        return std::make_shared<const K>(std::move(domain), code);
-    }
-
-private:
-    std::string domain_;
-    std::int64_t code_;
+// The codes of the kit's own errors (domain RKErrorDomain). Each kind is always
+// made with the same code; the four "not available" kinds share one, and so do
+// the read and write kinds.
+enum RKErrorCode : std::int64_t {
+    kRKErrorCodeCancel = 100,
+    kRKErrorCodeNotAvailable = 101,
+    kRKErrorCodeAlreadyConnected = 102,
+    kRKErrorCodeConnectionUnknown = 103,
+    kRKErrorCodeConnectionInvalidParameters = 104,
+    kRKErrorCodeConnectionInvalidHandle = 105,
+    kRKErrorCodeConnectionTimeout = 106,
+    kRKErrorCodeValidation = 107,
+    kRKErrorCodeInvalidDevice = 108,
+    kRKErrorCodeReadWrite = 109,
+    kRKErrorCodeKindless = 110,  // a plain Error: a failure that carried no error of its own
 };
 
-using ErrorPtr = std::shared_ptr<const Error>;
-
-// Kind test by class, parents included: isKind<RKErrorLENotAvailableC>(e).
-template <typename K>
-bool isKind(const ErrorPtr& error) noexcept {
-    return dynamic_cast<const K*>(error.get()) != nullptr;
-}
-
-// The platform's own domain for link failures; its codes (10 to 15 and others)
-// are what the kit maps onto connection kinds.
-inline constexpr std::string_view kPlatformErrorDomain = "CBErrorDomain";
 // The generic device's firmware-version error domain; not exported.
 inline constexpr std::string_view kDeviceDomain = "DeviceDomain";
+// Its one code: the firmware revision characteristic is not known.
+inline constexpr std::int64_t kDeviceCodeNoCharacteristic = 1;
 
 // NOLINTNEXTLINE(bugprone-macro-parentheses): Parent names a base class
 #define PLENK_DECLARE_ERROR_KIND(Name, Parent)             \

@@ -8,6 +8,8 @@
 
 #include <utility>
 
+#include <PlenkKit/PlatformErrors.h>
+
 #include "RostaKit/RKRostaKitCore.h"
 
 namespace plenk {
@@ -16,20 +18,23 @@ namespace {
 
 // The kindless error for a failure that carried no error at all.
 ErrorPtr plainError() {
-    return Error::make(RKErrorDomain, 110);
+    return Error::make(RKErrorDomain, kRKErrorCodeKindless);
 }
 
-// Platform link-failure codes 11..14; any other code is reported as nothing.
+// The platform's connection codes 11..14 each name a kind of their own (the
+// names differ from the platform's meanings); any other code is reported as nothing.
 ErrorPtr connectionError(std::int64_t platformCode) {
     switch (platformCode) {
-        case 11:
-            return Error::make<RKErrorLEConnectionUnknownC>(RKErrorDomain, 103);
-        case 12:
-            return Error::make<RKErrorLEConnectionInvalidParametersC>(RKErrorDomain, 104);
-        case 13:
-            return Error::make<RKErrorLEConnectionInvalidHandleC>(RKErrorDomain, 105);
-        case 14:
-            return Error::make<RKErrorLEConnectionTimeoutC>(RKErrorDomain, 106);
+        case kPlatformConnectionLimitReached:
+            return Error::make<RKErrorLEConnectionUnknownC>(RKErrorDomain, kRKErrorCodeConnectionUnknown);
+        case kPlatformUnknownDevice:
+            return Error::make<RKErrorLEConnectionInvalidParametersC>(
+                RKErrorDomain, kRKErrorCodeConnectionInvalidParameters);
+        case kPlatformOperationNotSupported:
+            return Error::make<RKErrorLEConnectionInvalidHandleC>(RKErrorDomain,
+                                                                  kRKErrorCodeConnectionInvalidHandle);
+        case kPlatformPeerRemovedPairingInformation:
+            return Error::make<RKErrorLEConnectionTimeoutC>(RKErrorDomain, kRKErrorCodeConnectionTimeout);
         default:
             return nullptr;
     }
@@ -56,7 +61,8 @@ void RKRostaKitCore::connecterDidFailToConnectPeripheralUserInfo(
         report = connectionError(platformError->code());
     } else {
         // The two modes report different things for the same event.
-        report = isAutoConnectEnabled_ ? Error::make<RKErrorLEConnectionInvalidHandleC>(RKErrorDomain, 105)
+        report = isAutoConnectEnabled_ ? Error::make<RKErrorLEConnectionInvalidHandleC>(
+                                             RKErrorDomain, kRKErrorCodeConnectionInvalidHandle)
                                        : plainError();
     }
     if (report) reportFailure(std::move(report));
@@ -74,21 +80,21 @@ void RKRostaKitCore::deviceDidFailConfigureWithError(RKDevice& device, const Err
     }
     // The code alone decides; the domain is not looked at.
     switch (error->code()) {
-        case 1005:
+        case kRKDeviceValueUpdateFailed:
             writeLog("\n read error");
-            sendError(Error::make<RKErrorLEReadC>(RKErrorDomain, 109));
+            sendError(Error::make<RKErrorLEReadC>(RKErrorDomain, kRKErrorCodeReadWrite));
             return;
-        case 1004:
+        case kRKDeviceWriteFailed:
             writeLog("\n write error");
-            sendError(Error::make<RKErrorLEWriteC>(RKErrorDomain, 109));
+            sendError(Error::make<RKErrorLEWriteC>(RKErrorDomain, kRKErrorCodeReadWrite));
             return;
-        case 1000:
-        case 1001:
-            reportFailure(Error::make<RKErrorLEInvalidDeviceC>(RKErrorDomain, 108));
+        case kRKDeviceNoScaleService:
+        case kRKDeviceMissingCharacteristic:
+            reportFailure(Error::make<RKErrorLEInvalidDeviceC>(RKErrorDomain, kRKErrorCodeInvalidDevice));
             break;
-        case 1002:
-        case 1003:
-            reportFailure(Error::make<RKErrorLEValidationC>(RKErrorDomain, 107));
+        case kRKDeviceServiceDiscoveryFailed:
+        case kRKDeviceCharacteristicDiscoveryFailed:
+            reportFailure(Error::make<RKErrorLEValidationC>(RKErrorDomain, kRKErrorCodeValidation));
             break;
         default:
             break;

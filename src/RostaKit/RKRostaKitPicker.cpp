@@ -15,13 +15,13 @@ namespace {
 ErrorPtr radioStateError(std::uint64_t leState) {
     switch (leState) {
         case RKRostaKit::kLEStateUnknown:
-            return Error::make<RKErrorLENotAvailableCUnknown>(RKErrorDomain, 101);
+            return Error::make<RKErrorLENotAvailableCUnknown>(RKErrorDomain, kRKErrorCodeNotAvailable);
         case RKRostaKit::kLEStatePoweredOff:
-            return Error::make<RKErrorLENotAvailableCOff>(RKErrorDomain, 101);
+            return Error::make<RKErrorLENotAvailableCOff>(RKErrorDomain, kRKErrorCodeNotAvailable);
         case RKRostaKit::kLEStateNotSupported:
-            return Error::make<RKErrorLENotAvailableCNotSupport>(RKErrorDomain, 101);
+            return Error::make<RKErrorLENotAvailableCNotSupport>(RKErrorDomain, kRKErrorCodeNotAvailable);
         case RKRostaKit::kLEStateUnauthorized:
-            return Error::make<RKErrorLENotAvailableCUnauthorized>(RKErrorDomain, 101);
+            return Error::make<RKErrorLENotAvailableCUnauthorized>(RKErrorDomain, kRKErrorCodeNotAvailable);
         default:
             return nullptr;
     }
@@ -43,7 +43,8 @@ void RKRostaKitCore::showDevicePickerOnViewContoller(const std::shared_ptr<Picke
     if (currentDevice_) {
         if (completion) {
             later([completion = std::move(completion)] {
-                completion(Error::make<RKErrorLEDeviceAllreadyConnectedC>(RKErrorDomain, 102));
+                completion(Error::make<RKErrorLEDeviceAllreadyConnectedC>(RKErrorDomain,
+                                                                          kRKErrorCodeAlreadyConnected));
             });
         }
         return;
@@ -128,7 +129,7 @@ void RKRostaKitCore::viewControllerDidDismiss(CSRSelectDeviceViewController&) {
         auto kit = weak.lock();
         if (!kit) return;
         if (auto completion = kit->pickerCompletion()) {
-            completion(Error::make<RKErrorLECancelC>(RKErrorDomain, 100));
+            completion(Error::make<RKErrorLECancelC>(RKErrorDomain, kRKErrorCodeCancel));
         }
     });
 }

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include <PlenkKit/Context.h>
-#include <PlenkKit/RKErrors.h>
+#include <PlenkKit/Error.h>
 
 #include "bt/Central.h"
 #include "bt/Peripheral.h"

@@ -1,5 +1,7 @@
 #include "ble/CSRDevice.h"
 
+#include <PlenkKit/RKErrors.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -121,7 +123,8 @@ void CSRDevice::readFirmwareVersionWithCompletion(FirmwareVersionCompletion comp
     if (firmware) {
         p->readValueForCharacteristic(firmware);
     } else if (completion) {  // NOLINT(bugprone-use-after-move): moved only when firmware is set
-        completion(std::nullopt, Error::make<RKErrorDeviceNOCharacteristic>(std::string(kDeviceDomain), 1));
+        completion(std::nullopt, Error::make<RKErrorDeviceNOCharacteristic>(std::string(kDeviceDomain),
+                                                                            kDeviceCodeNoCharacteristic));
     }
 }
 

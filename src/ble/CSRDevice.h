@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include <PlenkKit/RKErrors.h>
+#include <PlenkKit/Error.h>
 
 #include "bt/Peripheral.h"
 #include "bt/Uuid.h"

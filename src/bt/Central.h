@@ -6,7 +6,8 @@
 #include <string>
 #include <vector>
 
-#include <PlenkKit/RKErrors.h>
+#include <PlenkKit/Error.h>
+#include <PlenkKit/PlatformErrors.h>
 
 #include "bt/Peripheral.h"
 #include "bt/Uuid.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include <PlenkKit/RKErrors.h>
+#include <PlenkKit/Error.h>
 
 #include "bt/Bytes.h"
 #include "bt/CharacteristicProperty.h"

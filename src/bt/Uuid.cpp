@@ -66,20 +66,6 @@ Uuid Uuid::fromString(std::string_view text) {
         "\": expected 4 or 8 hex digits or the form XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX");
 }
 
-Uuid Uuid::from16(std::uint16_t value) noexcept {
-    return from32(value);
-}
-
-Uuid Uuid::from32(std::uint32_t value) noexcept {
-    std::array<std::uint8_t, 16> bytes{};
-    bytes[0] = static_cast<std::uint8_t>(value >> 24);
-    bytes[1] = static_cast<std::uint8_t>(value >> 16);
-    bytes[2] = static_cast<std::uint8_t>(value >> 8);
-    bytes[3] = static_cast<std::uint8_t>(value);
-    std::copy(kBaseTail.begin(), kBaseTail.end(), bytes.begin() + 4);
-    return Uuid(bytes);
-}
-
 Uuid Uuid::random() {
     static thread_local std::mt19937_64 engine{std::random_device{}()};
     std::array<std::uint8_t, 16> bytes{};

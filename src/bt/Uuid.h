@@ -22,8 +22,16 @@ public:
     // Throws std::invalid_argument naming the text otherwise.
     static Uuid fromString(std::string_view text);
     static std::optional<Uuid> parse(std::string_view text) noexcept;
-    static Uuid from16(std::uint16_t value) noexcept;
-    static Uuid from32(std::uint32_t value) noexcept;
+    // Usable in constant expressions, so UUID tables can be inline constexpr.
+    static constexpr Uuid from16(std::uint16_t value) noexcept { return from32(value); }
+    static constexpr Uuid from32(std::uint32_t value) noexcept {
+        std::array<std::uint8_t, 16> bytes = kBase;
+        bytes[0] = static_cast<std::uint8_t>(value >> 24);
+        bytes[1] = static_cast<std::uint8_t>(value >> 16);
+        bytes[2] = static_cast<std::uint8_t>(value >> 8);
+        bytes[3] = static_cast<std::uint8_t>(value);
+        return Uuid(bytes);
+    }
     static Uuid random();
 
     // "180F" for a 16-bit base UUID, "0001180F" for 32 bits, else the upper-case
@@ -38,6 +46,10 @@ public:
     friend bool operator<(const Uuid& a, const Uuid& b) noexcept { return a.bytes_ < b.bytes_; }
 
 private:
+    // The Bluetooth base UUID 00000000-0000-1000-8000-00805F9B34FB.
+    static constexpr std::array<std::uint8_t, 16> kBase{0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x10, 0x00,
+                                                        0x80, 0x00, 0x00, 0x80, 0x5F, 0x9B, 0x34, 0xFB};
+
     std::array<std::uint8_t, 16> bytes_{};
 };
 

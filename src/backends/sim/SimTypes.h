@@ -8,7 +8,7 @@
 #include <vector>
 
 #include <PlenkKit/Clock.h>
-#include <PlenkKit/RKErrors.h>
+#include <PlenkKit/PlatformErrors.h>
 
 #include "bt/Bytes.h"
 #include "bt/Peripheral.h"
@@ -33,43 +33,6 @@ struct Timings {
         return Timings{Clock::Duration::zero(), Clock::Duration::zero(), Clock::Duration::zero()};
     }
 };
-
-// The platform's link error codes (domain kPlatformErrorDomain).
-enum PlatformCode : std::int64_t {
-    kPlatformUnknown = 0,
-    kPlatformInvalidParameters = 1,
-    kPlatformInvalidHandle = 2,
-    kPlatformNotConnected = 3,
-    kPlatformOutOfSpace = 4,
-    kPlatformOperationCancelled = 5,
-    kPlatformConnectionTimeout = 6,
-    kPlatformPeripheralDisconnected = 7,
-    kPlatformUuidNotAllowed = 8,
-    kPlatformAlreadyAdvertising = 9,
-    kPlatformConnectionFailed = 10,
-    kPlatformConnectionLimitReached = 11,
-    kPlatformUnknownDevice = 12,
-    kPlatformOperationNotSupported = 13,
-    kPlatformPeerRemovedPairingInformation = 14,
-    kPlatformEncryptionTimedOut = 15,
-};
-
-// The platform's attribute-protocol error domain and the codes the simulator uses.
-inline constexpr std::string_view kAttErrorDomain = "CBATTErrorDomain";
-enum AttCode : std::int64_t {
-    kAttReadNotPermitted = 2,
-    kAttWriteNotPermitted = 3,
-    kAttRequestNotSupported = 6,
-    kAttUnlikelyError = 14,
-};
-
-// An error of the platform's link domain with this code.
-inline ErrorPtr platformError(std::int64_t code) {
-    return Error::make(std::string(kPlatformErrorDomain), code);
-}
-inline ErrorPtr attError(std::int64_t code) {
-    return Error::make(std::string(kAttErrorDomain), code);
-}
 
 // What a connect attempt to a peripheral does once the connect latency has passed.
 struct ConnectResult {

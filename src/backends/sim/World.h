@@ -25,7 +25,7 @@ class SimCentral;
 //   auto world = sim::World::make(clock);
 //   world->setRadioState(bt::ManagerState::PoweredOn);
 //   auto scale = world->addScale();                 // "Plenk Scale", binary, 10 Hz
-//   scale->queueConnectResult(sim::ConnectResult::failWithCode(sim::kPlatformConnectionTimeout));
+//   scale->queueConnectResult(sim::ConnectResult::failWithCode(kPlatformConnectionTimeout));
 //   auto central = sim::SimBackend(world).makeCentral(delegate, "Corebluetooth", context);
 class World : public std::enable_shared_from_this<World> {
 public:
