@@ -107,6 +107,7 @@ public:
     std::optional<std::string> name() const override { return "Plenk Scale"; }
     bt::Uuid identifier() const override { return id_; }
     bt::PeripheralState state() const override { return bt::PeripheralState::Disconnected; }
+    std::optional<int> rssi() const override { return std::nullopt; }
     std::vector<bt::ServicePtr> services() const override { return {}; }
     void setDelegate(std::weak_ptr<bt::PeripheralDelegate>) override {}
     std::shared_ptr<bt::PeripheralDelegate> delegate() const override { return nullptr; }

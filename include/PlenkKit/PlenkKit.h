@@ -13,6 +13,7 @@
 #include <PlenkKit/NotificationCenter.h>
 #include <PlenkKit/RunLoop.h>
 #include <PlenkKit/Task.h>
+#include <PlenkKit/Uuid.h>
 
 #include <PlenkKit/Error.h>
 #include <PlenkKit/PlatformErrors.h>
@@ -21,5 +22,6 @@
 #include <PlenkKit/StringToHexConverter.h>
 
 #include <PlenkKit/CSRSelectDeviceViewController.h>
+#include <PlenkKit/Peripheral.h>
 #include <PlenkKit/PKPlenk.h>
 #include <PlenkKit/RKRostaKit.h>
