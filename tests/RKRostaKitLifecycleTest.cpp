@@ -237,7 +237,7 @@ TEST_P(KitRadioState, EveryReportSetsTheStateCode) {
     auto kit = RKRostaKit::create(h.context);
     h.settle();
     EXPECT_EQ(kit->leState(), GetParam().leState);
-    EXPECT_EQ(kit->connecter()->cbManager()->isScanning(),
+    EXPECT_EQ(BLEConnecterCore::of(*kit->connecter()).cbManager()->isScanning(),
               GetParam().leState == RKRostaKit::kLEStatePoweredOn);
     kit.reset();
     h.settle();

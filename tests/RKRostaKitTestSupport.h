@@ -234,7 +234,7 @@ protected:
     }
 
     RKRostaKitCore& core() { return RKRostaKitCore::of(*kit); }
-    bool scanning() { return kit->connecter()->cbManager()->isScanning(); }
+    bool scanning() { return BLEConnecterCore::of(*kit->connecter()).cbManager()->isScanning(); }
 
     // Connects one scale in picker-held (continuous) mode: auto-connect off,
     // found by a plain scan with no picker on screen.

@@ -7,11 +7,13 @@
 #include <string>
 #include <vector>
 
+#include <PlenkKit/BLEConnecter.h>
 #include <PlenkKit/CSRSelectDeviceViewController.h>
 #include <PlenkKit/Color.h>
 #include <PlenkKit/Context.h>
 #include <PlenkKit/Export.h>
 #include <PlenkKit/NotificationCenter.h>
+#include <PlenkKit/Peripheral.h>
 #include <PlenkKit/RKConfiguration.h>
 #include <PlenkKit/RKErrors.h>
 
@@ -23,12 +25,8 @@ PLENK_EXPORT extern std::int32_t dfu;
 
 namespace plenk {
 
-class BLEConnecter;
 class RKDevice;
 class RKRostaKit;
-namespace bt {
-class Peripheral;
-}
 
 // Receiver of the kit's events. Every call arrives on the main queue, in the
 // order the events happened. Every method has an empty default: overriding
@@ -81,7 +79,7 @@ public:
 // Every operation may be called from any thread, also from inside any callback.
 class PLENK_EXPORT RKRostaKit {
 public:
-    using PeripheralPtr = std::shared_ptr<bt::Peripheral>;
+    using PeripheralPtr = plenk::PeripheralPtr;
     using PickerCompletion = std::function<void(const ErrorPtr& error)>;
     using BatteryCompletion = std::function<void(std::int64_t level)>;
     using ResultCompletion = std::function<void(bool success, const ErrorPtr& error)>;

@@ -29,8 +29,9 @@ void RKDeviceDelegate::deviceDidFailConfigureWithError(RKDevice&, const ErrorPtr
 RKDevice::RKDevice(bt::PeripheralPtr peripheral, std::shared_ptr<LogSink> log)
     : CSRDevice(std::move(peripheral)), log_(log ? std::move(log) : LogSink::standardOutput()) {}
 
-std::shared_ptr<RKDevice> RKDevice::create(const bt::PeripheralPtr& peripheral, std::shared_ptr<LogSink> log,
+std::shared_ptr<RKDevice> RKDevice::create(const PeripheralPtr& handle, std::shared_ptr<LogSink> log,
                                            std::weak_ptr<RKDeviceDelegate> delegate) {
+    auto peripheral = bt::portPeripheral(handle);
     if (!peripheral) return nullptr;
     std::shared_ptr<RKDevice> device(new RKDevice(peripheral, std::move(log)));
     device->setDelegate(std::move(delegate));
@@ -45,8 +46,8 @@ RKDevice::~RKDevice() {
     if (auto p = peripheral(); p && !p->delegate()) p->setDelegate({});
 }
 
-void RKDevice::renewPeripheral(const bt::PeripheralPtr& peripheral) {
-    if (!peripheral) return;
+void RKDevice::renewPeripheral(const PeripheralPtr& peripheral) {
+    if (!bt::portPeripheral(peripheral)) return;
     CSRDevice::renewPeripheral(peripheral);
     discoverServices(std::nullopt);
 }

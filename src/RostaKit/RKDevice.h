@@ -64,7 +64,7 @@ public:
     // delegate given here is in place before any discovery result can arrive
     // (needed when creating the device off the "Corebluetooth" queue). Null
     // for a null peripheral.
-    static std::shared_ptr<RKDevice> create(const bt::PeripheralPtr& peripheral,
+    static std::shared_ptr<RKDevice> create(const PeripheralPtr& peripheral,
                                             std::shared_ptr<LogSink> log = nullptr,
                                             std::weak_ptr<RKDeviceDelegate> delegate = {});
     // Clears the peripheral's delegate (unless another object has taken it).
@@ -72,7 +72,7 @@ public:
 
     // Adopts the new peripheral object and discovers again; the service and
     // characteristics found before stay until the new discovery replaces them.
-    void renewPeripheral(const bt::PeripheralPtr& peripheral) override;
+    void renewPeripheral(const PeripheralPtr& peripheral) override;
 
     std::shared_ptr<RKDeviceDelegate> delegate() const;
     void setDelegate(std::weak_ptr<RKDeviceDelegate> delegate);

@@ -14,7 +14,7 @@
 #include <PlenkKit/RKRostaKit.h>
 
 #include "RostaKit/RKDevice.h"
-#include "ble/BLEConnecter.h"
+#include "ble/BLEConnecterCore.h"
 
 namespace plenk {
 
@@ -123,15 +123,13 @@ public:
     void setCompletionBlock(ResultCompletion block) override;
 
     // --- BLEConnecterDelegate (Bluetooth queue) -------------------------------------
-    void connecterDidDiscoverPeripheral(BLEConnecter& connecter,
-                                        const bt::PeripheralPtr& peripheral) override;
-    void connecterDidConnectPeripheralUserInfo(BLEConnecter& connecter, const bt::PeripheralPtr& peripheral,
+    void connecterDidDiscoverPeripheral(BLEConnecter& connecter, const PeripheralPtr& peripheral) override;
+    void connecterDidConnectPeripheralUserInfo(BLEConnecter& connecter, const PeripheralPtr& peripheral,
                                                const ConnecterUserInfo& userInfo) override;
-    void connecterDidDisconnectPeripheralUserInfo(BLEConnecter& connecter,
-                                                  const bt::PeripheralPtr& peripheral,
+    void connecterDidDisconnectPeripheralUserInfo(BLEConnecter& connecter, const PeripheralPtr& peripheral,
                                                   const ConnecterUserInfo& userInfo) override;
     void connecterDidFailToConnectPeripheralUserInfo(
-        BLEConnecter& connecter, const bt::PeripheralPtr& peripheral,
+        BLEConnecter& connecter, const PeripheralPtr& peripheral,
         const std::optional<ConnecterUserInfo>& userInfo) override;
     void connecterDidDidUpdateStateWithUserInfo(BLEConnecter& connecter,
                                                 const std::optional<ConnecterUserInfo>& userInfo) override;
@@ -219,7 +217,7 @@ private:
     bool isConnected_ = false;
     std::weak_ptr<RKRostaDataSource> dataSource_;
     std::weak_ptr<RKRostaDelegate> delegate_;
-    std::shared_ptr<BLEConnecter> connecter_;
+    std::shared_ptr<BLEConnecterCore> connecter_;
     std::vector<PeripheralPtr> discoveredResults_;
     std::shared_ptr<CSRSelectDeviceViewController> scanViewController_;
     std::shared_ptr<RKDevice> currentDevice_;

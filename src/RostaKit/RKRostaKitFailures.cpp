@@ -52,7 +52,7 @@ void RKRostaKitCore::reportFailure(ErrorPtr error) {
 }
 
 void RKRostaKitCore::connecterDidFailToConnectPeripheralUserInfo(
-    BLEConnecter&, const bt::PeripheralPtr&, const std::optional<ConnecterUserInfo>& userInfo) {
+    BLEConnecter&, const PeripheralPtr&, const std::optional<ConnecterUserInfo>& userInfo) {
     const ErrorPtr platformError =
         userInfo && userInfo->has(kBleErrorConnectionError) ? userInfo->error() : nullptr;
     Scope scope(*this);

@@ -25,7 +25,7 @@ bool isScaleName(const std::optional<std::string>& name) {
     return nameContains(name, "Coffee") || nameContains(name, "Plenk");
 }
 
-std::string stateText(const bt::PeripheralPtr& peripheral) {
+std::string stateText(const PeripheralPtr& peripheral) {
     return std::to_string(static_cast<int>(peripheral->state()));
 }
 
@@ -155,7 +155,7 @@ void RKRostaKitCore::connecterDidDidUpdateStateWithUserInfo(
     }
 }
 
-void RKRostaKitCore::connecterDidDiscoverPeripheral(BLEConnecter&, const bt::PeripheralPtr& peripheral) {
+void RKRostaKitCore::connecterDidDiscoverPeripheral(BLEConnecter&, const PeripheralPtr& peripheral) {
     if (!peripheral) return;
     Scope scope(*this);
     postNotification(kLogNotification, "didDiscoverPeripheral");
@@ -188,7 +188,7 @@ void RKRostaKitCore::connecterDidDiscoverPeripheral(BLEConnecter&, const bt::Per
     reloadPickerLater();
 }
 
-void RKRostaKitCore::connecterDidConnectPeripheralUserInfo(BLEConnecter&, const bt::PeripheralPtr& peripheral,
+void RKRostaKitCore::connecterDidConnectPeripheralUserInfo(BLEConnecter&, const PeripheralPtr& peripheral,
                                                            const ConnecterUserInfo&) {
     if (!peripheral) return;
     Scope scope(*this);
@@ -257,8 +257,7 @@ void RKRostaKitCore::dismissPickerAfterConnection() {
     });
 }
 
-void RKRostaKitCore::connecterDidDisconnectPeripheralUserInfo(BLEConnecter&,
-                                                              const bt::PeripheralPtr& peripheral,
+void RKRostaKitCore::connecterDidDisconnectPeripheralUserInfo(BLEConnecter&, const PeripheralPtr& peripheral,
                                                               const ConnecterUserInfo&) {
     Scope scope(*this);
     if (peripheral && peripheral == dfuPeripheral_) {
@@ -324,7 +323,7 @@ bool RKRostaKitCore::reconnectHeldDevice() {
 // alive, and with either gone there is nothing left to cancel.
 void RKRostaKitCore::armWatchdog(const PeripheralPtr& peripheral) {
     mainQueue_->postAfter(kReconnectWatchdogDelay,
-                          [weak = weak_from_this(), target = std::weak_ptr<bt::Peripheral>(peripheral)] {
+                          [weak = weak_from_this(), target = std::weak_ptr<Peripheral>(peripheral)] {
                               auto kit = weak.lock();
                               auto peripheral = target.lock();
                               if (kit && peripheral) kit->runWatchdog(peripheral);

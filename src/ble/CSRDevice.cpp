@@ -68,7 +68,8 @@ CSRDevice::CSRDevice(bt::PeripheralPtr peripheral) : peripheral_(std::move(perip
 
 CSRDevice::~CSRDevice() = default;
 
-std::shared_ptr<CSRDevice> CSRDevice::create(const bt::PeripheralPtr& peripheral) {
+std::shared_ptr<CSRDevice> CSRDevice::create(const PeripheralPtr& handle) {
+    auto peripheral = bt::portPeripheral(handle);
     if (!peripheral) return nullptr;
     std::shared_ptr<CSRDevice> device(new CSRDevice(peripheral));
     device->attach();
@@ -83,7 +84,8 @@ void CSRDevice::becomeDelegateOf(const bt::PeripheralPtr& peripheral) {
     if (peripheral) peripheral->setDelegate(std::weak_ptr<bt::PeripheralDelegate>(weak_from_this()));
 }
 
-void CSRDevice::renewPeripheral(const bt::PeripheralPtr& peripheral) {
+void CSRDevice::renewPeripheral(const PeripheralPtr& handle) {
+    auto peripheral = bt::portPeripheral(handle);
     if (!peripheral) return;
     {
         std::lock_guard lock(mutex_);

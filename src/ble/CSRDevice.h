@@ -55,7 +55,7 @@ public:
 
     // Holds the peripheral, becomes its delegate and takes its current name.
     // Starts no discovery. Null for a null peripheral.
-    static std::shared_ptr<CSRDevice> create(const bt::PeripheralPtr& peripheral);
+    static std::shared_ptr<CSRDevice> create(const PeripheralPtr& peripheral);
     ~CSRDevice() override;
     CSRDevice(const CSRDevice&) = delete;
     CSRDevice& operator=(const CSRDevice&) = delete;
@@ -63,7 +63,7 @@ public:
     // Adopts a new peripheral object for the same device and becomes its
     // delegate; the name, services, characteristics and texts keep their
     // values until a new discovery replaces them. A null peripheral is ignored.
-    virtual void renewPeripheral(const bt::PeripheralPtr& peripheral);
+    virtual void renewPeripheral(const PeripheralPtr& peripheral);
     // nullopt: every service.
     void discoverServices(const std::optional<std::vector<bt::Uuid>>& serviceUUIDs);
     // The result is not used; no RSSIOnDevice follows.

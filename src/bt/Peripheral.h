@@ -103,4 +103,10 @@ public:
     virtual void readRSSI() = 0;
 };
 
+// The port's peripheral behind a public handle; null for a handle this library
+// did not hand out.
+inline PeripheralPtr portPeripheral(const std::shared_ptr<plenk::Peripheral>& handle) {
+    return std::dynamic_pointer_cast<Peripheral>(handle);
+}
+
 }  // namespace plenk::bt
