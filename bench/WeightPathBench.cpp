@@ -20,11 +20,12 @@
 
 #include <PlenkKit/PlenkKit.h>
 
-#include "RostaKit/ScaleProtocol.h"
 #include "backends/sim/SimBackend.h"
 #include "backends/sim/VirtualPeripheral.h"
 #include "backends/sim/World.h"
 #include "dispatch/SerialQueue.h"
+#include "wire/GattUuids.h"
+#include "wire/Notifications.h"
 
 namespace {
 std::atomic<std::uint64_t> gAllocations{0};

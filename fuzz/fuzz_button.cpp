@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <span>
 
-#include "RostaKit/ScaleProtocol.h"
+#include "wire/Notifications.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const auto button = plenk::wire::decodeButton(std::span<const std::uint8_t>(data, size));

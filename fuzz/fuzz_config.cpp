@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <span>
 
-#include "RostaKit/ScaleProtocol.h"
+#include "wire/ConfigurationRecord.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const auto record = plenk::wire::recordFromBytes(std::span<const std::uint8_t>(data, size));

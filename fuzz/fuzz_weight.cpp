@@ -5,7 +5,7 @@
 #include <span>
 #include <string_view>
 
-#include "RostaKit/ScaleProtocol.h"
+#include "wire/Notifications.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::span<const std::uint8_t> value(data, size);

@@ -7,6 +7,7 @@
 
 #include "DeviceTestSupport.h"
 #include "ble/CSRDevice.h"
+#include "wire/GattUuids.h"
 
 namespace plenk {
 namespace {
@@ -72,11 +73,11 @@ TEST_F(CSRDeviceTest, AfterDiscoveryWithoutCachedValuesTheTextsAreEmptyNotNull) 
 
 TEST_F(CSRDeviceTest, CachedTextsEndAtTheFirstZeroAndInvalidUtf8IsNull) {
     auto scale = h.addScale();
-    scale->setCharacteristicValue(em::kManufacturerName, bt::Bytes(bytesOf(std::string("1.2.3\0xyz", 9))),
+    scale->setCharacteristicValue(wire::kManufacturerName, bt::Bytes(bytesOf(std::string("1.2.3\0xyz", 9))),
                                   true);
-    scale->setCharacteristicValue(em::kModelNumber, bt::Bytes{0xC3, 0x28}, true);
-    scale->setCharacteristicValue(em::kHardwareRevision, bt::Bytes{}, true);
-    scale->setCharacteristicValue(em::kFirmwareRevision, bt::Bytes(bytesOf("W\xC3\xA4gen 2")), true);
+    scale->setCharacteristicValue(wire::kModelNumber, bt::Bytes{0xC3, 0x28}, true);
+    scale->setCharacteristicValue(wire::kHardwareRevision, bt::Bytes{}, true);
+    scale->setCharacteristicValue(wire::kFirmwareRevision, bt::Bytes(bytesOf("W\xC3\xA4gen 2")), true);
     start(scale);
     EXPECT_EQ(device->manufacturer(), "1.2.3");
     EXPECT_EQ(device->model(), std::nullopt);
@@ -120,7 +121,7 @@ TEST_F(CSRDeviceTest, BatteryLevelIsTheFirstByteAsSigned) {
     const Case cases[] = {{{0x64}, 100}, {{0xFF}, -1}, {{0x80}, -128}, {{0x10, 0x99, 0x01}, 16}, {{0x00}, 0}};
     std::vector<std::int64_t> expected;
     for (const auto& c : cases) {
-        scale->setCharacteristicValue(em::kBatteryLevel, c.value);
+        scale->setCharacteristicValue(wire::kBatteryLevel, c.value);
         device->readBatteryState();
         h.settle();
         expected.push_back(c.level);
@@ -128,14 +129,14 @@ TEST_F(CSRDeviceTest, BatteryLevelIsTheFirstByteAsSigned) {
         EXPECT_EQ(delegate->battery(), expected);
     }
     // An empty value carries no level: nothing changes and nobody is told.
-    scale->setCharacteristicValue(em::kBatteryLevel, bt::Bytes{});
+    scale->setCharacteristicValue(wire::kBatteryLevel, bt::Bytes{});
     device->readBatteryState();
     h.settle();
     EXPECT_EQ(device->batteryLife(), 0);
     EXPECT_EQ(delegate->battery(), expected);
     // A failed read is ignored too.
-    scale->setCharacteristicValue(em::kBatteryLevel, bt::Bytes{0x20});
-    scale->failReads(em::kBatteryLevel, attError(kAttReadNotPermitted));
+    scale->setCharacteristicValue(wire::kBatteryLevel, bt::Bytes{0x20});
+    scale->failReads(wire::kBatteryLevel, attError(kAttReadNotPermitted));
     device->readBatteryState();
     h.settle();
     EXPECT_EQ(delegate->battery(), expected);
@@ -164,7 +165,7 @@ TEST_F(CSRDeviceTest, FirmwareRequestsReplaceEachOtherAndOnlyTheLastIsAnswered) 
 TEST_F(CSRDeviceTest, AFailedFirmwareReadLeavesTheRequestPending) {
     auto scale = h.addScale();
     start(scale);
-    scale->failReads(em::kFirmwareRevision, attError(kAttUnlikelyError));
+    scale->failReads(wire::kFirmwareRevision, attError(kAttUnlikelyError));
     std::atomic<int> calls{0};
     device->readFirmwareVersionWithCompletion([&](auto, auto) { ++calls; });
     h.settle();
@@ -172,8 +173,8 @@ TEST_F(CSRDeviceTest, AFailedFirmwareReadLeavesTheRequestPending) {
     EXPECT_TRUE(device->fwVersionBlock());
 
     // A firmware value arriving later answers it, whoever asked for the read.
-    scale->failReads(em::kFirmwareRevision, nullptr);
-    auto firmware = test::findCharacteristic(*link.peripheral, em::kFirmwareRevision);
+    scale->failReads(wire::kFirmwareRevision, nullptr);
+    auto firmware = test::findCharacteristic(*link.peripheral, wire::kFirmwareRevision);
     ASSERT_TRUE(firmware);
     link.peripheral->readValueForCharacteristic(firmware);
     h.settle();
@@ -184,8 +185,8 @@ TEST_F(CSRDeviceTest, AFailedFirmwareReadLeavesTheRequestPending) {
 TEST_F(CSRDeviceTest, WithoutStandardServicesNothingIsReadAndFirmwareFailsAtOnce) {
     // The only battery-level and firmware characteristics sit under a foreign service.
     start(addPlainPeripheral(bt::Uuid::from16(0x1234),
-                             {{em::kBatteryLevel, em::kGattRead, bt::Bytes{0x42}, true},
-                              {em::kFirmwareRevision, em::kGattRead, bt::Bytes(bytesOf("9.9")), true}}));
+                             {{wire::kBatteryLevel, em::kGattRead, bt::Bytes{0x42}, true},
+                              {wire::kFirmwareRevision, em::kGattRead, bt::Bytes(bytesOf("9.9")), true}}));
     device->readBatteryState();
     h.settle();
     EXPECT_TRUE(delegate->battery().empty());

@@ -4,6 +4,7 @@
 // still queued).
 
 #include "RKRostaKitTestSupport.h"
+#include "wire/GattUuids.h"
 
 namespace plenk::test {
 namespace {
@@ -63,7 +64,7 @@ TEST_F(Facade, ConnectionAndWeightsReachTheHostOnTheMainQueue) {
     make();
     h.settle();
     EXPECT_TRUE(plenk->isConnected());
-    scale->notify(emulator::kDataCharacteristic, weightPacket(scale, 12.5f));
+    scale->notify(wire::kDataCharacteristic, weightPacket(scale, 12.5f));
     h.settle();
     scale->pressButton(0);
     h.settle();
@@ -105,7 +106,7 @@ TEST_F(Facade, AScaleWeightTakesTwoHops) {
     hook->record = record;
     plenk->setDelegate(hook);
 
-    scale->notify(emulator::kDataCharacteristic, weightPacket(scale, 1.0f));
+    scale->notify(wire::kDataCharacteristic, weightPacket(scale, 1.0f));
     h.world->drainQueues();  // the kit's task is now on the main queue
     h.mainLoop->post([&] { record("marker"); });
     h.mainLoop->runUntilIdle();
@@ -227,7 +228,7 @@ TEST_F(Facade, ReleasingTheFacadeWhileConnectedTearsTheLinkDown) {
     h.settle();
     ASSERT_EQ(scale->linkCount(), 1u);
     std::weak_ptr<RKRostaKit> kit = plenk->rosta();
-    scale->notify(emulator::kDataCharacteristic, weightPacket(scale, 5.0f));
+    scale->notify(wire::kDataCharacteristic, weightPacket(scale, 5.0f));
     plenk.reset();
     h.settle();
     EXPECT_TRUE(kit.expired());

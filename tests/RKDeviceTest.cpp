@@ -8,7 +8,9 @@
 
 #include "DeviceTestSupport.h"
 #include "RostaKit/RKDevice.h"
-#include "RostaKit/ScaleProtocol.h"
+#include "wire/ConfigurationRecord.h"
+#include "wire/GattUuids.h"
+#include "wire/Notifications.h"
 
 namespace plenk {
 namespace {
@@ -33,7 +35,7 @@ protected:
     Frames commandFrames() const {
         Frames frames;
         for (const auto& w : scale->writes()) {
-            EXPECT_EQ(w.characteristic, em::kCommandCharacteristic);
+            EXPECT_EQ(w.characteristic, wire::kCommandCharacteristic);
             EXPECT_EQ(w.type, bt::WriteType::WithResponse);
             frames.push_back(w.value.toVector());
         }
@@ -50,12 +52,14 @@ protected:
 
 TEST_F(RKDeviceTest, DiscoveryFindsTheScaleServiceThenSwitchesNotificationsOn) {
     std::atomic<std::size_t> listenersAtDiscovery{99};
-    delegate->onDiscoverAll = [&] { listenersAtDiscovery = scale->subscriberCount(em::kDataCharacteristic); };
+    delegate->onDiscoverAll = [&] {
+        listenersAtDiscovery = scale->subscriberCount(wire::kDataCharacteristic);
+    };
     start(scale);
     EXPECT_EQ(delegate->discoveredAll(), 1);
     EXPECT_EQ(listenersAtDiscovery, 0u);  // told before the switch-on
-    EXPECT_EQ(scale->subscriberCount(em::kDataCharacteristic), 1u);
-    EXPECT_EQ(scale->subscriberCount(em::kControlCharacteristic), 1u);
+    EXPECT_EQ(scale->subscriberCount(wire::kDataCharacteristic), 1u);
+    EXPECT_EQ(scale->subscriberCount(wire::kControlCharacteristic), 1u);
     EXPECT_TRUE(delegate->errors().empty());
     ASSERT_TRUE(device->scaleService());
     EXPECT_EQ(device->scaleService()->uuid(), wire::kScaleService);
@@ -74,16 +78,16 @@ TEST_F(RKDeviceTest, DiscoveryFailuresReportTheirCodes) {
     };
     const ErrorPtr platform = attError(kAttUnlikelyError);
     const std::vector<Case> cases = {
-        {"no scale service", [](auto& s) { s.removeService(em::kScaleService); }, 1000},
+        {"no scale service", [](auto& s) { s.removeService(wire::kScaleService); }, 1000},
         {"no data characteristic",
-         [](auto& s) { s.removeCharacteristic(em::kScaleService, em::kDataCharacteristic); }, 1001},
+         [](auto& s) { s.removeCharacteristic(wire::kScaleService, wire::kDataCharacteristic); }, 1001},
         {"no command characteristic",
-         [](auto& s) { s.removeCharacteristic(em::kScaleService, em::kCommandCharacteristic); }, 1001},
+         [](auto& s) { s.removeCharacteristic(wire::kScaleService, wire::kCommandCharacteristic); }, 1001},
         {"service discovery error", [&](auto& s) { s.failServiceDiscovery(platform); }, 1002},
         {"scale characteristics error",
-         [&](auto& s) { s.failCharacteristicDiscovery(em::kScaleService, platform); }, 1003},
+         [&](auto& s) { s.failCharacteristicDiscovery(wire::kScaleService, platform); }, 1003},
         {"battery characteristics error",
-         [&](auto& s) { s.failCharacteristicDiscovery(em::kBatteryService, platform); }, 1003},
+         [&](auto& s) { s.failCharacteristicDiscovery(wire::kBatteryService, platform); }, 1003},
     };
     for (const auto& c : cases) {
         SimHarness world;
@@ -99,17 +103,17 @@ TEST_F(RKDeviceTest, DiscoveryFailuresReportTheirCodes) {
         // A failure on another service does not stop the scale service.
         const bool scaleReady = c.name == std::string("battery characteristics error");
         EXPECT_EQ(recorder->discoveredAll(), scaleReady ? 1 : 0) << c.name;
-        EXPECT_EQ(peripheral->subscriberCount(em::kDataCharacteristic), scaleReady ? 1u : 0u) << c.name;
+        EXPECT_EQ(peripheral->subscriberCount(wire::kDataCharacteristic), scaleReady ? 1u : 0u) << c.name;
     }
 }
 
 TEST_F(RKDeviceTest, OptionalCharacteristicsMayBeMissing) {
-    scale->removeCharacteristic(em::kScaleService, em::kControlCharacteristic);
-    scale->removeCharacteristic(em::kScaleService, em::kInfoCharacteristic);
+    scale->removeCharacteristic(wire::kScaleService, wire::kControlCharacteristic);
+    scale->removeCharacteristic(wire::kScaleService, wire::kInfoCharacteristic);
     start(scale);
     EXPECT_EQ(delegate->discoveredAll(), 1);
     EXPECT_TRUE(delegate->errors().empty());
-    EXPECT_EQ(scale->subscriberCount(em::kDataCharacteristic), 1u);
+    EXPECT_EQ(scale->subscriberCount(wire::kDataCharacteristic), 1u);
     EXPECT_EQ(h.simLog->count("dropped"), 0u);  // nothing asked of an absent characteristic
 
     std::atomic<int> reads{0};
@@ -163,7 +167,7 @@ TEST_F(RKDeviceTest, CommandsWriteTheirFrames) {
 }
 
 TEST_F(RKDeviceTest, CommandsBeforeTheCommandCharacteristicAreDroppedSilently) {
-    scale->removeCharacteristic(em::kScaleService, em::kCommandCharacteristic);
+    scale->removeCharacteristic(wire::kScaleService, wire::kCommandCharacteristic);
     start(scale);
     ASSERT_EQ(delegate->errorCodes(), std::vector<std::int64_t>{1001});
     test::Results results;
@@ -208,7 +212,7 @@ TEST_F(RKDeviceTest, WriteResultsFeedSlotsInPriorityOrderNotByFrame) {
 TEST_F(RKDeviceTest, SynchronizeThenTareWithFailingWrites) {
     start(scale);
     const auto failure = attError(kAttWriteNotPermitted);
-    scale->failWrites(em::kCommandCharacteristic, failure);
+    scale->failWrites(wire::kCommandCharacteristic, failure);
     test::Results sync;
     device->synchronize(sync.completion());
     device->tare();
@@ -314,15 +318,15 @@ TEST_F(RKDeviceTest, RawReadsTakePrecedenceAndTheDecodedReceiverStays) {
 TEST_F(RKDeviceTest, WeightsAreDecodedByTheNameThePeripheralHasNow) {
     start(scale);
     const auto binary = wire::encodeBinaryWeight(12345, -1);
-    scale->notify(em::kDataCharacteristic, bt::Bytes(std::span<const std::uint8_t>(binary)));
+    scale->notify(wire::kDataCharacteristic, bt::Bytes(std::span<const std::uint8_t>(binary)));
     h.settle();
     scale->setName("Coffee Scale");
     h.settle();
-    scale->notify(em::kDataCharacteristic, bt::Bytes{'3', '6', '4'});
+    scale->notify(wire::kDataCharacteristic, bt::Bytes{'3', '6', '4'});
     h.settle();
     scale->setName("Kitchen");
     h.settle();
-    scale->notify(em::kDataCharacteristic, bt::Bytes(std::span<const std::uint8_t>(binary)));
+    scale->notify(wire::kDataCharacteristic, bt::Bytes(std::span<const std::uint8_t>(binary)));
     h.settle();
     EXPECT_EQ(delegate->weights(), (std::vector<float>{1234.5f, 36.4f, 0.0f}));
     EXPECT_EQ(device->deviceName(), "Plenk Scale");  // the kept name is not what decides
@@ -331,8 +335,8 @@ TEST_F(RKDeviceTest, WeightsAreDecodedByTheNameThePeripheralHasNow) {
 TEST_F(RKDeviceTest, ButtonsAreOneAndTwoOnly) {
     start(scale);
     for (std::uint8_t b : {0x01, 0x00, 0x02, 0x03, 0xFF})
-        scale->notify(em::kControlCharacteristic, bt::Bytes{b});
-    scale->notify(em::kControlCharacteristic, bt::Bytes{});
+        scale->notify(wire::kControlCharacteristic, bt::Bytes{b});
+    scale->notify(wire::kControlCharacteristic, bt::Bytes{});
     scale->pressButton(1);
     h.settle();
     EXPECT_EQ(delegate->buttons(), (std::vector<std::uint64_t>{0, 1, 1}));
@@ -341,8 +345,8 @@ TEST_F(RKDeviceTest, ButtonsAreOneAndTwoOnly) {
 
 TEST_F(RKDeviceTest, FailedValueUpdatesReport1005) {
     start(scale);
-    scale->notify(em::kDataCharacteristic, bt::Bytes{}, attError(kAttUnlikelyError));
-    scale->failReads(em::kInfoCharacteristic, attError(kAttReadNotPermitted));
+    scale->notify(wire::kDataCharacteristic, bt::Bytes{}, attError(kAttUnlikelyError));
+    scale->failReads(wire::kInfoCharacteristic, attError(kAttReadNotPermitted));
     std::atomic<int> raw{0};
     device->readRawData([&](RKConfigurationRecord) { ++raw; });
     h.settle();
@@ -371,7 +375,7 @@ TEST_F(RKDeviceTest, RenewRediscoversOnTheNewPeripheral) {
     device->renewPeripheral(again.peripheral);
     h.settle();
     EXPECT_EQ(delegate->discoveredAll(), 2);
-    EXPECT_EQ(scale->subscriberCount(em::kDataCharacteristic), 1u);
+    EXPECT_EQ(scale->subscriberCount(wire::kDataCharacteristic), 1u);
     device->tare();
     h.settle();
     EXPECT_EQ(commandFrames(), (Frames{{0x10}}));

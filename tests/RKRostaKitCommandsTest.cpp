@@ -4,7 +4,8 @@
 #include <functional>
 
 #include "RKRostaKitTestSupport.h"
-#include "RostaKit/ScaleProtocol.h"
+#include "wire/ConfigurationRecord.h"
+#include "wire/GattUuids.h"
 
 namespace plenk::test {
 namespace {
@@ -217,7 +218,7 @@ TEST_F(KitCommands, InitializingAnUnconfiguredScaleWritesTheDefaultsAndCompletes
 // characteristic feeds the first pending slot.
 TEST_F(KitCommands, NextWriteResultFeedsThePendingSlotAndTheRestAreReported) {
     connect();
-    scale->failWrites(emulator::kCommandCharacteristic, attError(kAttWriteNotPermitted));
+    scale->failWrites(wire::kCommandCharacteristic, attError(kAttWriteNotPermitted));
     Results results;
     kit->synchronize(results.completion(h.mainLoop));
     kit->tare();

@@ -6,6 +6,7 @@
 #include <typeinfo>
 
 #include "RKRostaKitTestSupport.h"
+#include "wire/GattUuids.h"
 
 namespace plenk::test {
 namespace {
@@ -277,28 +278,24 @@ TEST_P(KitScaleFault, SetUpFailureReachesThePickerAndDropsTheScale) {
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, KitScaleFault,
-    ::testing::Values(FaultCase{"NoScaleService", [](auto& s) { s.removeService(emulator::kScaleService); },
-                                108, &kindIs<RKErrorLEInvalidDeviceC>},
-                      FaultCase{"NoDataCharacteristic",
-                                [](auto& s) {
-                                    s.removeCharacteristic(emulator::kScaleService,
-                                                           emulator::kDataCharacteristic);
-                                },
-                                108, &kindIs<RKErrorLEInvalidDeviceC>},
-                      FaultCase{"ServiceDiscoveryError",
-                                [](auto& s) { s.failServiceDiscovery(attError(kAttUnlikelyError)); }, 107,
-                                &kindIs<RKErrorLEValidationC>},
-                      FaultCase{"CharacteristicDiscoveryError",
-                                [](auto& s) {
-                                    s.failCharacteristicDiscovery(emulator::kScaleService,
-                                                                  attError(kAttUnlikelyError));
-                                },
-                                107, &kindIs<RKErrorLEValidationC>}),
+    ::testing::Values(
+        FaultCase{"NoScaleService", [](auto& s) { s.removeService(wire::kScaleService); }, 108,
+                  &kindIs<RKErrorLEInvalidDeviceC>},
+        FaultCase{"NoDataCharacteristic",
+                  [](auto& s) { s.removeCharacteristic(wire::kScaleService, wire::kDataCharacteristic); },
+                  108, &kindIs<RKErrorLEInvalidDeviceC>},
+        FaultCase{"ServiceDiscoveryError",
+                  [](auto& s) { s.failServiceDiscovery(attError(kAttUnlikelyError)); }, 107,
+                  &kindIs<RKErrorLEValidationC>},
+        FaultCase{
+            "CharacteristicDiscoveryError",
+            [](auto& s) { s.failCharacteristicDiscovery(wire::kScaleService, attError(kAttUnlikelyError)); },
+            107, &kindIs<RKErrorLEValidationC>}),
     [](const auto& info) { return info.param.name; });
 
 TEST_F(FailureFixture, FailedTareWriteIsReportedAndTheLinkKept) {
     auto scale = h.addScale();
-    scale->failWrites(emulator::kCommandCharacteristic, attError(kAttWriteNotPermitted));
+    scale->failWrites(wire::kCommandCharacteristic, attError(kAttWriteNotPermitted));
     makeKit();
     h.settle();
     EXPECT_EQ(delegate->snapshot(), (std::vector<std::string>{"connected", "error 109"}));
@@ -316,8 +313,8 @@ TEST_F(FailureFixture, FailedNotificationIsReportedAndWeightsKeepFlowing) {
     auto scale = h.addScale();
     makeKit();
     h.settle();
-    scale->notify(emulator::kDataCharacteristic, {}, attError(kAttUnlikelyError));
-    scale->notify(emulator::kDataCharacteristic, weightPacket(scale, 3.0f));
+    scale->notify(wire::kDataCharacteristic, {}, attError(kAttUnlikelyError));
+    scale->notify(wire::kDataCharacteristic, weightPacket(scale, 3.0f));
     h.settle();
     EXPECT_EQ(delegate->snapshot(), (std::vector<std::string>{"connected", "error 109", "weight 3"}));
     std::lock_guard lock(delegate->mutex);

@@ -6,6 +6,7 @@
 #include <chrono>
 
 #include "RKRostaKitTestSupport.h"
+#include "wire/GattUuids.h"
 
 namespace plenk::test {
 namespace {
@@ -38,7 +39,7 @@ TEST_F(KitLifecycle, EveryWeightReachesTheDelegateUnchangedAndInOrder) {
     ASSERT_TRUE(kit->isConnected());
 
     const std::vector<float> sent{12.5f, -3.0f, 0.0f, 1234.5f, 12.5f};
-    for (float grams : sent) scale->notify(emulator::kDataCharacteristic, weightPacket(scale, grams));
+    for (float grams : sent) scale->notify(wire::kDataCharacteristic, weightPacket(scale, grams));
     h.settle();
 
     std::lock_guard lock(delegate->mutex);
@@ -50,7 +51,7 @@ TEST_F(KitLifecycle, TextWeightsOfCoffeeScalesAreDecodedByName) {
     auto scale = h.addScale("Coffee Scale", emulator::WeightFormat::Text);
     makeKit();
     h.settle();
-    scale->notify(emulator::kDataCharacteristic, bt::Bytes{'3', '6', '4'});
+    scale->notify(wire::kDataCharacteristic, bt::Bytes{'3', '6', '4'});
     h.settle();
     std::lock_guard lock(delegate->mutex);
     EXPECT_EQ(delegate->weights, (std::vector<float>{36.4f}));
@@ -148,7 +149,7 @@ TEST_F(KitLifecycle, HeldConnectionComesBackSilently) {
     EXPECT_EQ(delegate->snapshot(), (std::vector<std::string>{"connected"}));
 
     // Weights flow again through the renewed link.
-    scale->notify(emulator::kDataCharacteristic, weightPacket(scale, 7.0f));
+    scale->notify(wire::kDataCharacteristic, weightPacket(scale, 7.0f));
     h.settle();
     EXPECT_EQ(delegate->count("weight 7"), 1u);
 }
@@ -333,7 +334,7 @@ TEST_F(KitLifecycle, ReleasedKitStopsTalkingToItsDelegate) {
     std::weak_ptr<RKDevice> device = kit->currentDevice();
 
     // Events already on their way when the kit goes are dropped.
-    scale->notify(emulator::kDataCharacteristic, weightPacket(scale, 1.0f));
+    scale->notify(wire::kDataCharacteristic, weightPacket(scale, 1.0f));
     h.world->drainQueues();
     kit.reset();
     h.settle();
@@ -350,7 +351,7 @@ TEST_F(KitLifecycle, ArmedUpdateTargetIsConnectedAndHandedOver) {
     h.settle();
     sim::PeripheralOptions options;
     options.name = "DfuTarg";
-    options.advertisedServices = {emulator::kDfuService};
+    options.advertisedServices = {wire::kDfuService};
 
     std::mutex mutex;
     std::vector<RKRostaKit::PeripheralPtr> handedOver;

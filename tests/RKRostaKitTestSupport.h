@@ -19,6 +19,7 @@
 #include "RostaKit/RKRostaKitCore.h"
 #include "emulator/GattProfile.h"
 #include "support/SimHarness.h"
+#include "wire/GattUuids.h"
 
 namespace plenk::test {
 
@@ -190,8 +191,7 @@ inline std::vector<std::vector<std::uint8_t>> commandFrames(
     const std::shared_ptr<sim::VirtualPeripheral>& scale) {
     std::vector<std::vector<std::uint8_t>> frames;
     for (const auto& write : scale->writes()) {
-        if (write.characteristic == emulator::kCommandCharacteristic)
-            frames.push_back(write.value.toVector());
+        if (write.characteristic == wire::kCommandCharacteristic) frames.push_back(write.value.toVector());
     }
     return frames;
 }

@@ -6,8 +6,11 @@
 #include <limits>
 #include <vector>
 
-#include "RostaKit/ScaleProtocol.h"
 #include "emulator/ScaleEmulator.h"
+#include "wire/ConfigurationRecord.h"
+#include "wire/Frames.h"
+#include "wire/GattUuids.h"
+#include "wire/Notifications.h"
 
 namespace plenk::emulator {
 namespace {
@@ -185,17 +188,17 @@ TEST(ScaleEmulatorCommands, FirmwareDisconnectAndUpdateRestart) {
     EXPECT_EQ(send(scale, wire::firmwareDisconnectFrame()), Effect::Disconnect);
     EXPECT_FALSE(scale.inUpdateMode());
     EXPECT_EQ(scale.advertisedName(), "Plenk Scale");
-    EXPECT_NE(scale.profile().find(kScaleService), nullptr);
+    EXPECT_NE(scale.profile().find(wire::kScaleService), nullptr);
 
     EXPECT_EQ(send(scale, wire::dfuFrame()), Effect::RestartForUpdate);
     EXPECT_TRUE(scale.inUpdateMode());
     EXPECT_EQ(scale.advertisedName(), "DfuTarg");
     EXPECT_EQ(scale.advertisedServices(), std::vector<bt::Uuid>{wire::kDfuService});
     const auto profile = scale.profile();
-    EXPECT_EQ(profile.find(kScaleService), nullptr);
+    EXPECT_EQ(profile.find(wire::kScaleService), nullptr);
     ASSERT_NE(profile.find(wire::kDfuService), nullptr);
     // The bootloader has no scale service: commands go nowhere.
-    EXPECT_EQ(scale.write(kCommandCharacteristic, wire::tareFrame().span(), t0), Effect::None);
+    EXPECT_EQ(scale.write(wire::kCommandCharacteristic, wire::tareFrame().span(), t0), Effect::None);
     EXPECT_EQ(scale.counters().tares, 0u);
 
     scale.finishUpdate(t0);
@@ -367,24 +370,24 @@ TEST(ScaleEmulatorDevice, ServesBatteryInformationAndButtons) {
     options.batteryLevel = 80;
     options.batteryDrainPerHour = 10;
     ScaleEmulator scale(options);
-    EXPECT_EQ(scale.read(kBatteryLevel, t0)->toVector(), std::vector<std::uint8_t>{80});
+    EXPECT_EQ(scale.read(wire::kBatteryLevel, t0)->toVector(), std::vector<std::uint8_t>{80});
     EXPECT_EQ(scale.batteryLevelAt(at(3600 * 1.5)), 65);
     EXPECT_EQ(scale.batteryLevelAt(at(3600 * 100)), 0);
     scale.setBatteryLevel(0xFF, at(0));
     scale.setBatteryLevel(300, at(0));  // clamped to a byte
-    EXPECT_EQ(scale.read(kBatteryLevel, at(0))->toVector(), std::vector<std::uint8_t>{0xFF});
+    EXPECT_EQ(scale.read(wire::kBatteryLevel, at(0))->toVector(), std::vector<std::uint8_t>{0xFF});
 
     const auto text = [&](const bt::Uuid& u) {
         auto v = scale.read(u, t0)->toVector();
         return std::string(v.begin(), v.end());
     };
-    EXPECT_EQ(text(kFirmwareRevision), "1.2.3");
-    EXPECT_EQ(text(kManufacturerName), "Plenk Instruments");
-    EXPECT_FALSE(text(kModelNumber).empty());
-    EXPECT_FALSE(text(kHardwareRevision).empty());
-    EXPECT_FALSE(text(kSoftwareRevision).empty());
-    EXPECT_EQ(scale.read(kInfoCharacteristic, t0)->size(), 15u);
-    EXPECT_FALSE(scale.read(kDataCharacteristic, t0).has_value());
+    EXPECT_EQ(text(wire::kFirmwareRevision), "1.2.3");
+    EXPECT_EQ(text(wire::kManufacturerName), "Plenk Instruments");
+    EXPECT_FALSE(text(wire::kModelNumber).empty());
+    EXPECT_FALSE(text(wire::kHardwareRevision).empty());
+    EXPECT_FALSE(text(wire::kSoftwareRevision).empty());
+    EXPECT_EQ(scale.read(wire::kInfoCharacteristic, t0)->size(), 15u);
+    EXPECT_FALSE(scale.read(wire::kDataCharacteristic, t0).has_value());
 
     EXPECT_EQ(wire::decodeButton(ScaleEmulator::buttonPacket(0).span()), 0u);
     EXPECT_EQ(wire::decodeButton(ScaleEmulator::buttonPacket(1).span()), 1u);
@@ -394,15 +397,15 @@ TEST(ScaleEmulatorDevice, ProfileListsTheScaleServiceAndCachesTextsOnRequest) {
     ScaleOptions options;
     ScaleEmulator plain(options);
     const auto profile = plain.profile();
-    ASSERT_NE(profile.find(kScaleService), nullptr);
-    const auto* command = profile.findCharacteristic(kCommandCharacteristic);
+    ASSERT_NE(profile.find(wire::kScaleService), nullptr);
+    const auto* command = profile.findCharacteristic(wire::kCommandCharacteristic);
     ASSERT_NE(command, nullptr);
     EXPECT_NE(command->properties & kGattWrite, 0u);
-    EXPECT_NE(profile.findCharacteristic(kDataCharacteristic)->properties & kGattNotify, 0u);
-    EXPECT_FALSE(profile.findCharacteristic(kFirmwareRevision)->cached);
+    EXPECT_NE(profile.findCharacteristic(wire::kDataCharacteristic)->properties & kGattNotify, 0u);
+    EXPECT_FALSE(profile.findCharacteristic(wire::kFirmwareRevision)->cached);
 
     options.cacheDeviceInformation = true;
-    EXPECT_TRUE(ScaleEmulator(options).profile().findCharacteristic(kFirmwareRevision)->cached);
+    EXPECT_TRUE(ScaleEmulator(options).profile().findCharacteristic(wire::kFirmwareRevision)->cached);
 }
 
 }  // namespace

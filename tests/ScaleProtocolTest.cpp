@@ -1,11 +1,14 @@
-#include "RostaKit/ScaleProtocol.h"
+#include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include "wire/ConfigurationRecord.h"
+#include "wire/Frames.h"
+#include "wire/GattUuids.h"
+#include "wire/Notifications.h"
 
 namespace plenk::wire {
 namespace {
@@ -381,12 +384,12 @@ TEST(WireConfigTest, DecodingIgnoresTheUnconfiguredPattern) {
 // ---- Identifiers ----------------------------------------------------------
 
 TEST(WireIdentifiersTest, ServiceAndCharacteristics) {
-    EXPECT_EQ(kScaleService, bt::Uuid::from16(0xFF08));
-    EXPECT_EQ(kCommandCharacteristic, bt::Uuid::fromString("EF80"));
-    EXPECT_EQ(kDataCharacteristic, bt::Uuid::fromString("0000EF81-0000-1000-8000-00805F9B34FB"));
-    EXPECT_EQ(kControlCharacteristic, bt::Uuid::from16(0xEF82));
-    EXPECT_EQ(kInfoCharacteristic, bt::Uuid::from16(0xEF83));
-    EXPECT_EQ(kDfuService.toString(), "00001530-1212-EFDE-1523-785FEABCD123");
+    EXPECT_EQ(wire::kScaleService, bt::Uuid::from16(0xFF08));
+    EXPECT_EQ(wire::kCommandCharacteristic, bt::Uuid::fromString("EF80"));
+    EXPECT_EQ(wire::kDataCharacteristic, bt::Uuid::fromString("0000EF81-0000-1000-8000-00805F9B34FB"));
+    EXPECT_EQ(wire::kControlCharacteristic, bt::Uuid::from16(0xEF82));
+    EXPECT_EQ(wire::kInfoCharacteristic, bt::Uuid::from16(0xEF83));
+    EXPECT_EQ(wire::kDfuService.toString(), "00001530-1212-EFDE-1523-785FEABCD123");
 }
 
 }  // namespace

@@ -9,10 +9,13 @@
 #include <thread>
 #include <vector>
 
-#include "RostaKit/ScaleProtocol.h"
 #include "backends/sim/SimBackend.h"
 #include "dispatch/SerialQueue.h"
 #include "support/SimHarness.h"
+#include "wire/ConfigurationRecord.h"
+#include "wire/Frames.h"
+#include "wire/GattUuids.h"
+#include "wire/Notifications.h"
 
 namespace plenk {
 namespace {
@@ -564,10 +567,10 @@ TEST(SimDiscovery, FindsTheScaleTableAndHonoursFilters) {
     auto keep = service->characteristics()[0];
     r.discoverAll(p);
     EXPECT_EQ(uuids(p->services()),
-              (std::vector{em::kBatteryService, em::kDeviceInformationService, em::kScaleService}));
+              (std::vector{wire::kBatteryService, wire::kDeviceInformationService, wire::kScaleService}));
     EXPECT_EQ(service->characteristics().size(), 4u);
     EXPECT_EQ(service->characteristics()[0], keep);  // same objects within one link
-    EXPECT_EQ(serviceOf(p, em::kDeviceInformationService)->characteristics().size(), 5u);
+    EXPECT_EQ(serviceOf(p, wire::kDeviceInformationService)->characteristics().size(), 5u);
     EXPECT_EQ(r.rec->count("characteristics"), 4u);
 }
 
@@ -578,28 +581,29 @@ TEST(SimDiscovery, MissingServicesAndCharacteristicsAreAbsent) {
         std::vector<bt::Uuid> absent;
     };
     const std::vector<Case> cases = {
-        {"no scale service", [](auto& d) { d.removeService(em::kScaleService); }, {em::kScaleService}},
+        {"no scale service", [](auto& d) { d.removeService(wire::kScaleService); }, {wire::kScaleService}},
         {"no command and data",
          [](auto& d) {
-             d.removeCharacteristic(em::kScaleService, em::kCommandCharacteristic);
-             d.removeCharacteristic(em::kScaleService, em::kDataCharacteristic);
+             d.removeCharacteristic(wire::kScaleService, wire::kCommandCharacteristic);
+             d.removeCharacteristic(wire::kScaleService, wire::kDataCharacteristic);
          },
-         {em::kCommandCharacteristic, em::kDataCharacteristic}},
+         {wire::kCommandCharacteristic, wire::kDataCharacteristic}},
         {"no control and info",
          [](auto& d) {
-             d.removeCharacteristic(em::kScaleService, em::kControlCharacteristic);
-             d.removeCharacteristic(em::kScaleService, em::kInfoCharacteristic);
+             d.removeCharacteristic(wire::kScaleService, wire::kControlCharacteristic);
+             d.removeCharacteristic(wire::kScaleService, wire::kInfoCharacteristic);
          },
-         {em::kControlCharacteristic, em::kInfoCharacteristic}},
+         {wire::kControlCharacteristic, wire::kInfoCharacteristic}},
         {"no battery or information",
          [](auto& d) {
-             d.removeService(em::kBatteryService);
-             d.removeService(em::kDeviceInformationService);
+             d.removeService(wire::kBatteryService);
+             d.removeService(wire::kDeviceInformationService);
          },
-         {em::kBatteryService, em::kDeviceInformationService, em::kBatteryLevel, em::kFirmwareRevision}},
+         {wire::kBatteryService, wire::kDeviceInformationService, wire::kBatteryLevel,
+          wire::kFirmwareRevision}},
         {"no firmware revision",
-         [](auto& d) { d.removeCharacteristic(em::kDeviceInformationService, em::kFirmwareRevision); },
-         {em::kFirmwareRevision}},
+         [](auto& d) { d.removeCharacteristic(wire::kDeviceInformationService, wire::kFirmwareRevision); },
+         {wire::kFirmwareRevision}},
     };
     for (const auto& c : cases) {
         Rig r;
@@ -621,20 +625,20 @@ TEST(SimDiscovery, DeviceInformationIsVisibleAtDiscoveryOnlyWhenCached) {
         em::ScaleOptions options;
         options.cacheDeviceInformation = cached;
         auto p = r.connectAndDiscover(r.h.world->addScale(options));
-        EXPECT_EQ(text(characteristicOf(p, em::kFirmwareRevision)->value()), cached ? "1.2.3" : "");
+        EXPECT_EQ(text(characteristicOf(p, wire::kFirmwareRevision)->value()), cached ? "1.2.3" : "");
         const std::string manufacturer = cached ? "Plenk Instruments" : "";
-        EXPECT_EQ(text(characteristicOf(p, em::kManufacturerName)->value()), manufacturer);
-        EXPECT_TRUE(characteristicOf(p, em::kBatteryLevel)->value().empty());  // never cached
+        EXPECT_EQ(text(characteristicOf(p, wire::kManufacturerName)->value()), manufacturer);
+        EXPECT_TRUE(characteristicOf(p, wire::kBatteryLevel)->value().empty());  // never cached
     }
     // A script can put any value there, bad text included; reads serve it too.
     Rig r;
     auto scale = r.h.addScale();
     const bt::Bytes odd{'9', '.', '1', 0x00, 0xFF};
-    scale->setCharacteristicValue(em::kFirmwareRevision, odd, true);
+    scale->setCharacteristicValue(wire::kFirmwareRevision, odd, true);
     auto p = r.connectAndDiscover(scale);
-    EXPECT_EQ(characteristicOf(p, em::kFirmwareRevision)->value(), odd);
-    EXPECT_TRUE(characteristicOf(p, em::kModelNumber)->value().empty());
-    p->readValueForCharacteristic(characteristicOf(p, em::kFirmwareRevision));
+    EXPECT_EQ(characteristicOf(p, wire::kFirmwareRevision)->value(), odd);
+    EXPECT_TRUE(characteristicOf(p, wire::kModelNumber)->value().empty());
+    p->readValueForCharacteristic(characteristicOf(p, wire::kFirmwareRevision));
     r.h.settle();
     EXPECT_EQ(r.rec->of("value").at(0).value, odd);
 }
@@ -652,14 +656,14 @@ TEST(SimDiscovery, DiscoveryErrorsAreReportedAndClearable) {
     EXPECT_TRUE(p->services().empty());
 
     scale->failServiceDiscovery(nullptr);
-    scale->failCharacteristicDiscovery(em::kScaleService, error);
+    scale->failCharacteristicDiscovery(wire::kScaleService, error);
     r.rec->clear();
     r.discoverAll(p);
     for (const auto& e : r.rec->of("characteristics")) {
-        EXPECT_EQ(e.error, e.uuid == em::kScaleService ? error : nullptr);
+        EXPECT_EQ(e.error, e.uuid == wire::kScaleService ? error : nullptr);
     }
-    EXPECT_TRUE(serviceOf(p, em::kScaleService)->characteristics().empty());
-    EXPECT_NE(characteristicOf(p, em::kBatteryLevel), nullptr);
+    EXPECT_TRUE(serviceOf(p, wire::kScaleService)->characteristics().empty());
+    EXPECT_NE(characteristicOf(p, wire::kBatteryLevel), nullptr);
 }
 
 // --- reads and writes ---------------------------------------------------------------------
@@ -669,7 +673,7 @@ TEST(SimGatt, ReadsAnswerFromTheEmulator) {
     auto scale = r.h.addScale();
     scale->setBatteryLevel(42);
     auto p = r.connectAndDiscover(scale);
-    for (const auto& uuid : {em::kBatteryLevel, em::kInfoCharacteristic, em::kFirmwareRevision}) {
+    for (const auto& uuid : {wire::kBatteryLevel, wire::kInfoCharacteristic, wire::kFirmwareRevision}) {
         p->readValueForCharacteristic(characteristicOf(p, uuid));
     }
     r.h.settle();
@@ -678,14 +682,14 @@ TEST(SimGatt, ReadsAnswerFromTheEmulator) {
     EXPECT_EQ(values[0].value, (bt::Bytes{42}));
     EXPECT_TRUE(wire::isUnconfigured(wire::recordFromBytes(values[1].value)));
     EXPECT_EQ(text(values[2].value), "1.2.3");
-    EXPECT_EQ(characteristicOf(p, em::kBatteryLevel)->value(), (bt::Bytes{42}));
+    EXPECT_EQ(characteristicOf(p, wire::kBatteryLevel)->value(), (bt::Bytes{42}));
 }
 
 TEST(SimGatt, WritesTheCharacteristicDoesNotAllowAreRefusedOrDropped) {
     Rig r;
     auto scale = r.h.addScale();
     auto p = r.connectAndDiscover(scale);
-    auto battery = characteristicOf(p, em::kBatteryLevel);  // read and notify only
+    auto battery = characteristicOf(p, wire::kBatteryLevel);  // read and notify only
     r.rec->clear();
     p->writeValue(bt::Bytes{0x01}, battery, bt::WriteType::WithoutResponse);  // dropped, as the platform does
     p->writeValue(bt::Bytes{0x02}, battery, bt::WriteType::WithResponse);     // refused by the peer
@@ -702,7 +706,7 @@ TEST(SimGatt, WritesReachTheEmulatorAndAreAcknowledgedInOrder) {
     Rig r;
     auto scale = r.h.addScale();
     auto p = r.connectAndDiscover(scale);
-    auto command = characteristicOf(p, em::kCommandCharacteristic);
+    auto command = characteristicOf(p, wire::kCommandCharacteristic);
     r.rec->clear();
     const auto frames = wire::defaultConfigurationFrames();
     for (const auto& frame : frames.span()) {
@@ -730,15 +734,16 @@ TEST(SimGatt, ScriptedAndPlatformReadWriteErrors) {
     auto scale = r.h.addScale();
     const auto writeError = attError(kAttUnlikelyError);
     const auto readError = attError(5);
-    scale->failWrites(em::kCommandCharacteristic, writeError);
-    scale->failReads(em::kInfoCharacteristic, readError);
+    scale->failWrites(wire::kCommandCharacteristic, writeError);
+    scale->failReads(wire::kInfoCharacteristic, readError);
     auto p = r.connectAndDiscover(scale);
     r.rec->clear();
-    p->writeValue(bt::Bytes{0x10}, characteristicOf(p, em::kCommandCharacteristic),
+    p->writeValue(bt::Bytes{0x10}, characteristicOf(p, wire::kCommandCharacteristic),
                   bt::WriteType::WithResponse);
-    p->readValueForCharacteristic(characteristicOf(p, em::kInfoCharacteristic));
-    p->writeValue(bt::Bytes{0x01}, characteristicOf(p, em::kDataCharacteristic), bt::WriteType::WithResponse);
-    p->readValueForCharacteristic(characteristicOf(p, em::kCommandCharacteristic));
+    p->readValueForCharacteristic(characteristicOf(p, wire::kInfoCharacteristic));
+    p->writeValue(bt::Bytes{0x01}, characteristicOf(p, wire::kDataCharacteristic),
+                  bt::WriteType::WithResponse);
+    p->readValueForCharacteristic(characteristicOf(p, wire::kCommandCharacteristic));
     r.h.settle();
     const auto events = r.rec->events();
     ASSERT_EQ(events.size(), 4u);
@@ -753,9 +758,9 @@ TEST(SimGatt, ScriptedAndPlatformReadWriteErrors) {
     EXPECT_EQ(tares, 0u);
     EXPECT_EQ(scale->writes()[0].error, writeError);
 
-    scale->failWrites(em::kCommandCharacteristic, nullptr);
+    scale->failWrites(wire::kCommandCharacteristic, nullptr);
     r.rec->clear();
-    p->writeValue(bt::Bytes{0x10}, characteristicOf(p, em::kCommandCharacteristic),
+    p->writeValue(bt::Bytes{0x10}, characteristicOf(p, wire::kCommandCharacteristic),
                   bt::WriteType::WithResponse);
     r.h.settle();
     EXPECT_EQ(r.rec->of("write").at(0).error, nullptr);
@@ -767,7 +772,7 @@ TEST(SimGatt, FirmwareDisconnectAcknowledgesThenDropsTheLink) {
     auto p = r.connectAndDiscover(scale);
     r.rec->clear();
     p->writeValue(bt::Bytes(wire::firmwareDisconnectFrame().span()),
-                  characteristicOf(p, em::kCommandCharacteristic), bt::WriteType::WithResponse);
+                  characteristicOf(p, wire::kCommandCharacteristic), bt::WriteType::WithResponse);
     r.h.settle();
     ASSERT_EQ(r.rec->kinds(), (std::vector<std::string>{"write", "disconnect"}));
     EXPECT_EQ(r.rec->of("write")[0].error, nullptr);
@@ -780,7 +785,7 @@ TEST(SimGatt, UpdateModeRestartsTheScaleAsDfuTarg) {
     auto scale = r.h.addScale();
     auto p = r.connectAndDiscover(scale);
     r.rec->clear();
-    p->writeValue(bt::Bytes(wire::dfuFrame().span()), characteristicOf(p, em::kCommandCharacteristic),
+    p->writeValue(bt::Bytes(wire::dfuFrame().span()), characteristicOf(p, wire::kCommandCharacteristic),
                   bt::WriteType::WithResponse);
     r.h.settle();
     ASSERT_EQ(r.rec->kinds(), (std::vector<std::string>{"write", "disconnect"}));
@@ -811,8 +816,8 @@ TEST(SimNotify, WeightsStreamWhileNotifyingAndShowAShot) {
     Rig r(streaming);
     auto scale = r.h.addScale();
     auto p = r.connectAndDiscover(scale);
-    auto data = characteristicOf(p, em::kDataCharacteristic);
-    p->writeValue(bt::Bytes(wire::tareFrame().span()), characteristicOf(p, em::kCommandCharacteristic),
+    auto data = characteristicOf(p, wire::kDataCharacteristic);
+    p->writeValue(bt::Bytes(wire::tareFrame().span()), characteristicOf(p, wire::kCommandCharacteristic),
                   bt::WriteType::WithResponse);  // the fresh connection's tare starts the shot
     p->setNotifyValue(true, data);
     r.h.settle();
@@ -842,19 +847,19 @@ TEST(SimNotify, ButtonsAndErroneousUpdatesArriveAsValueUpdates) {
     Rig r;
     auto scale = r.h.addScale();
     auto p = r.connectAndDiscover(scale);
-    p->setNotifyValue(true, characteristicOf(p, em::kControlCharacteristic));
-    p->setNotifyValue(true, characteristicOf(p, em::kDataCharacteristic));
+    p->setNotifyValue(true, characteristicOf(p, wire::kControlCharacteristic));
+    p->setNotifyValue(true, characteristicOf(p, wire::kDataCharacteristic));
     r.h.settle();
     r.rec->clear();
     scale->pressButton(1);
-    scale->notify(em::kDataCharacteristic, bt::Bytes{1, 2, 3});
+    scale->notify(wire::kDataCharacteristic, bt::Bytes{1, 2, 3});
     const auto error = attError(kAttUnlikelyError);
-    scale->notify(em::kDataCharacteristic, bt::Bytes{9, 9}, error);
-    scale->notify(em::kInfoCharacteristic, bt::Bytes{7});  // nobody listens there
+    scale->notify(wire::kDataCharacteristic, bt::Bytes{9, 9}, error);
+    scale->notify(wire::kInfoCharacteristic, bt::Bytes{7});  // nobody listens there
     r.h.settle();
     const auto values = r.rec->of("value");
     ASSERT_EQ(values.size(), 3u);
-    EXPECT_EQ(values[0].uuid, em::kControlCharacteristic);
+    EXPECT_EQ(values[0].uuid, wire::kControlCharacteristic);
     EXPECT_EQ(values[0].value, (bt::Bytes{0x02}));
     EXPECT_EQ(values[1].value, (bt::Bytes{1, 2, 3}));
     EXPECT_EQ(values[2].error, error);
@@ -865,25 +870,25 @@ TEST(SimNotify, NotifySwitchErrors) {
     Rig r;
     auto scale = r.h.addScale();
     const auto error = attError(kAttUnlikelyError);
-    scale->failNotifyState(em::kDataCharacteristic, error);
+    scale->failNotifyState(wire::kDataCharacteristic, error);
     auto p = r.connectAndDiscover(scale);
     r.rec->clear();
-    p->setNotifyValue(true, characteristicOf(p, em::kDataCharacteristic));
-    p->setNotifyValue(true, characteristicOf(p, em::kInfoCharacteristic));  // read-only
+    p->setNotifyValue(true, characteristicOf(p, wire::kDataCharacteristic));
+    p->setNotifyValue(true, characteristicOf(p, wire::kInfoCharacteristic));  // read-only
     r.h.settle();
     const auto events = r.rec->of("notifyState");
     ASSERT_EQ(events.size(), 2u);
     EXPECT_EQ(events[0].error, error);
     EXPECT_EQ(events[1].error->code(), kAttRequestNotSupported);
-    EXPECT_FALSE(characteristicOf(p, em::kDataCharacteristic)->isNotifying());
-    EXPECT_EQ(scale->subscriberCount(em::kDataCharacteristic), 0u);
+    EXPECT_FALSE(characteristicOf(p, wire::kDataCharacteristic)->isNotifying());
+    EXPECT_EQ(scale->subscriberCount(wire::kDataCharacteristic), 0u);
 }
 
 TEST(SimNotify, FlatOutFromManyThreadsKeepsEachThreadsOrder) {
     Rig r;
     auto scale = r.h.addScale();
     auto p = r.connectAndDiscover(scale);
-    p->setNotifyValue(true, characteristicOf(p, em::kDataCharacteristic));
+    p->setNotifyValue(true, characteristicOf(p, wire::kDataCharacteristic));
     r.h.settle();
     r.rec->clear();
     constexpr int kThreads = 4;
@@ -893,7 +898,7 @@ TEST(SimNotify, FlatOutFromManyThreadsKeepsEachThreadsOrder) {
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
             for (int i = 0; i < kEach; ++i) {
-                scale->notify(em::kDataCharacteristic, encoder.encodeWeightPacket(float(t * 100000 + i)));
+                scale->notify(wire::kDataCharacteristic, encoder.encodeWeightPacket(float(t * 100000 + i)));
             }
         });
     }
@@ -931,14 +936,14 @@ TEST(SimRetrieve, ConnectedToSystemByServiceAndKnownByIdentifier) {
     auto free = r.h.addScale("Plenk Two");
     auto stranger = r.h.world->addPeripheral(device("Other", true, false, false));
 
-    auto connected = r.central->retrieveConnectedPeripheralsWithServices({em::kScaleService});
+    auto connected = r.central->retrieveConnectedPeripheralsWithServices({wire::kScaleService});
     ASSERT_EQ(connected.size(), 1u);
     EXPECT_EQ(connected[0]->identifier(), held->identifier());
     EXPECT_EQ(connected[0]->state(), PeripheralState::Disconnected);  // held by the system, not by us
     EXPECT_TRUE(r.central->retrieveConnectedPeripheralsWithServices({bt::Uuid::from16(0x180D)}).empty());
 
     r.connect(free);  // our own links count as connected to the system
-    EXPECT_EQ(r.central->retrieveConnectedPeripheralsWithServices({em::kScaleService}).size(), 2u);
+    EXPECT_EQ(r.central->retrieveConnectedPeripheralsWithServices({wire::kScaleService}).size(), 2u);
 
     const auto known = r.central->retrievePeripheralsWithIdentifiers(
         {free->identifier(), stranger->identifier(), bt::Uuid::random(), held->identifier()});
@@ -961,10 +966,10 @@ TEST(SimThreads, DelegatesAreHeldWeakly) {
     Rig r;
     auto scale = r.h.addScale();
     auto p = r.connectAndDiscover(scale);
-    p->setNotifyValue(true, characteristicOf(p, em::kDataCharacteristic));
+    p->setNotifyValue(true, characteristicOf(p, wire::kDataCharacteristic));
     r.h.settle();
     std::weak_ptr<Recorder> weak = r.rec;
-    for (int i = 0; i < 100; ++i) scale->notify(em::kDataCharacteristic, bt::Bytes{1});
+    for (int i = 0; i < 100; ++i) scale->notify(wire::kDataCharacteristic, bt::Bytes{1});
     scale->dropLink();
     r.rec.reset();  // released while its events are still on their way
     r.h.settle();
@@ -1007,7 +1012,7 @@ class AutoSubscriber final : public bt::CentralDelegate,
 public:
     void centralManagerDidConnectPeripheral(bt::Central&, const bt::PeripheralPtr& p) override {
         p->setDelegate(weak_from_this());
-        p->discoverServices(std::vector{em::kScaleService});
+        p->discoverServices(std::vector{wire::kScaleService});
     }
     void peripheralDidDiscoverServices(bt::Peripheral& p, const ErrorPtr&) override {
         for (const auto& s : p.services()) p.discoverCharacteristics(std::nullopt, s);
@@ -1015,14 +1020,14 @@ public:
     void peripheralDidDiscoverCharacteristicsForServiceError(bt::Peripheral& p, const bt::ServicePtr& s,
                                                              const ErrorPtr&) override {
         for (const auto& c : s->characteristics()) {
-            if (c->uuid() == em::kDataCharacteristic || c->uuid() == em::kControlCharacteristic) {
+            if (c->uuid() == wire::kDataCharacteristic || c->uuid() == wire::kControlCharacteristic) {
                 p.setNotifyValue(true, c);
             }
         }
     }
     void peripheralDidUpdateValueForCharacteristicError(bt::Peripheral& p, const bt::CharacteristicPtr& c,
                                                         const ErrorPtr&) override {
-        if (c->uuid() == em::kDataCharacteristic) {
+        if (c->uuid() == wire::kDataCharacteristic) {
             wire::decodeWeight(p.name(), c->value().span());
             ++weights;
         }

@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include "RKRostaKitTestSupport.h"
+#include "wire/GattUuids.h"
 
 namespace plenk::test {
 namespace {
@@ -88,7 +89,7 @@ protected:
     void streamWeights(int count) {
         for (int i = 0; i < count; ++i) {
             ++sent;
-            scale->notify(emulator::kDataCharacteristic, weightPacket(scale, static_cast<float>(sent)));
+            scale->notify(wire::kDataCharacteristic, weightPacket(scale, static_cast<float>(sent)));
         }
     }
 

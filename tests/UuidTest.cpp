@@ -2,8 +2,8 @@
 
 #include <stdexcept>
 
-#include "RostaKit/ScaleProtocol.h"
 #include "bt/Uuid.h"
+#include "wire/GattUuids.h"
 
 using plenk::bt::Uuid;
 

@@ -4,8 +4,11 @@
 #include <string_view>
 #include <utility>
 
-#include "RostaKit/ScaleProtocol.h"
 #include "bt/Bytes.h"
+#include "wire/ConfigurationRecord.h"
+#include "wire/Frames.h"
+#include "wire/GattUuids.h"
+#include "wire/Notifications.h"
 
 namespace plenk {
 

@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "RostaKit/RKRostaKitCore.h"
-#include "RostaKit/ScaleProtocol.h"
+#include "wire/GattUuids.h"
 
 extern "C" {
 std::int32_t dfu = 0;

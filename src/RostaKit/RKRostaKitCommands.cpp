@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "RostaKit/RKRostaKitCore.h"
-#include "RostaKit/ScaleProtocol.h"
+#include "wire/Frames.h"
 
 namespace plenk {
 

@@ -4,16 +4,11 @@
 #include <utility>
 
 #include "bt/Backend.h"
+#include "wire/GattUuids.h"
 
 namespace plenk {
 
 namespace {
-
-// The firmware-update bootloader's service: the filter of scanDFUDevices.
-const bt::Uuid& dfuServiceUuid() {
-    static const bt::Uuid uuid = bt::Uuid::fromString("00001530-1212-EFDE-1523-785FEABCD123");
-    return uuid;
-}
 
 // Scans never report one advertiser twice.
 constexpr bt::ScanOptions kScanOptions{.allowDuplicates = false};
@@ -111,7 +106,7 @@ void BLEConnecterCore::scanDevices() {
 
 void BLEConnecterCore::scanDFUDevices() {
     if (auto central = cbManager()) {
-        central->scanForPeripheralsWithServices(std::vector<bt::Uuid>{dfuServiceUuid()}, kScanOptions);
+        central->scanForPeripheralsWithServices(std::vector<bt::Uuid>{wire::kDfuService}, kScanOptions);
     }
 }
 

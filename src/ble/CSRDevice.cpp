@@ -2,6 +2,9 @@
 
 #include <PlenkKit/RKErrors.h>
 
+#include "wire/GattUuids.h"
+#include "wire/Utf8.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -9,48 +12,15 @@ namespace plenk {
 
 namespace {
 
-// Strict UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
-bool isValidUtf8(std::span<const std::uint8_t> text) {
-    std::size_t i = 0;
-    while (i < text.size()) {
-        const std::uint8_t b = text[i];
-        std::size_t extra = 0;
-        std::uint8_t min = 0x80, max = 0xBF;  // bounds of the second byte
-        if (b < 0x80) {
-            ++i;
-            continue;
-        } else if (b >= 0xC2 && b <= 0xDF) {
-            extra = 1;
-        } else if (b >= 0xE0 && b <= 0xEF) {
-            extra = 2;
-            if (b == 0xE0) min = 0xA0;
-            if (b == 0xED) max = 0x9F;
-        } else if (b >= 0xF0 && b <= 0xF4) {
-            extra = 3;
-            if (b == 0xF0) min = 0x90;
-            if (b == 0xF4) max = 0x8F;
-        } else {
-            return false;
-        }
-        if (text.size() - i <= extra) return false;
-        if (text[i + 1] < min || text[i + 1] > max) return false;
-        for (std::size_t k = 2; k <= extra; ++k) {
-            if ((text[i + k] & 0xC0) != 0x80) return false;
-        }
-        i += extra + 1;
-    }
-    return true;
-}
-
 const std::optional<std::vector<bt::Uuid>>& batteryCharacteristicList() {
-    static const std::optional<std::vector<bt::Uuid>> list{std::vector<bt::Uuid>{gatt::kBatteryLevel}};
+    static const std::optional<std::vector<bt::Uuid>> list{std::vector<bt::Uuid>{wire::kBatteryLevel}};
     return list;
 }
 
 const std::optional<std::vector<bt::Uuid>>& deviceInformationCharacteristicList() {
     static const std::optional<std::vector<bt::Uuid>> list{
-        std::vector<bt::Uuid>{gatt::kManufacturerName, gatt::kModelNumber, gatt::kHardwareRevision,
-                              gatt::kFirmwareRevision, gatt::kSoftwareRevision}};
+        std::vector<bt::Uuid>{wire::kManufacturerName, wire::kModelNumber, wire::kHardwareRevision,
+                              wire::kFirmwareRevision, wire::kSoftwareRevision}};
     return list;
 }
 
@@ -133,7 +103,7 @@ void CSRDevice::readFirmwareVersionWithCompletion(FirmwareVersionCompletion comp
 std::optional<std::string> CSRDevice::textFromValue(std::span<const std::uint8_t> value) {
     const auto end = std::find(value.begin(), value.end(), std::uint8_t{0});
     const auto text = value.first(static_cast<std::size_t>(end - value.begin()));
-    if (!isValidUtf8(text)) return std::nullopt;
+    if (!wire::isValidUtf8(text)) return std::nullopt;
     return std::string(text.begin(), text.end());
 }
 
@@ -227,13 +197,13 @@ void CSRDevice::peripheralDidDiscoverServices(bt::Peripheral& peripheral, const 
     for (const auto& service : peripheral.services()) {
         if (!service) continue;
         const auto uuid = service->uuid();
-        if (uuid == gatt::kBatteryService) {
+        if (uuid == wire::kBatteryService) {
             {
                 std::lock_guard lock(mutex_);
                 batteryService_ = service;
             }
             peripheral.discoverCharacteristics(batteryCharacteristicList(), service);
-        } else if (uuid == gatt::kDeviceInformationService) {
+        } else if (uuid == wire::kDeviceInformationService) {
             {
                 std::lock_guard lock(mutex_);
                 deviceInfoService_ = service;
@@ -248,14 +218,14 @@ void CSRDevice::peripheralDidDiscoverCharacteristicsForServiceError(bt::Peripher
                                                                     const ErrorPtr& error) {
     if (error || !service) return;
     const auto serviceUuid = service->uuid();
-    if (serviceUuid == gatt::kBatteryService) {
+    if (serviceUuid == wire::kBatteryService) {
         for (const auto& c : service->characteristics()) {
-            if (c && c->uuid() == gatt::kBatteryLevel) {
+            if (c && c->uuid() == wire::kBatteryLevel) {
                 std::lock_guard lock(mutex_);
                 batteryChar_ = c;
             }
         }
-    } else if (serviceUuid == gatt::kDeviceInformationService) {
+    } else if (serviceUuid == wire::kDeviceInformationService) {
         // Texts come from whatever value is already cached at discovery
         // (normally none, so empty texts); only the firmware revision is ever
         // read from the peripheral, on request.
@@ -264,19 +234,19 @@ void CSRDevice::peripheralDidDiscoverCharacteristicsForServiceError(bt::Peripher
             const auto uuid = c->uuid();
             auto text = textFromValue(c->value().span());
             std::lock_guard lock(mutex_);
-            if (uuid == gatt::kManufacturerName) {
+            if (uuid == wire::kManufacturerName) {
                 manufacturerChar_ = c;
                 manufacturer_ = std::move(text);
-            } else if (uuid == gatt::kModelNumber) {
+            } else if (uuid == wire::kModelNumber) {
                 modelChar_ = c;
                 model_ = std::move(text);
-            } else if (uuid == gatt::kHardwareRevision) {
+            } else if (uuid == wire::kHardwareRevision) {
                 hardwareChar_ = c;
                 hardwareVersion_ = std::move(text);
-            } else if (uuid == gatt::kFirmwareRevision) {
+            } else if (uuid == wire::kFirmwareRevision) {
                 firmwareChar_ = c;
                 firmwareVersion_ = std::move(text);
-            } else if (uuid == gatt::kSoftwareRevision) {
+            } else if (uuid == wire::kSoftwareRevision) {
                 softwareChar_ = c;
                 softwareVersion_ = std::move(text);
             }

@@ -31,18 +31,6 @@ public:
     virtual void updateDeviceCurrentStateOnDevice(std::int64_t state, CSRDevice& device);
 };
 
-// Standard GATT identifiers handled by the generic device.
-namespace gatt {
-inline const bt::Uuid kBatteryService = bt::Uuid::from16(0x180F);
-inline const bt::Uuid kBatteryLevel = bt::Uuid::from16(0x2A19);
-inline const bt::Uuid kDeviceInformationService = bt::Uuid::from16(0x180A);
-inline const bt::Uuid kManufacturerName = bt::Uuid::from16(0x2A29);
-inline const bt::Uuid kModelNumber = bt::Uuid::from16(0x2A24);
-inline const bt::Uuid kHardwareRevision = bt::Uuid::from16(0x2A27);
-inline const bt::Uuid kFirmwareRevision = bt::Uuid::from16(0x2A26);
-inline const bt::Uuid kSoftwareRevision = bt::Uuid::from16(0x2A28);
-}  // namespace gatt
-
 // Wraps one connected peripheral and handles its Battery Service (level) and
 // Device Information service (five texts; only the firmware revision is ever
 // read, on request). It is the peripheral's delegate. Operations may be called

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <vector>
 
@@ -12,44 +11,6 @@
 // the simulator, the fake bluetoothd and the BLE peripheral tool expose. No
 // Bluetooth stack types, so every server can build its own objects from it.
 namespace plenk::emulator {
-
-// A 16-bit UUID on the Bluetooth base UUID, usable in constant expressions.
-constexpr bt::Uuid uuid16(std::uint16_t value) noexcept {
-    return bt::Uuid(std::array<std::uint8_t, 16>{0x00, 0x00, static_cast<std::uint8_t>(value >> 8),
-                                                 static_cast<std::uint8_t>(value), 0x00, 0x00, 0x10, 0x00,
-                                                 0x80, 0x00, 0x00, 0x80, 0x5F, 0x9B, 0x34, 0xFB});
-}
-
-// A UUID of the legacy firmware-update family 0000xxxx-1212-EFDE-1523-785FEABCD123.
-constexpr bt::Uuid dfuUuid(std::uint16_t value) noexcept {
-    return bt::Uuid(std::array<std::uint8_t, 16>{0x00, 0x00, static_cast<std::uint8_t>(value >> 8),
-                                                 static_cast<std::uint8_t>(value), 0x12, 0x12, 0xEF, 0xDE,
-                                                 0x15, 0x23, 0x78, 0x5F, 0xEA, 0xBC, 0xD1, 0x23});
-}
-
-// Standard services and characteristics.
-inline constexpr bt::Uuid kBatteryService = uuid16(0x180F);
-inline constexpr bt::Uuid kBatteryLevel = uuid16(0x2A19);
-inline constexpr bt::Uuid kDeviceInformationService = uuid16(0x180A);
-inline constexpr bt::Uuid kManufacturerName = uuid16(0x2A29);
-inline constexpr bt::Uuid kModelNumber = uuid16(0x2A24);
-inline constexpr bt::Uuid kHardwareRevision = uuid16(0x2A27);
-inline constexpr bt::Uuid kFirmwareRevision = uuid16(0x2A26);
-inline constexpr bt::Uuid kSoftwareRevision = uuid16(0x2A28);
-
-// The scale's own service (same values as the wire module's constants, but
-// usable during static initialisation).
-inline constexpr bt::Uuid kScaleService = uuid16(0xFF08);
-inline constexpr bt::Uuid kCommandCharacteristic = uuid16(0xEF80);
-inline constexpr bt::Uuid kDataCharacteristic = uuid16(0xEF81);
-inline constexpr bt::Uuid kControlCharacteristic = uuid16(0xEF82);
-inline constexpr bt::Uuid kInfoCharacteristic = uuid16(0xEF83);
-
-// The firmware-update bootloader's service and characteristics.
-inline constexpr bt::Uuid kDfuService = dfuUuid(0x1530);
-inline constexpr bt::Uuid kDfuControlPoint = dfuUuid(0x1531);
-inline constexpr bt::Uuid kDfuPacket = dfuUuid(0x1532);
-inline constexpr bt::Uuid kDfuVersion = dfuUuid(0x1534);
 
 // Characteristic properties: the port's GATT bit values.
 using GattProperty = bt::CharacteristicProperty;

@@ -5,7 +5,9 @@
 #include <cmath>
 #include <cstring>
 
-#include "RostaKit/ScaleProtocol.h"
+#include "wire/Frames.h"
+#include "wire/GattUuids.h"
+#include "wire/Notifications.h"
 
 namespace plenk::emulator {
 
@@ -86,41 +88,41 @@ GattProfile ScaleEmulator::profile() const {
     GattProfile profile;
     if (updateMode_) {
         profile.services.push_back(
-            ServiceDefinition{kDfuService,
+            ServiceDefinition{wire::kDfuService,
                               true,
                               {
-                                  {kDfuControlPoint, kGattWrite | kGattNotify, {}, false},
-                                  {kDfuPacket, kGattWriteWithoutResponse, {}, false},
-                                  {kDfuVersion, kGattRead, bt::Bytes{0x08, 0x00}, false},
+                                  {wire::kDfuControlPoint, kGattWrite | kGattNotify, {}, false},
+                                  {wire::kDfuPacket, kGattWriteWithoutResponse, {}, false},
+                                  {wire::kDfuVersion, kGattRead, bt::Bytes{0x08, 0x00}, false},
                               }});
         return profile;
     }
     const auto& info = options_.info;
     const bool cached = options_.cacheDeviceInformation;
     profile.services.push_back(
-        ServiceDefinition{kBatteryService,
+        ServiceDefinition{wire::kBatteryService,
                           true,
-                          {{kBatteryLevel, kGattRead | kGattNotify,
+                          {{wire::kBatteryLevel, kGattRead | kGattNotify,
                             bt::Bytes{static_cast<std::uint8_t>(batteryLevel_)}, false}}});
     profile.services.push_back(
-        ServiceDefinition{kDeviceInformationService,
+        ServiceDefinition{wire::kDeviceInformationService,
                           true,
                           {
-                              {kManufacturerName, kGattRead, textBytes(info.manufacturer), cached},
-                              {kModelNumber, kGattRead, textBytes(info.model), cached},
-                              {kHardwareRevision, kGattRead, textBytes(info.hardware), cached},
-                              {kFirmwareRevision, kGattRead, textBytes(info.firmware), cached},
-                              {kSoftwareRevision, kGattRead, textBytes(info.software), cached},
+                              {wire::kManufacturerName, kGattRead, textBytes(info.manufacturer), cached},
+                              {wire::kModelNumber, kGattRead, textBytes(info.model), cached},
+                              {wire::kHardwareRevision, kGattRead, textBytes(info.hardware), cached},
+                              {wire::kFirmwareRevision, kGattRead, textBytes(info.firmware), cached},
+                              {wire::kSoftwareRevision, kGattRead, textBytes(info.software), cached},
                           }});
-    profile.services.push_back(
-        ServiceDefinition{kScaleService,
-                          true,
-                          {
-                              {kCommandCharacteristic, kGattWrite | kGattWriteWithoutResponse, {}, false},
-                              {kDataCharacteristic, kGattNotify, {}, false},
-                              {kControlCharacteristic, kGattNotify, {}, false},
-                              {kInfoCharacteristic, kGattRead, {}, false},
-                          }});
+    profile.services.push_back(ServiceDefinition{
+        wire::kScaleService,
+        true,
+        {
+            {wire::kCommandCharacteristic, kGattWrite | kGattWriteWithoutResponse, {}, false},
+            {wire::kDataCharacteristic, kGattNotify, {}, false},
+            {wire::kControlCharacteristic, kGattNotify, {}, false},
+            {wire::kInfoCharacteristic, kGattRead, {}, false},
+        }});
     return profile;
 }
 
@@ -129,28 +131,29 @@ std::string ScaleEmulator::advertisedName() const {
 }
 
 std::vector<bt::Uuid> ScaleEmulator::advertisedServices() const {
-    return {updateMode_ ? kDfuService : kScaleService};
+    return {updateMode_ ? wire::kDfuService : wire::kScaleService};
 }
 
 std::optional<bt::Bytes> ScaleEmulator::read(const bt::Uuid& characteristic, Clock::TimePoint now) const {
     if (updateMode_) {
-        if (characteristic == kDfuVersion) return bt::Bytes{0x08, 0x00};
+        if (characteristic == wire::kDfuVersion) return bt::Bytes{0x08, 0x00};
         return std::nullopt;
     }
     const auto& info = options_.info;
-    if (characteristic == kBatteryLevel) return bt::Bytes{static_cast<std::uint8_t>(batteryLevelAt(now))};
-    if (characteristic == kInfoCharacteristic) return configurationValue(now);
-    if (characteristic == kManufacturerName) return textBytes(info.manufacturer);
-    if (characteristic == kModelNumber) return textBytes(info.model);
-    if (characteristic == kHardwareRevision) return textBytes(info.hardware);
-    if (characteristic == kFirmwareRevision) return textBytes(info.firmware);
-    if (characteristic == kSoftwareRevision) return textBytes(info.software);
+    if (characteristic == wire::kBatteryLevel)
+        return bt::Bytes{static_cast<std::uint8_t>(batteryLevelAt(now))};
+    if (characteristic == wire::kInfoCharacteristic) return configurationValue(now);
+    if (characteristic == wire::kManufacturerName) return textBytes(info.manufacturer);
+    if (characteristic == wire::kModelNumber) return textBytes(info.model);
+    if (characteristic == wire::kHardwareRevision) return textBytes(info.hardware);
+    if (characteristic == wire::kFirmwareRevision) return textBytes(info.firmware);
+    if (characteristic == wire::kSoftwareRevision) return textBytes(info.software);
     return std::nullopt;
 }
 
 ScaleEmulator::Effect ScaleEmulator::write(const bt::Uuid& characteristic,
                                            std::span<const std::uint8_t> value, Clock::TimePoint now) {
-    if (updateMode_ || characteristic != kCommandCharacteristic) return Effect::None;
+    if (updateMode_ || characteristic != wire::kCommandCharacteristic) return Effect::None;
     return handleCommand(value, now);
 }
 

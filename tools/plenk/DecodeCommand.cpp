@@ -12,7 +12,8 @@
 #include "Commands.h"
 #include "HexText.h"
 #include "JsonWriter.h"
-#include "RostaKit/ScaleProtocol.h"
+#include "wire/ConfigurationRecord.h"
+#include "wire/Notifications.h"
 
 namespace plenk::cli {
 

@@ -14,7 +14,7 @@
 #include "Commands.h"
 #include "HexText.h"
 #include "JsonWriter.h"
-#include "RostaKit/ScaleProtocol.h"
+#include "wire/Frames.h"
 
 namespace plenk::cli {
 

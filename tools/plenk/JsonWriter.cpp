@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstdio>
 
+#include "wire/Utf8.h"
+
 namespace plenk::cli {
 
 namespace {
@@ -14,32 +16,6 @@ std::string shortestNumber(T value) {
     char buffer[64];
     const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
     return std::string(buffer, result.ptr);
-}
-
-// Length of the valid UTF-8 sequence at the start of `text`, or 0.
-std::size_t utf8SequenceLength(std::string_view text) noexcept {
-    const auto at = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    const unsigned char c = at(0);
-    std::size_t length = 0;
-    unsigned char lo = 0x80, hi = 0xBF;
-    if (c >= 0xC2 && c <= 0xDF) {
-        length = 2;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-        length = 3;
-        if (c == 0xE0) lo = 0xA0;
-        if (c == 0xED) hi = 0x9F;
-    } else if (c >= 0xF0 && c <= 0xF4) {
-        length = 4;
-        if (c == 0xF0) lo = 0x90;
-        if (c == 0xF4) hi = 0x8F;
-    } else {
-        return 0;
-    }
-    if (text.size() < length || at(1) < lo || at(1) > hi) return 0;
-    for (std::size_t i = 2; i < length; ++i) {
-        if ((at(i) & 0xC0) != 0x80) return 0;
-    }
-    return length;
 }
 
 }  // namespace
@@ -53,7 +29,7 @@ std::string jsonString(std::string_view text) {
     for (std::size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
         if (static_cast<unsigned char>(c) >= 0x80) {
-            const std::size_t length = utf8SequenceLength(text.substr(i));
+            const std::size_t length = wire::utf8SequenceLength(text.substr(i));
             if (length == 0) {
                 out += "\\ufffd";
             } else {

@@ -6,6 +6,7 @@
 #include "backends/sim/SimCentral.h"
 #include "backends/sim/SimPeripheral.h"
 #include "backends/sim/World.h"
+#include "wire/GattUuids.h"
 
 namespace plenk::sim {
 
@@ -236,8 +237,7 @@ void VirtualPeripheral::setSampleRate(int hertz) {
 
 void VirtualPeripheral::pressButton(int button) {
     withWorldLocked(world_, [&](World&) {
-        notifyLocked(emulator::kControlCharacteristic, emulator::ScaleEmulator::buttonPacket(button),
-                     nullptr);
+        notifyLocked(wire::kControlCharacteristic, emulator::ScaleEmulator::buttonPacket(button), nullptr);
     });
 }
 
@@ -246,7 +246,7 @@ void VirtualPeripheral::setBatteryLevel(int level) {
         if (scale_) {
             scale_->setBatteryLevel(level, clock_->now());
         } else {
-            values_[emulator::kBatteryLevel] = bt::Bytes{static_cast<std::uint8_t>(level)};
+            values_[wire::kBatteryLevel] = bt::Bytes{static_cast<std::uint8_t>(level)};
         }
     });
 }
@@ -357,7 +357,7 @@ bool VirtualPeripheral::streamNeededLocked() const {
     if (!scale_ || !streaming_ || scale_->inUpdateMode()) return false;
     for (const SimPeripheral* link : links_) {
         for (const SimCharacteristic* c : link->subscribed_) {
-            if (c->uuid_ == emulator::kDataCharacteristic) return true;
+            if (c->uuid_ == wire::kDataCharacteristic) return true;
         }
     }
     return false;
@@ -386,7 +386,7 @@ void VirtualPeripheral::streamTick(std::uint64_t generation) {
         if (generation != streamGeneration_ || streamTimer_ == 0) return;  // cancelled meanwhile
         streamTimer_ = 0;
         if (!streamNeededLocked()) return;
-        notifyLocked(emulator::kDataCharacteristic, scale_->packetAt(nextSample_), nullptr);
+        notifyLocked(wire::kDataCharacteristic, scale_->packetAt(nextSample_), nullptr);
         // Next sample on the grid; after a long stall, pick up from now.
         const auto period = scale_->samplePeriod();
         const auto now = clock_->now();

@@ -3,29 +3,11 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <span>
-#include <string_view>
 
-#include <PlenkKit/RKConfiguration.h>
-
-#include "bt/Uuid.h"
-
-// The scale's own GATT service: identifiers, command frames, weight and button
-// packets and the configuration record. Pure functions, no allocation; every
-// decoder reads only the bytes it is given (missing bytes count as 0x00).
+// The scale's command frames, written to its command characteristic: an opcode,
+// optionally followed by one data byte. Pure functions, no allocation.
 namespace plenk::wire {
-
-inline const bt::Uuid kScaleService = bt::Uuid::from16(0xFF08);
-inline const bt::Uuid kCommandCharacteristic = bt::Uuid::from16(0xEF80);  // write with response
-inline const bt::Uuid kDataCharacteristic = bt::Uuid::from16(0xEF81);     // weight notifications
-inline const bt::Uuid kControlCharacteristic = bt::Uuid::from16(0xEF82);  // button notifications
-inline const bt::Uuid kInfoCharacteristic = bt::Uuid::from16(0xEF83);     // configuration record
-// Firmware-update bootloader service, and the name it advertises.
-// 00001530-1212-EFDE-1523-785FEABCD123, spelled out: static initialisation must not throw.
-inline constexpr bt::Uuid kDfuService{std::array<std::uint8_t, 16>{
-    0x00, 0x00, 0x15, 0x30, 0x12, 0x12, 0xEF, 0xDE, 0x15, 0x23, 0x78, 0x5F, 0xEA, 0xBC, 0xD1, 0x23}};
-inline constexpr std::string_view kDfuTargetName = "DfuTarg";
 
 // Opcodes.
 enum Opcode : std::uint8_t {
@@ -103,33 +85,5 @@ FrameList defaultConfigurationFrames() noexcept;
 
 // Level byte of opcodes 05..08: 1, 2 and 3 as themselves, anything else 0.
 std::uint8_t clampLevel(std::int32_t level) noexcept;
-
-// Weight from a value of the data characteristic, by the peripheral's name:
-// "Coffee" → decimal text / 10; else "Plenk" → binary mantissa × 10^exponent;
-// else 0.0.
-float decodeWeight(std::optional<std::string_view> peripheralName,
-                   std::span<const std::uint8_t> value) noexcept;
-float decodeTextWeight(std::span<const std::uint8_t> value) noexcept;
-float decodeBinaryWeight(std::span<const std::uint8_t> value) noexcept;
-// The lenient text-to-float rule: leading white space, optional sign, digits,
-// optional point and exponent; stops at the first misfit; nothing parsed or
-// invalid UTF-8 gives 0. Reads up to a NUL byte or the end of the value.
-float lenientTextToFloat(std::span<const std::uint8_t> text) noexcept;
-
-// Button number from a value of the control characteristic: 01 → 0, 02 → 1,
-// anything else (or an empty value) → none.
-std::optional<std::uint64_t> decodeButton(std::span<const std::uint8_t> value) noexcept;
-
-// The first 15 bytes of an info value (missing bytes 0x00).
-RKConfigurationRecord recordFromBytes(std::span<const std::uint8_t> value) noexcept;
-// Bytes 10, 11 and 12 all 0xFF.
-bool isUnconfigured(const RKConfigurationRecord& record) noexcept;
-RKConfiguration decodeConfiguration(const RKConfigurationRecord& record) noexcept;
-
-// Encoders, the scale's side (used by the emulator and by tests).
-// Binary weight packet: byte 0 (flags), mantissa/exponent, second value.
-std::array<std::uint8_t, 9> encodeBinaryWeight(std::int32_t mantissa, std::int8_t exponent,
-                                               std::int32_t secondMantissa = 0,
-                                               std::int8_t secondExponent = 0) noexcept;
 
 }  // namespace plenk::wire

@@ -1,22 +1,15 @@
-#include "RostaKit/ScaleProtocol.h"
+#include "wire/Notifications.h"
 
-#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstring>
 #include <limits>
 
+#include "wire/Utf8.h"
+
 namespace plenk::wire {
 
 namespace {
-
-constexpr std::uint8_t kTimerOff = 0x00;
-constexpr std::uint8_t kTimerOn = 0x01;
-constexpr std::uint8_t kTimerOnDefaultOn = 0x03;
-constexpr std::uint8_t kTimerAutoStartOn = 0x01;
-// High nibble 3 is what the record reports as "auto-start off"; bit 0 keeps the timer on.
-constexpr std::uint8_t kTimerAutoStartOff = 0x31;
-constexpr std::uint8_t kDefaultConfig09Data = 0x01;
 
 // Byte i of a value, 0x00 past its end.
 std::uint8_t byteAt(std::span<const std::uint8_t> value, std::size_t i) noexcept {
@@ -33,40 +26,6 @@ float decodeScaledValue(std::span<const std::uint8_t> value, std::size_t offset)
     const auto mantissa = static_cast<std::int32_t>(bits);
     const auto exponent = static_cast<std::int8_t>(byteAt(value, offset + 3));
     return static_cast<float>(mantissa) * std::pow(10.0f, static_cast<float>(exponent));
-}
-
-// Strict UTF-8 check (no overlong forms, no surrogates, nothing above U+10FFFF).
-bool isValidUtf8(const std::uint8_t* p, std::size_t n) noexcept {
-    std::size_t i = 0;
-    while (i < n) {
-        const std::uint8_t c = p[i];
-        if (c < 0x80) {
-            ++i;
-            continue;
-        }
-        std::size_t extra = 0;
-        std::uint8_t lo = 0x80, hi = 0xBF;  // allowed range of the first continuation byte
-        if (c >= 0xC2 && c <= 0xDF) {
-            extra = 1;
-        } else if (c >= 0xE0 && c <= 0xEF) {
-            extra = 2;
-            if (c == 0xE0) lo = 0xA0;
-            if (c == 0xED) hi = 0x9F;
-        } else if (c >= 0xF0 && c <= 0xF4) {
-            extra = 3;
-            if (c == 0xF0) lo = 0x90;
-            if (c == 0xF4) hi = 0x8F;
-        } else {
-            return false;
-        }
-        if (n - i - 1 < extra) return false;
-        if (p[i + 1] < lo || p[i + 1] > hi) return false;
-        for (std::size_t k = 2; k <= extra; ++k) {
-            if ((p[i + k] & 0xC0) != 0x80) return false;
-        }
-        i += extra + 1;
-    }
-    return true;
 }
 
 bool isSpace(std::uint8_t c) noexcept {
@@ -137,98 +96,6 @@ float outOfRangeValue(const std::uint8_t* p, std::size_t n, bool negative) noexc
 
 }  // namespace
 
-Frame tareFrame() noexcept {
-    return frame(kOpTare);
-}
-Frame calibrateFrame(std::uint8_t value) noexcept {
-    return frame(kOpCalibrate, value);
-}
-Frame unitFrame(std::int32_t unit) noexcept {
-    return frame(unit == 1 ? kOpUnit3 : kOpUnit2);
-}
-
-Frame timerFrame(bool on, bool defaultOn) noexcept {
-    return frame(kOpTimer, !on ? kTimerOff : (defaultOn ? kTimerOnDefaultOn : kTimerOn));
-}
-
-Frame timerAutoStartFrame(bool autoStart) noexcept {
-    return frame(kOpTimer, autoStart ? kTimerAutoStartOn : kTimerAutoStartOff);
-}
-
-Frame powerEnhancedFrame(bool enhanced) noexcept {
-    return frame(kOpPowerEnhanced, enhanced ? 0x01 : 0x00);
-}
-
-Frame sleepTimeFrame(std::int32_t level, std::int32_t mode) noexcept {
-    return frame(mode == 0 ? kOpSleepMode0 : kOpSleepMode1, clampLevel(level));
-}
-
-Frame advertisingTimeFrame(std::int32_t level, std::int32_t mode) noexcept {
-    return frame(mode == 0 ? kOpAdvertisingMode0 : kOpAdvertisingMode1, clampLevel(level));
-}
-
-Frame firmwareDisconnectFrame() noexcept {
-    return frame(kOpFirmwareDisconnect);
-}
-Frame synchronizeFrame() noexcept {
-    return frame(kOpSynchronize);
-}
-Frame dfuFrame() noexcept {
-    return frame(kOpDfu, kDfuMagic);
-}
-Frame firmwareVersionFrame() noexcept {
-    return frame(kOpFirmwareVersion);
-}
-Frame indicationLedFrame(bool on) noexcept {
-    return frame(kOpDisplayControl, on ? 0x01 : 0x00);
-}
-Frame engineeringModeFrame(bool on) noexcept {
-    return frame(kOpDisplayControl, on ? 0x11 : 0x10);
-}
-
-Frame segmentBlockFrame(std::uint8_t block, std::uint8_t value) noexcept {
-    return frame(static_cast<std::uint8_t>(kOpSegmentBlockBase | (block & 0x07)), value);
-}
-
-Frame segmentPresetFrame(std::uint8_t preset) noexcept {
-    return frame(kOpSegmentPreset, preset);
-}
-Frame segmentUpdateFrame() noexcept {
-    return frame(kOpSegmentUpdate);
-}
-Frame segmentReleaseFrame() noexcept {
-    return frame(kOpSegmentRelease);
-}
-Frame segmentSwitchFrame(bool on) noexcept {
-    return frame(on ? kOpSegmentOn : kOpSegmentOff);
-}
-
-FrameList ledDisplayFrames(bool on) noexcept {
-    FrameList list;
-    if (on) {
-        // The display is handed back to the scale before it is switched on.
-        list.frames[list.count++] = segmentReleaseFrame();
-        list.frames[list.count++] = segmentSwitchFrame(true);
-    } else {
-        list.frames[list.count++] = segmentSwitchFrame(false);
-    }
-    return list;
-}
-
-FrameList defaultConfigurationFrames() noexcept {
-    FrameList list;
-    for (const Frame& f : {unitFrame(1), timerFrame(false, false), sleepTimeFrame(0, 1), sleepTimeFrame(0, 0),
-                           advertisingTimeFrame(0, 1), advertisingTimeFrame(0, 0),
-                           frame(kOpDefaultConfig09, kDefaultConfig09Data), synchronizeFrame()}) {
-        list.frames[list.count++] = f;
-    }
-    return list;
-}
-
-std::uint8_t clampLevel(std::int32_t level) noexcept {
-    return (level >= 1 && level <= 3) ? static_cast<std::uint8_t>(level) : std::uint8_t{0};
-}
-
 float decodeWeight(std::optional<std::string_view> peripheralName,
                    std::span<const std::uint8_t> value) noexcept {
     if (!peripheralName) return 0.0f;
@@ -254,7 +121,7 @@ float lenientTextToFloat(std::span<const std::uint8_t> text) noexcept {
     const void* nul = text.empty() ? nullptr : std::memchr(p, 0, text.size());
     const std::size_t end =
         nul ? static_cast<std::size_t>(static_cast<const std::uint8_t*>(nul) - p) : text.size();
-    if (end == 0 || !isValidUtf8(p, end)) return 0.0f;
+    if (end == 0 || !isValidUtf8(text.first(end))) return 0.0f;
 
     std::size_t i = 0;
     while (i < end && isSpace(p[i])) ++i;
@@ -284,43 +151,6 @@ std::optional<std::uint64_t> decodeButton(std::span<const std::uint8_t> value) n
         default:
             return std::nullopt;
     }
-}
-
-RKConfigurationRecord recordFromBytes(std::span<const std::uint8_t> value) noexcept {
-    RKConfigurationRecord record{};
-    if (!value.empty()) std::memcpy(&record, value.data(), std::min(value.size(), sizeof record));
-    return record;
-}
-
-bool isUnconfigured(const RKConfigurationRecord& record) noexcept {
-    return static_cast<std::uint8_t>(record.byte10) == 0xFF &&
-           static_cast<std::uint8_t>(record.byte11) == 0xFF &&
-           static_cast<std::uint8_t>(record.byte12) == 0xFF;
-}
-
-RKConfiguration decodeConfiguration(const RKConfigurationRecord& record) noexcept {
-    // Bytes are taken as signed chars and shifted arithmetically; only the timer's
-    // high nibble is left unmasked to 4 bits, so 0x90 gives 0xF9 (249) there.
-    const int timer = static_cast<signed char>(record.timerByte);
-    const int b10 = static_cast<signed char>(record.byte10);
-    const int b11 = static_cast<signed char>(record.byte11);
-    const int b12 = static_cast<signed char>(record.byte12);
-    const auto high = [](int b) { return (b >> 4) & 0x0F; };
-    const auto low = [](int b) { return b & 0x0F; };
-
-    RKConfiguration c{};
-    c.timerOn = timer & 1;
-    c.timerDefaultOn = ((timer >> 1) & 1) != 0;
-    c.timerBit2 = (timer >> 2) & 1;
-    c.timerHighNibble = (timer >> 4) & 0xFF;
-    c.timerAutoStart = c.timerHighNibble != 3;
-    c.byte12HighSet = high(b12) != 0;
-    c.byte10High = high(b10);
-    c.byte10Low = low(b10);
-    c.byte11High = high(b11);
-    c.byte11Low = low(b11);
-    c.byte12Low = low(b12);
-    return c;
 }
 
 std::array<std::uint8_t, 9> encodeBinaryWeight(std::int32_t mantissa, std::int8_t exponent,
