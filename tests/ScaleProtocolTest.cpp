@@ -384,11 +384,11 @@ TEST(WireConfigTest, DecodingIgnoresTheUnconfiguredPattern) {
 // ---- Identifiers ----------------------------------------------------------
 
 TEST(WireIdentifiersTest, ServiceAndCharacteristics) {
-    EXPECT_EQ(wire::kScaleService, bt::Uuid::from16(0xFF08));
-    EXPECT_EQ(wire::kCommandCharacteristic, bt::Uuid::fromString("EF80"));
-    EXPECT_EQ(wire::kDataCharacteristic, bt::Uuid::fromString("0000EF81-0000-1000-8000-00805F9B34FB"));
-    EXPECT_EQ(wire::kControlCharacteristic, bt::Uuid::from16(0xEF82));
-    EXPECT_EQ(wire::kInfoCharacteristic, bt::Uuid::from16(0xEF83));
+    EXPECT_EQ(wire::kScaleService, Uuid::from16(0xFF08));
+    EXPECT_EQ(wire::kCommandCharacteristic, Uuid::fromString("EF80"));
+    EXPECT_EQ(wire::kDataCharacteristic, Uuid::fromString("0000EF81-0000-1000-8000-00805F9B34FB"));
+    EXPECT_EQ(wire::kControlCharacteristic, Uuid::from16(0xEF82));
+    EXPECT_EQ(wire::kInfoCharacteristic, Uuid::from16(0xEF83));
     EXPECT_EQ(wire::kDfuService.toString(), "00001530-1212-EFDE-1523-785FEABCD123");
 }
 

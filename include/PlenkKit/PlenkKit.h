@@ -21,7 +21,10 @@
 #include <PlenkKit/RKErrors.h>
 #include <PlenkKit/StringToHexConverter.h>
 
+#include <PlenkKit/BLEConnecter.h>
+#include <PlenkKit/CSRDevice.h>
 #include <PlenkKit/CSRSelectDeviceViewController.h>
-#include <PlenkKit/Peripheral.h>
 #include <PlenkKit/PKPlenk.h>
+#include <PlenkKit/Peripheral.h>
+#include <PlenkKit/RKDevice.h>
 #include <PlenkKit/RKRostaKit.h>

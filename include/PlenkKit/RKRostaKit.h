@@ -15,6 +15,7 @@
 #include <PlenkKit/NotificationCenter.h>
 #include <PlenkKit/Peripheral.h>
 #include <PlenkKit/RKConfiguration.h>
+#include <PlenkKit/RKDevice.h>
 #include <PlenkKit/RKErrors.h>
 
 // Kept for firmware-update code: a 4-byte integer, zero at start, that the
@@ -25,7 +26,6 @@ PLENK_EXPORT extern std::int32_t dfu;
 
 namespace plenk {
 
-class RKDevice;
 class RKRostaKit;
 
 // Receiver of the kit's events. Every call arrives on the main queue, in the

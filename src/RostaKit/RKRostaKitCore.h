@@ -13,7 +13,7 @@
 #include <PlenkKit/NotificationCenter.h>
 #include <PlenkKit/RKRostaKit.h>
 
-#include "RostaKit/RKDevice.h"
+#include "RostaKit/RKDeviceCore.h"
 #include "ble/BLEConnecterCore.h"
 
 namespace plenk {
@@ -220,7 +220,7 @@ private:
     std::shared_ptr<BLEConnecterCore> connecter_;
     std::vector<PeripheralPtr> discoveredResults_;
     std::shared_ptr<CSRSelectDeviceViewController> scanViewController_;
-    std::shared_ptr<RKDevice> currentDevice_;
+    std::shared_ptr<RKDeviceCore> currentDevice_;
     PeripheralPtr connectingPeripheral_;
     std::uint64_t leState_ = 0;
     PickerCompletion pickerCompletion_;

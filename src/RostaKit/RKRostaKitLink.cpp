@@ -217,7 +217,7 @@ void RKRostaKitCore::connecterDidConnectPeripheralUserInfo(BLEConnecter&, const 
     }
 
     stopScanLocked();
-    auto device = RKDevice::create(peripheral, context_.log);
+    auto device = RKDeviceCore::create(peripheral, context_.log);
     if (!device) return;
     device->setDelegate(std::weak_ptr<RKDeviceDelegate>(weak_from_this()));
     currentDevice_ = std::move(device);
