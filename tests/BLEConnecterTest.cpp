@@ -11,6 +11,7 @@
 
 #include "ble/BLEConnecterCore.h"
 #include "bt/Backend.h"
+#include "support/ForeignPeripheral.h"
 #include "support/SimHarness.h"
 
 namespace plenk {
@@ -123,15 +124,6 @@ private:
     bt::Uuid id_ = bt::Uuid::random();
 };
 
-// A host's own handle type: not a port peripheral.
-class ForeignPeripheral final : public Peripheral {
-public:
-    std::optional<std::string> name() const override { return "Plenk Scale"; }
-    Uuid identifier() const override { return Uuid::from16(0x1234); }
-    PeripheralState state() const override { return PeripheralState::Disconnected; }
-    std::optional<int> rssi() const override { return std::nullopt; }
-};
-
 // What the delegate heard, with the central's command log at that moment.
 struct Heard {
     std::string event;
@@ -234,7 +226,7 @@ TEST_F(ConnecterWithRecordingCentral, CommandsIssueExactlyTheseCentralCalls) {
         {"disconnectedAlert does nothing", [](auto& c, auto&) { c.disconnectedAlert(); }, {}},
     };
     // A handle the library did not hand out, or none, reaches no central.
-    const PeripheralPtr foreign = std::make_shared<ForeignPeripheral>();
+    const PeripheralPtr foreign = std::make_shared<test::ForeignPeripheral>();
     for (const auto& c : cases) {
         central->clear();
         c.command(*connecter, peripheral);

@@ -206,6 +206,13 @@ TEST_F(KitLifecycle, UnknownScaleIsNotHeld) {
 TEST_F(KitLifecycle, EachConnectOverwritesTheContinuousFlag) {
     h.addScale();
     makeKit(false);
+    // No peripheral, or one the library did not hand out: nothing happens.
+    kit->setIsContinuousConnectionEnabled(false);
+    kit->connectPeripheral(nullptr);
+    kit->connectPeripheral(std::make_shared<ForeignPeripheral>());
+    EXPECT_FALSE(kit->isContinuousConnectionEnabled());
+    EXPECT_EQ(kit->connectingPeripheral(), nullptr);
+
     kit->setIsContinuousConnectionEnabled(true);
     kit->scanDeivces();
     h.settle();

@@ -18,6 +18,7 @@
 
 #include "RostaKit/RKRostaKitCore.h"
 #include "emulator/GattProfile.h"
+#include "support/ForeignPeripheral.h"
 #include "support/SimHarness.h"
 #include "wire/GattUuids.h"
 

@@ -133,6 +133,8 @@ public:
 
     // Empties the picker list and starts an unfiltered scan.
     virtual void scanDeivces() = 0;
+    // Connects a peripheral this library handed out (discoveredResults, the
+    // connecter's events); null or any other handle is ignored.
     virtual void connectPeripheral(const PeripheralPtr& peripheral) = 0;
     // Drops the current device's link; the teardown follows the link-loss event.
     virtual void disconnect() = 0;

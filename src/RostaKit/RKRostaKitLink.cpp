@@ -55,6 +55,7 @@ void RKRostaKitCore::scanDeivces() {
 }
 
 void RKRostaKitCore::connectPeripheral(const PeripheralPtr& peripheral) {
+    if (!bt::portPeripheral(peripheral)) return;  // none, or not a handle this library handed out
     Scope scope(*this);
     connectLocked(peripheral);
 }
