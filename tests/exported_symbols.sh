@@ -31,7 +31,7 @@ if grep -q "DeviceDomain" <<<"$names"; then
 fi
 # Internal layers stay hidden: the wire format, the port and the simulator's
 # machinery, and the implementations behind the public interfaces.
-internal=$(grep -E "plenk::(wire|bt|sim)::|plenk::[A-Za-z]+Core\b" <<<"$demangled" || true)
+internal=$(grep -E " [A-Za-z] ([a-z ]+ for )?plenk::((wire|bt|sim)::|[A-Za-z]+Core\b)" <<<"$demangled" || true)
 if [ -n "$internal" ]; then
   echo "internal symbols are exported:"
   head <<<"$internal"
