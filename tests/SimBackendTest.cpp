@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "backends/sim/SimBackend.h"
+#include "composition/BackendRegistry.h"
 #include "dispatch/SerialQueue.h"
 #include "support/SimHarness.h"
 #include "wire/ConfigurationRecord.h"
@@ -1080,7 +1081,7 @@ TEST(SimBackend, RegisteredAsSimWithADemoWorld) {
     Context context = h.context;
     context.backend.reset();
     context.backendName = "sim";
-    auto backend = bt::BackendRegistry::create("sim", context);
+    auto backend = BackendRegistry::create("sim", context);
     ASSERT_NE(backend, nullptr);
     EXPECT_EQ(backend->name(), "sim");
     auto world = std::static_pointer_cast<sim::SimBackend>(backend)->world();

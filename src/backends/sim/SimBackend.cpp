@@ -27,13 +27,10 @@ std::shared_ptr<World> defaultWorld() {
     return *instance;
 }
 
-void registerSimBackend() {
-    bt::BackendRegistry::add("sim", [](const Context& context) {
-        const auto steady = Clock::steady();
-        auto world =
-            !context.clock || context.clock == steady ? defaultWorld() : makeDemoWorld(context.clock);
-        return std::make_shared<SimBackend>(std::move(world));
-    });
+std::shared_ptr<bt::Backend> makeBackend(const Context& context) {
+    const auto steady = Clock::steady();
+    auto world = !context.clock || context.clock == steady ? defaultWorld() : makeDemoWorld(context.clock);
+    return std::make_shared<SimBackend>(std::move(world));
 }
 
 }  // namespace plenk::sim

@@ -34,7 +34,8 @@ std::shared_ptr<World> makeDemoWorld(std::shared_ptr<Clock> clock);
 // fresh demo world for any other clock.
 std::shared_ptr<World> defaultWorld();
 
-// Adds "sim" to bt::BackendRegistry (called by the registry's built-in setup).
-void registerSimBackend();
+// The backend the name "sim" stands for: on the steady clock (or none) the
+// process-wide demo world, on any other clock a fresh demo world.
+std::shared_ptr<bt::Backend> makeBackend(const Context& context);
 
 }  // namespace plenk::sim

@@ -5,9 +5,12 @@
 #include <PlenkKit/RunLoop.h>
 
 #include "bt/Backend.h"
+#include "composition/BackendRegistry.h"
 
 namespace plenk {
 
+// How a context is resolved lives here, above the backends, so that neither
+// the port nor the dispatch layer has to know which backends exist.
 Context Context::resolved() const {
     Context out = *this;
     if (!out.clock) out.clock = Clock::steady();
@@ -18,9 +21,9 @@ Context Context::resolved() const {
         std::string name = out.backendName;
         // NOLINTNEXTLINE(concurrency-mt-unsafe): read once per context, never written by the library
         if (const char* env = std::getenv("PLENK_BACKEND"); env != nullptr && *env != '\0') name = env;
-        if (name.empty()) name = bt::BackendRegistry::defaultName();
+        if (name.empty()) name = BackendRegistry::defaultName();
         out.backendName = name;
-        out.backend = bt::BackendRegistry::create(name, out);
+        out.backend = BackendRegistry::create(name, out);
     } else {
         out.backendName = out.backend->name();
     }
