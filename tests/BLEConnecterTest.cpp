@@ -9,8 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "ble/BLEConnecter.h"
+#include "ble/BLEConnecterCore.h"
 #include "bt/Backend.h"
+#include "support/ForeignPeripheral.h"
 #include "support/SimHarness.h"
 
 namespace plenk {
@@ -107,6 +108,7 @@ public:
     std::optional<std::string> name() const override { return "Plenk Scale"; }
     bt::Uuid identifier() const override { return id_; }
     bt::PeripheralState state() const override { return bt::PeripheralState::Disconnected; }
+    std::optional<int> rssi() const override { return std::nullopt; }
     std::vector<bt::ServicePtr> services() const override { return {}; }
     void setDelegate(std::weak_ptr<bt::PeripheralDelegate>) override {}
     std::shared_ptr<bt::PeripheralDelegate> delegate() const override { return nullptr; }
@@ -126,24 +128,24 @@ private:
 struct Heard {
     std::string event;
     std::optional<ConnecterUserInfo> userInfo;
-    bt::PeripheralPtr peripheral;
+    PeripheralPtr peripheral;
     std::vector<std::string> opsAtCall;
 };
 
 class RecordingDelegate : public BLEConnecterDelegate {
 public:
-    void connecterDidDiscoverPeripheral(BLEConnecter&, const bt::PeripheralPtr& p) override {
+    void connecterDidDiscoverPeripheral(BLEConnecter&, const PeripheralPtr& p) override {
         add({"discover", std::nullopt, p, {}});
     }
-    void connecterDidConnectPeripheralUserInfo(BLEConnecter&, const bt::PeripheralPtr& p,
+    void connecterDidConnectPeripheralUserInfo(BLEConnecter&, const PeripheralPtr& p,
                                                const ConnecterUserInfo& info) override {
         add({"connect", info, p, {}});
     }
-    void connecterDidDisconnectPeripheralUserInfo(BLEConnecter&, const bt::PeripheralPtr& p,
+    void connecterDidDisconnectPeripheralUserInfo(BLEConnecter&, const PeripheralPtr& p,
                                                   const ConnecterUserInfo& info) override {
         add({"disconnect", info, p, {}});
     }
-    void connecterDidFailToConnectPeripheralUserInfo(BLEConnecter&, const bt::PeripheralPtr& p,
+    void connecterDidFailToConnectPeripheralUserInfo(BLEConnecter&, const PeripheralPtr& p,
                                                      const std::optional<ConnecterUserInfo>& info) override {
         add({"fail", info, p, {}});
     }
@@ -177,7 +179,7 @@ protected:
         Context context;
         context.backend = backend;
         context.log = LogSink::discard();
-        connecter = BLEConnecter::create(delegate, context);
+        connecter = BLEConnecterCore::create(delegate, context);
         ASSERT_EQ(backend->centrals.size(), 1u);
         central = backend->centrals[0];
         delegate->central = central;
@@ -186,7 +188,7 @@ protected:
 
     std::shared_ptr<RecordingBackend> backend = std::make_shared<RecordingBackend>();
     std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
-    std::shared_ptr<BLEConnecter> connecter;
+    std::shared_ptr<BLEConnecterCore> connecter;
     std::shared_ptr<RecordingCentral> central;
     bt::PeripheralPtr peripheral = std::make_shared<InertPeripheral>();
 };
@@ -201,8 +203,9 @@ TEST_F(ConnecterWithRecordingCentral, CreatesItsCentralOnTheCorebluetoothQueue) 
 TEST_F(ConnecterWithRecordingCentral, CommandsIssueExactlyTheseCentralCalls) {
     struct Case {
         const char* name;
-        std::function<void(BLEConnecter&, const bt::PeripheralPtr&)> command;
+        std::function<void(BLEConnecter&, const PeripheralPtr&)> command;
         std::vector<std::string> ops;
+        bool onAPeripheral = false;
     };
     const std::vector<Case> cases = {
         {"scanDevices", [](auto& c, auto&) { c.scanDevices(); }, {"scan all nodup"}},
@@ -212,27 +215,36 @@ TEST_F(ConnecterWithRecordingCentral, CommandsIssueExactlyTheseCentralCalls) {
         {"stopScan", [](auto& c, auto&) { c.stopScan(); }, {"stopScan"}},
         {"connect cancels first",
          [](auto& c, auto& p) { c.connectDeviceWithPeripheral(p); },
-         {"cancel", "connect onConnect"}},
+         {"cancel", "connect onConnect"},
+         true},
         {"retrieveDevice connects without cancel",
          [](auto& c, auto& p) { c.retrieveDeviceWithPeripheral(p); },
-         {"connect onConnect onDisconnect"}},
-        {"disconnect", [](auto& c, auto& p) { c.disconnect(p); }, {"cancel"}},
-        {"cancelConnect", [](auto& c, auto& p) { c.cancelConnectDeviceWithPeripheral(p); }, {"cancel"}},
+         {"connect onConnect onDisconnect"},
+         true},
+        {"disconnect", [](auto& c, auto& p) { c.disconnect(p); }, {"cancel"}, true},
+        {"cancelConnect", [](auto& c, auto& p) { c.cancelConnectDeviceWithPeripheral(p); }, {"cancel"}, true},
         {"disconnectedAlert does nothing", [](auto& c, auto&) { c.disconnectedAlert(); }, {}},
     };
+    // A handle the library did not hand out, or none, reaches no central.
+    const PeripheralPtr foreign = std::make_shared<test::ForeignPeripheral>();
     for (const auto& c : cases) {
         central->clear();
         c.command(*connecter, peripheral);
         EXPECT_EQ(central->ops(), c.ops) << c.name;
+        if (!c.onAPeripheral) continue;
+        central->clear();
+        c.command(*connecter, foreign);
+        c.command(*connecter, nullptr);
+        EXPECT_TRUE(central->ops().empty()) << c.name;
     }
 }
 
 TEST_F(ConnecterWithRecordingCentral, RetrieveOperationsReturnTheCentralsLists) {
     central->retrieved = {peripheral};
     EXPECT_EQ(connecter->retrieveConnectedPeripheralWithServiceUUIDs({bt::Uuid::from16(0xFF08)}),
-              std::vector<bt::PeripheralPtr>{peripheral});
+              std::vector<PeripheralPtr>{peripheral});
     EXPECT_EQ(connecter->retrievePeripheralWithIdentifiers({peripheral->identifier(), bt::Uuid::random()}),
-              std::vector<bt::PeripheralPtr>{peripheral});
+              std::vector<PeripheralPtr>{peripheral});
     EXPECT_EQ(central->ops(), (std::vector<std::string>{"retrieveConnected 1", "retrieveKnown 2"}));
     EXPECT_TRUE(delegate->heard().empty());
 }
@@ -397,7 +409,7 @@ protected:
         delegate->onEvent = [this] {
             if (!connecter->cbManager()->isOnQueue()) ++offQueue;
         };
-        connecter = BLEConnecter::create(delegate, h.context);
+        connecter = BLEConnecterCore::create(delegate, h.context);
         h.settle();
     }
     std::vector<std::string> keys() const {
@@ -410,7 +422,7 @@ protected:
 
     test::SimHarness h;
     std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
-    std::shared_ptr<BLEConnecter> connecter;
+    std::shared_ptr<BLEConnecterCore> connecter;
     std::atomic<int> offQueue{0};
 };
 

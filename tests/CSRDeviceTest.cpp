@@ -6,7 +6,7 @@
 #include <string>
 
 #include "DeviceTestSupport.h"
-#include "ble/CSRDevice.h"
+#include "ble/CSRDeviceCore.h"
 #include "wire/GattUuids.h"
 
 namespace plenk {
@@ -25,7 +25,7 @@ protected:
     void start(const std::shared_ptr<sim::VirtualPeripheral>& peripheral) {
         link = test::connect(h, peripheral);
         ASSERT_TRUE(link.peripheral);
-        device = CSRDevice::create(link.peripheral);
+        device = CSRDeviceCore::create(link.peripheral);
         ASSERT_TRUE(device);
         device->setDelegate(delegate);
         device->discoverServices(std::nullopt);
@@ -45,13 +45,13 @@ protected:
     std::shared_ptr<test::RecordingDeviceDelegate> delegate =
         std::make_shared<test::RecordingDeviceDelegate>();
     test::Link link;
-    std::shared_ptr<CSRDevice> device;
+    std::shared_ptr<CSRDeviceCore> device;
 };
 
 TEST_F(CSRDeviceTest, CreationTakesTheNameAndTheDelegateSlotAndStartsNothing) {
     auto scale = h.addScale("Plenk Scale");
     link = test::connect(h, scale);
-    device = CSRDevice::create(link.peripheral);
+    device = CSRDeviceCore::create(link.peripheral);
     h.settle();
     EXPECT_EQ(device->deviceName(), "Plenk Scale");
     EXPECT_EQ(device->peripheral(), link.peripheral);
@@ -107,7 +107,7 @@ TEST(CSRDeviceTextFromValue, DecodesUpToTheFirstZeroAsStrictUtf8) {
         {{0xE2, 0x82, 0x00}, std::nullopt},        // truncated by the zero
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(CSRDevice::textFromValue(c.value), c.text) << ::testing::PrintToString(c.value);
+        EXPECT_EQ(CSRDeviceCore::textFromValue(c.value), c.text) << ::testing::PrintToString(c.value);
     }
 }
 

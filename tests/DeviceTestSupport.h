@@ -11,7 +11,7 @@
 #include <optional>
 #include <vector>
 
-#include "RostaKit/RKDevice.h"
+#include "RostaKit/RKDeviceCore.h"
 #include "bt/Central.h"
 #include "support/SimHarness.h"
 

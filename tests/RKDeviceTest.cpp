@@ -7,7 +7,7 @@
 #include <string>
 
 #include "DeviceTestSupport.h"
-#include "RostaKit/RKDevice.h"
+#include "RostaKit/RKDeviceCore.h"
 #include "wire/ConfigurationRecord.h"
 #include "wire/GattUuids.h"
 #include "wire/Notifications.h"
@@ -25,7 +25,7 @@ protected:
     void start(const std::shared_ptr<sim::VirtualPeripheral>& peripheral) {
         link = test::connect(h, peripheral);
         ASSERT_TRUE(link.peripheral);
-        device = RKDevice::create(link.peripheral, h.log, delegate);
+        device = RKDeviceCore::create(link.peripheral, h.log, delegate);
         ASSERT_TRUE(device);
         h.settle();
         peripheral->clearWrites();
@@ -47,7 +47,7 @@ protected:
     std::shared_ptr<test::RecordingDeviceDelegate> delegate =
         std::make_shared<test::RecordingDeviceDelegate>();
     test::Link link;
-    std::shared_ptr<RKDevice> device;
+    std::shared_ptr<RKDeviceCore> device;
 };
 
 TEST_F(RKDeviceTest, DiscoveryFindsTheScaleServiceThenSwitchesNotificationsOn) {
@@ -95,7 +95,7 @@ TEST_F(RKDeviceTest, DiscoveryFailuresReportTheirCodes) {
         c.script(*peripheral);
         auto recorder = std::make_shared<test::RecordingDeviceDelegate>();
         auto l = test::connect(world, peripheral);
-        auto d = RKDevice::create(l.peripheral, world.log, recorder);
+        auto d = RKDeviceCore::create(l.peripheral, world.log, recorder);
         world.settle();
         ASSERT_EQ(recorder->errorCodes(), std::vector<std::int64_t>{c.code}) << c.name;
         EXPECT_EQ(recorder->errors()[0]->domain(), "DeviceErrorDomain") << c.name;
@@ -384,7 +384,7 @@ TEST_F(RKDeviceTest, RenewRediscoversOnTheNewPeripheral) {
 TEST_F(RKDeviceTest, DestructionClearsThePeripheralsDelegateUnlessTakenOver) {
     start(scale);
     ASSERT_EQ(link.peripheral->delegate(), device);
-    auto successor = RKDevice::create(link.peripheral, h.log);
+    auto successor = RKDeviceCore::create(link.peripheral, h.log);
     h.settle();
     device.reset();
     EXPECT_EQ(link.peripheral->delegate(), successor);

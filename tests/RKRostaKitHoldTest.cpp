@@ -68,7 +68,7 @@ const std::vector<HoldRoad> kRoads = {
          dropWithHangingReconnect(f, scale);
          // The attempt vanishes without an event: the watchdog finds state 0.
          const auto peripheral = f.kit->currentDevice()->peripheral();
-         f.kit->connecter()->cbManager()->cancelPeripheralConnection(peripheral);
+         BLEConnecterCore::of(*f.kit->connecter()).cbManager()->cancelPeripheralConnection(bt::portPeripheral(peripheral));
          f.h.settle();
          ASSERT_EQ(peripheral->state(), bt::PeripheralState::Disconnected);
      }},

@@ -208,6 +208,13 @@ TEST_F(KitLifecycle, UnknownScaleIsNotHeld) {
 TEST_F(KitLifecycle, EachConnectOverwritesTheContinuousFlag) {
     h.addScale();
     makeKit(false);
+    // No peripheral, or one the library did not hand out: nothing happens.
+    kit->setIsContinuousConnectionEnabled(false);
+    kit->connectPeripheral(nullptr);
+    kit->connectPeripheral(std::make_shared<ForeignPeripheral>());
+    EXPECT_FALSE(kit->isContinuousConnectionEnabled());
+    EXPECT_EQ(kit->connectingPeripheral(), nullptr);
+
     kit->setIsContinuousConnectionEnabled(true);
     kit->scanDeivces();
     h.settle();
@@ -240,7 +247,7 @@ TEST_P(KitRadioState, EveryReportSetsTheStateCode) {
     auto kit = RKRostaKit::create(h.context);
     h.settle();
     EXPECT_EQ(kit->leState(), GetParam().leState);
-    EXPECT_EQ(kit->connecter()->cbManager()->isScanning(),
+    EXPECT_EQ(BLEConnecterCore::of(*kit->connecter()).cbManager()->isScanning(),
               GetParam().leState == RKRostaKit::kLEStatePoweredOn);
     kit.reset();
     h.settle();

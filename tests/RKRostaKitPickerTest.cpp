@@ -92,6 +92,8 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(KitPicker, ListsEachScaleOnceAndConnectsTheChosenRow) {
     auto plenk = h.addScale("Plenk One");
     auto coffee = h.addScale("Coffee Two", emulator::WeightFormat::Text);
+    plenk->setRssi(-70);
+    coffee->setRssi(-45);
     sim::PeripheralOptions other;
     other.name = "Headphones";
     h.world->addPeripheral(other);
@@ -119,6 +121,13 @@ TEST_F(KitPicker, ListsEachScaleOnceAndConnectsTheChosenRow) {
     EXPECT_EQ(picker->tableViewTitleForRowAtIndexPath({0, 7}), "");  // out of range: empty
     EXPECT_GE(presenter->view->reloads, 2);
     EXPECT_FALSE(kit->isConnected());
+    // The rows' handles tell the scales apart.
+    for (const auto& found : kit->discoveredResults()) {
+        const bool isPlenk = found->name() == "Plenk One";
+        EXPECT_EQ(found->identifier(), (isPlenk ? plenk : coffee)->identifier());
+        EXPECT_EQ(found->state(), PeripheralState::Disconnected);
+        EXPECT_EQ(found->rssi(), isPlenk ? -70 : -45);
+    }
 
     const int chosen = picker->tableViewTitleForRowAtIndexPath({0, 0}) == "Coffee Two" ? 0 : 1;
     picker->tableViewDidSelectRowAtIndexPath({0, chosen});
@@ -126,6 +135,7 @@ TEST_F(KitPicker, ListsEachScaleOnceAndConnectsTheChosenRow) {
     h.settle();
 
     EXPECT_TRUE(kit->isConnected());
+    EXPECT_EQ(kit->currentDevice()->peripheral()->state(), PeripheralState::Connected);
     EXPECT_EQ(coffee->linkCount(), 1u);
     EXPECT_EQ(plenk->linkCount(), 0u);
     EXPECT_TRUE(kit->isContinuousConnectionEnabled());

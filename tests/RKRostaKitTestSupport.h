@@ -18,6 +18,7 @@
 
 #include "RostaKit/RKRostaKitCore.h"
 #include "emulator/GattProfile.h"
+#include "support/ForeignPeripheral.h"
 #include "support/SimHarness.h"
 #include "wire/GattUuids.h"
 
@@ -234,7 +235,7 @@ public:
     }
 
     RKRostaKitCore& core() { return RKRostaKitCore::of(*kit); }
-    bool scanning() { return kit->connecter()->cbManager()->isScanning(); }
+    bool scanning() { return BLEConnecterCore::of(*kit->connecter()).cbManager()->isScanning(); }
 
     // Connects one scale in picker-held (continuous) mode: auto-connect off,
     // found by a plain scan with no picker on screen.

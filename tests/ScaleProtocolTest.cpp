@@ -264,12 +264,12 @@ TEST(WireConfigTest, NibbleFields) {
 // One table serves the device, the emulator and the tool: a typo there would
 // agree with itself everywhere else.
 TEST(WireIdentifiersTest, MatchTheirWrittenForms) {
-    EXPECT_EQ(kScaleService, bt::Uuid::fromString("FF08"));
-    EXPECT_EQ(kCommandCharacteristic, bt::Uuid::fromString("EF80"));
-    EXPECT_EQ(kDataCharacteristic, bt::Uuid::fromString("0000EF81-0000-1000-8000-00805F9B34FB"));
-    EXPECT_EQ(kControlCharacteristic, bt::Uuid::fromString("EF82"));
-    EXPECT_EQ(kInfoCharacteristic, bt::Uuid::fromString("EF83"));
-    EXPECT_EQ(kDfuService, bt::Uuid::fromString("00001530-1212-EFDE-1523-785FEABCD123"));
+    EXPECT_EQ(kScaleService, Uuid::fromString("FF08"));
+    EXPECT_EQ(kCommandCharacteristic, Uuid::fromString("EF80"));
+    EXPECT_EQ(kDataCharacteristic, Uuid::fromString("0000EF81-0000-1000-8000-00805F9B34FB"));
+    EXPECT_EQ(kControlCharacteristic, Uuid::fromString("EF82"));
+    EXPECT_EQ(kInfoCharacteristic, Uuid::fromString("EF83"));
+    EXPECT_EQ(kDfuService, Uuid::fromString("00001530-1212-EFDE-1523-785FEABCD123"));
 }
 
 }  // namespace

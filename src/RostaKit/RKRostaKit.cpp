@@ -84,7 +84,7 @@ void RKRostaKitCore::start() {
         // The radio state may be reported before the connecter is stored: the
         // handler then waits for this scope.
         Scope scope(*this);
-        connecter_ = BLEConnecter::create(std::weak_ptr<BLEConnecterDelegate>(weak), context_);
+        connecter_ = BLEConnecterCore::create(std::weak_ptr<BLEConnecterDelegate>(weak), context_);
     }
     didBecomeActiveToken_ = context_.notifications->addObserver(UIApplicationDidBecomeActiveNotification,
                                                                 [weak](const Notification& n) {

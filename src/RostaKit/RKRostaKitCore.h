@@ -8,13 +8,13 @@
 #include <string>
 #include <vector>
 
+#include <PlenkKit/CSRSelectDeviceViewController.h>
 #include <PlenkKit/Context.h>
 #include <PlenkKit/NotificationCenter.h>
 #include <PlenkKit/RKRostaKit.h>
 
-#include "RostaKit/RKDevice.h"
-#include "ble/BLEConnecter.h"
-#include "ble/CSRSelectDeviceViewController.h"
+#include "RostaKit/RKDeviceCore.h"
+#include "ble/BLEConnecterCore.h"
 #include "dispatch/HostQueue.h"
 
 namespace plenk {
@@ -130,15 +130,13 @@ public:
     void setCompletionBlock(ResultCompletion block) override;
 
     // --- BLEConnecterDelegate (Bluetooth queue) -------------------------------------
-    void connecterDidDiscoverPeripheral(BLEConnecter& connecter,
-                                        const bt::PeripheralPtr& peripheral) override;
-    void connecterDidConnectPeripheralUserInfo(BLEConnecter& connecter, const bt::PeripheralPtr& peripheral,
+    void connecterDidDiscoverPeripheral(BLEConnecter& connecter, const PeripheralPtr& peripheral) override;
+    void connecterDidConnectPeripheralUserInfo(BLEConnecter& connecter, const PeripheralPtr& peripheral,
                                                const ConnecterUserInfo& userInfo) override;
-    void connecterDidDisconnectPeripheralUserInfo(BLEConnecter& connecter,
-                                                  const bt::PeripheralPtr& peripheral,
+    void connecterDidDisconnectPeripheralUserInfo(BLEConnecter& connecter, const PeripheralPtr& peripheral,
                                                   const ConnecterUserInfo& userInfo) override;
     void connecterDidFailToConnectPeripheralUserInfo(
-        BLEConnecter& connecter, const bt::PeripheralPtr& peripheral,
+        BLEConnecter& connecter, const PeripheralPtr& peripheral,
         const std::optional<ConnecterUserInfo>& userInfo) override;
     void connecterDidDidUpdateStateWithUserInfo(BLEConnecter& connecter,
                                                 const std::optional<ConnecterUserInfo>& userInfo) override;
@@ -274,10 +272,10 @@ private:
     bool isConnected_ = false;
     std::weak_ptr<RKRostaDataSource> dataSource_;
     std::weak_ptr<RKRostaDelegate> delegate_;
-    std::shared_ptr<BLEConnecter> connecter_;
+    std::shared_ptr<BLEConnecterCore> connecter_;
     std::vector<PeripheralPtr> discoveredResults_;
     std::shared_ptr<CSRSelectDeviceViewController> scanViewController_;
-    std::shared_ptr<RKDevice> currentDevice_;
+    std::shared_ptr<RKDeviceCore> currentDevice_;
     PeripheralPtr connectingPeripheral_;
     std::uint64_t leState_ = 0;
     PickerCompletion pickerCompletion_;

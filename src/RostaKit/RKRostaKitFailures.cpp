@@ -57,7 +57,7 @@ void RKRostaKitCore::reportFailure(ErrorPtr error) {
 }
 
 void RKRostaKitCore::connecterDidFailToConnectPeripheralUserInfo(
-    BLEConnecter&, const bt::PeripheralPtr& peripheral, const std::optional<ConnecterUserInfo>& userInfo) {
+    BLEConnecter&, const PeripheralPtr& peripheral, const std::optional<ConnecterUserInfo>& userInfo) {
     const ErrorPtr platformError =
         userInfo && userInfo->has(kBleErrorConnectionError) ? userInfo->error() : nullptr;
     Scope scope(*this);

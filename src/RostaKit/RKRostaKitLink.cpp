@@ -25,7 +25,7 @@ bool isScaleName(const std::optional<std::string>& name) {
     return nameContains(name, "Coffee") || nameContains(name, "Plenk");
 }
 
-std::string stateText(const bt::PeripheralPtr& peripheral) {
+std::string stateText(const PeripheralPtr& peripheral) {
     return std::to_string(static_cast<int>(peripheral->state()));
 }
 
@@ -55,6 +55,7 @@ void RKRostaKitCore::scanDeivces() {
 }
 
 void RKRostaKitCore::connectPeripheral(const PeripheralPtr& peripheral) {
+    if (!bt::portPeripheral(peripheral)) return;  // none, or not a handle this library handed out
     Scope scope(*this);
     connectLocked(peripheral);
 }
@@ -164,7 +165,7 @@ void RKRostaKitCore::connecterDidDidUpdateStateWithUserInfo(
     if (leState_ != kLEStatePoweredOn && holdingLocked()) abandonHoldLocked();
 }
 
-void RKRostaKitCore::connecterDidDiscoverPeripheral(BLEConnecter&, const bt::PeripheralPtr& peripheral) {
+void RKRostaKitCore::connecterDidDiscoverPeripheral(BLEConnecter&, const PeripheralPtr& peripheral) {
     if (!peripheral) return;
     Scope scope(*this);
     postNotification(kLogNotification, "didDiscoverPeripheral");
@@ -197,7 +198,7 @@ void RKRostaKitCore::connecterDidDiscoverPeripheral(BLEConnecter&, const bt::Per
     reloadPickerLater();
 }
 
-void RKRostaKitCore::connecterDidConnectPeripheralUserInfo(BLEConnecter&, const bt::PeripheralPtr& peripheral,
+void RKRostaKitCore::connecterDidConnectPeripheralUserInfo(BLEConnecter&, const PeripheralPtr& peripheral,
                                                            const ConnecterUserInfo&) {
     if (!peripheral) return;
     Scope scope(*this);
@@ -228,7 +229,7 @@ void RKRostaKitCore::connecterDidConnectPeripheralUserInfo(BLEConnecter&, const 
     stopScanLocked();
     if (abandoned_) later([released = std::move(abandoned_)] {});
     abandoned_ = nullptr;
-    auto device = RKDevice::create(peripheral, context_.log);
+    auto device = RKDeviceCore::create(peripheral, context_.log);
     if (!device) return;
     device->setDelegate(std::weak_ptr<RKDeviceDelegate>(weak_from_this()));
     currentDevice_ = std::move(device);
@@ -270,8 +271,7 @@ void RKRostaKitCore::dismissPickerAfterConnection() {
     });
 }
 
-void RKRostaKitCore::connecterDidDisconnectPeripheralUserInfo(BLEConnecter&,
-                                                              const bt::PeripheralPtr& peripheral,
+void RKRostaKitCore::connecterDidDisconnectPeripheralUserInfo(BLEConnecter&, const PeripheralPtr& peripheral,
                                                               const ConnecterUserInfo&) {
     Scope scope(*this);
     if (peripheral && peripheral == dfuPeripheral_) {
@@ -376,7 +376,7 @@ bool RKRostaKitCore::consumeAbandonedLocked(const PeripheralPtr& peripheral) {
 // was dropped, or linked but still discovering). The timer holds the kit and
 // the peripheral weakly: a pending watchdog keeps nothing alive.
 void RKRostaKitCore::armWatchdog(const PeripheralPtr& peripheral, std::uint64_t hold) {
-    later([queue = mainQueue_, weak = weak_from_this(), target = std::weak_ptr<bt::Peripheral>(peripheral),
+    later([queue = mainQueue_, weak = weak_from_this(), target = std::weak_ptr<Peripheral>(peripheral),
            hold]() mutable {
         queue.postAfter(kReconnectWatchdogDelay, [weak = std::move(weak), target = std::move(target), hold] {
             auto kit = weak.lock();

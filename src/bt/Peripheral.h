@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <PlenkKit/Error.h>
+#include <PlenkKit/Peripheral.h>
 
 #include "bt/Bytes.h"
 #include "bt/CharacteristicProperty.h"
@@ -21,8 +22,7 @@ using PeripheralPtr = std::shared_ptr<Peripheral>;
 using ServicePtr = std::shared_ptr<Service>;
 using CharacteristicPtr = std::shared_ptr<Characteristic>;
 
-// Connection state, numbered as the platform numbers it.
-enum class PeripheralState : int { Disconnected = 0, Connecting = 1, Connected = 2, Disconnecting = 3 };
+using PeripheralState = plenk::PeripheralState;
 
 enum class WriteType : int { WithResponse = 0, WithoutResponse = 1 };
 
@@ -75,18 +75,17 @@ public:
         Peripheral& peripheral, const CharacteristicPtr& characteristic, const ErrorPtr& error);
 };
 
-// A remote peripheral. Operations may be called from any thread; they never
-// call the delegate inline: every result arrives later on the central's queue.
-// Operations on a peripheral that is not connected are dropped, as the
-// platform does (with a diagnostic from the backend).
-class Peripheral : public std::enable_shared_from_this<Peripheral> {
+// A remote peripheral: the public read-only handle (name, identifier, state,
+// signal strength) plus its GATT operations. Operations may be called from any
+// thread; they never call the delegate inline: every result arrives later on
+// the central's queue. Operations on a peripheral that is not connected are
+// dropped, as the platform does (with a diagnostic from the backend). A
+// backend records the signal strength of every advertisement it reports and
+// of every RSSI read on the handle before it delivers the event.
+class Peripheral : public plenk::Peripheral, public std::enable_shared_from_this<Peripheral> {
 public:
-    virtual ~Peripheral();
+    ~Peripheral() override;
 
-    // The advertised or GAP name; absent when the peripheral never gave one.
-    virtual std::optional<std::string> name() const = 0;
-    virtual Uuid identifier() const = 0;
-    virtual PeripheralState state() const = 0;
     // Services discovered so far (empty before the first discovery).
     virtual std::vector<ServicePtr> services() const = 0;
 
@@ -103,5 +102,11 @@ public:
     virtual void setNotifyValue(bool enabled, const CharacteristicPtr& characteristic) = 0;
     virtual void readRSSI() = 0;
 };
+
+// The port's peripheral behind a public handle; null for a handle this library
+// did not hand out.
+inline PeripheralPtr portPeripheral(const std::shared_ptr<plenk::Peripheral>& handle) {
+    return std::dynamic_pointer_cast<Peripheral>(handle);
+}
 
 }  // namespace plenk::bt
