@@ -68,7 +68,9 @@ const std::vector<HoldRoad> kRoads = {
          dropWithHangingReconnect(f, scale);
          // The attempt vanishes without an event: the watchdog finds state 0.
          const auto peripheral = f.kit->currentDevice()->peripheral();
-         BLEConnecterCore::of(*f.kit->connecter()).cbManager()->cancelPeripheralConnection(bt::portPeripheral(peripheral));
+         BLEConnecterCore::of(*f.kit->connecter())
+             .cbManager()
+             ->cancelPeripheralConnection(bt::portPeripheral(peripheral));
          f.h.settle();
          ASSERT_EQ(peripheral->state(), bt::PeripheralState::Disconnected);
      }},
