@@ -27,13 +27,17 @@ using PeripheralState = plenk::PeripheralState;
 enum class WriteType : int { WithResponse = 0, WithoutResponse = 1 };
 
 // A GATT characteristic as the backend last saw it. Identity (the object) is
-// stable for one discovery; a new discovery may hand out new objects.
-// All accessors are thread-safe.
+// stable for one discovery: events pass the very objects discovery returned
+// (the device compares them by identity); a new discovery may hand out new
+// objects. All accessors are thread-safe.
 class Characteristic {
 public:
     virtual ~Characteristic();
     virtual Uuid uuid() const = 0;
-    // The last value read or notified (empty before any).
+    // The last value read or notified (empty before any). Inside a value-update
+    // event it is the value that event reports: the backend stores it on the
+    // queue just before the call, so two fast notifications are two readings.
+    // Nothing above reads it outside the event that reports it.
     virtual Bytes value() const = 0;
     virtual std::uint32_t properties() const = 0;
     virtual bool isNotifying() const = 0;
@@ -51,8 +55,12 @@ public:
 };
 
 // Events of one peripheral. All arrive on the central's serial queue
-// ("Corebluetooth"), one at a time. Every method has an empty default:
-// implementing one is responding to it.
+// ("Corebluetooth"), one at a time, in the order of the operations that caused
+// them (the device's completion slots depend on it; a backend that allows one
+// pending write per characteristic queues the rest itself). A read is answered
+// by exactly one value-update event. Every method has an empty default:
+// implementing one is responding to it. The whole contract a backend honours
+// is written down in docs/port-contract.md.
 class PeripheralDelegate {
 public:
     virtual ~PeripheralDelegate();
