@@ -89,6 +89,9 @@ expect_out "123.4" decode weight --name "PlenkCoffee" 31323334
 expect_out "0" decode weight --name Kitchen 00 39 30 00 ff
 expect_out "0" decode weight --name Coffee ""
 expect_out "1" decode button 02
+expect_out "1234.5" decode weight --name Plenk-01 0x003930 00ff
+expect_out "1234.5" decode weight --name Plenk-01 0x00 0x39 0x30 0x00 0xff
+expect_out "1" decode button 0X02
 expect_out "0" decode button 01ff
 expect_out "none" decode button 03
 run decode config 000000000000000000 90 12 34 56 0000
@@ -114,7 +117,7 @@ expect_out '{"timerOn":1,"timerDefaultOn":false,"timerBit2":0,"timerAutoStart":f
 expect_usage_error "odd number of hex digits" decode button 012
 expect_usage_error "odd number of hex digits" decode weight --name Plenk 0 39
 expect_usage_error "'g' at offset 1 is not a hex digit" decode button 0g
-expect_usage_error "'x' at offset 1" decode config 0x00
+expect_usage_error "no hex digits after '0x'" decode button 0x
 expect_usage_error "unknown command 'nope'" frame nope
 expect_usage_error "unknown command 'bogus'" bogus
 expect_usage_error "missing command" frame
@@ -138,6 +141,8 @@ expect_usage_error "not expected" frame tare --bogus
 expect_usage_error "hex digit" decode button $'0\n1'
 
 # ---- help -------------------------------------------------------------------
+run --version
+[ "$rc" -eq 0 ] && grep -Eqx 'plenk [0-9]+\.[0-9]+\.[0-9]+' <<<"$out" && [ -z "$err" ] || fail "--version -> [$out]"
 run --help
 [ "$rc" -eq 0 ] && grep -q "Examples:" <<<"$out" && grep -q "frame" <<<"$out" || fail "--help"
 run frame timer --help

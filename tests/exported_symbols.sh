@@ -38,6 +38,9 @@ if [ -n "$internal" ]; then
   fail=1
 fi
 
+# The simulator's scripting API is public (the simulator behind it is not: above).
+grep -q "plenk::Simulator::Scale::dropLink" <<<"$demangled" || { echo "plenk::Simulator is not exported"; fail=1; }
+
 # Error kinds are public classes: their type information is exported for kind tests.
 for kind in Error RKErrorLENotAvailableC RKErrorLENotAvailableCOff RKErrorDeviceNOCharacteristic; do
   grep -q "typeinfo for plenk::$kind\$" <<<"$demangled" || { echo "typeinfo not exported: plenk::$kind"; fail=1; }

@@ -10,6 +10,7 @@
 #   emulator -> wire and foundations; never the kit, ble or the port
 #   composition root (src/composition) -> backends, port, foundations; nothing includes it
 #   toolkits (src/ui) -> ble's picker interfaces, port, foundations
+#   the umbrella header <PlenkKit/PlenkKit.h> -> every public header
 set -uo pipefail
 root=${PLENK_SOURCE_DIR:-$(cd "$(dirname "$0")/.." && pwd)}
 cd "$root" || exit 1
@@ -37,7 +38,9 @@ layer_of() {
         RKErrors.h) echo ble ;; # the error catalogue: the kit's kinds, also made by the generic device
         StringToHexConverter.h | BLEConnecter.h | CSRDevice.h | CSRSelectDeviceViewController.h) echo ble ;;
         RKRostaKit.h | RKDevice.h) echo kit ;;
-        PKPlenk.h | PlenkKit.h) echo facade ;;
+        PKPlenk.h) echo facade ;;
+        PlenkKit.h) echo umbrella ;;
+        Simulator.h) echo backend:sim ;; # the simulated backend's public scripting API
         *) echo "" ;;
       esac
       ;;
@@ -50,6 +53,7 @@ allowed() {
   local from=$1 to=$2
   [ "$from" = "$to" ] && return 0
   case $from in
+    umbrella) [[ $to != composition ]] ;; # every public header
     facade) [[ $to =~ ^(kit|ble|port|foundation)$ ]] ;;
     kit) [[ $to =~ ^(ble|port|foundation)$ ]] ;;
     ble) [[ $to =~ ^(port|foundation)$ ]] ;;

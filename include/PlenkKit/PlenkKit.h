@@ -28,3 +28,6 @@
 #include <PlenkKit/Peripheral.h>
 #include <PlenkKit/RKDevice.h>
 #include <PlenkKit/RKRostaKit.h>
+
+// Testing without a scale: the simulated world.
+#include <PlenkKit/Simulator.h>

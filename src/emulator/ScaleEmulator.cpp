@@ -249,8 +249,7 @@ ScaleEmulator::Effect ScaleEmulator::handleCommand(std::span<const std::uint8_t>
                 return Effect::None;
             }
             accept();
-            updateMode_ = true;
-            freshConnection_ = false;
+            enterUpdateMode();
             return Effect::RestartForUpdate;
         case wire::kOpCalibrate:
             if (!needsData()) return Effect::None;
@@ -308,7 +307,7 @@ double ScaleEmulator::secondsSince(Clock::TimePoint from, Clock::TimePoint to) c
 
 double ScaleEmulator::grossAt(Clock::TimePoint t) const noexcept {
     double load = baseLoad_;
-    for (const auto& start : shots_) load += pour_.massAt(secondsSince(start, t));
+    for (const Shot& shot : shots_) load += shotMassAt(shot, t);
     return load;
 }
 
@@ -353,24 +352,40 @@ bt::Bytes ScaleEmulator::encodeWeightPacket(float grams) const noexcept {
     return bt::Bytes(std::span<const std::uint8_t>(packet));
 }
 
+double ScaleEmulator::shotMassAt(const Shot& shot, Clock::TimePoint t) const noexcept {
+    return shot.scale * pour_.massAt(secondsSince(shot.start, t));
+}
+
 void ScaleEmulator::startPour(Clock::TimePoint at) {
+    startPour(at, pour_.parameters().finalGrams);
+}
+
+void ScaleEmulator::startPour(Clock::TimePoint at, double grams) {
+    // One profile serves every shot: its mass is proportional to its final grams.
+    const double full = pour_.parameters().finalGrams;
+    const double scale = std::isfinite(grams) && grams > 0 && full > 0 ? grams / full : 0.0;
     // Shots that have settled by `at` become plain load.
     const double settled = pour_.settledAfterSeconds() + 1.0;
-    std::erase_if(shots_, [&](const Clock::TimePoint& start) {
-        if (secondsSince(start, at) < settled) return false;
-        baseLoad_ += pour_.massAt(1e9);
+    std::erase_if(shots_, [&](const Shot& shot) {
+        if (secondsSince(shot.start, at) < settled) return false;
+        baseLoad_ += shot.scale * pour_.massAt(1e9);
         return true;
     });
     if (shots_.size() >= kMaxShots) {  // abandon the oldest shot where it stands
-        baseLoad_ += pour_.massAt(secondsSince(shots_.front(), at));
+        baseLoad_ += shotMassAt(shots_.front(), at);
         shots_.erase(shots_.begin());
     }
-    shots_.push_back(at);
+    shots_.push_back(Shot{at, scale});
+}
+
+void ScaleEmulator::stopPour(Clock::TimePoint at) noexcept {
+    for (const Shot& shot : shots_) baseLoad_ += shotMassAt(shot, at);
+    shots_.clear();
 }
 
 std::optional<Clock::TimePoint> ScaleEmulator::pourStart() const noexcept {
     if (shots_.empty()) return std::nullopt;
-    return shots_.back();
+    return shots_.back().start;
 }
 
 // --- state -------------------------------------------------------------------
@@ -454,6 +469,11 @@ int ScaleEmulator::batteryLevelAt(Clock::TimePoint now) const noexcept {
 
 bt::Bytes ScaleEmulator::buttonPacket(int button) noexcept {
     return bt::Bytes{static_cast<std::uint8_t>(button == 0 ? 0x01 : 0x02)};
+}
+
+void ScaleEmulator::enterUpdateMode() noexcept {
+    updateMode_ = true;
+    freshConnection_ = false;
 }
 
 void ScaleEmulator::finishUpdate(Clock::TimePoint /*now*/) {

@@ -129,8 +129,12 @@ public:
     // A caller-given weight in the current format, e.g. a sequence number for
     // benchmarks. Integral values up to ±838860 decode back exactly in both formats.
     bt::Bytes encodeWeightPacket(float grams) const noexcept;
-    // Starts a shot at `at` (earlier shots keep what they poured).
+    // Starts a shot at `at` (earlier shots keep what they poured), of the
+    // options' shot or one of the same shape that ends at `grams`.
     void startPour(Clock::TimePoint at);
+    void startPour(Clock::TimePoint at, double grams);
+    // Every running shot stops where it stands at `at` (what is in the cup stays).
+    void stopPour(Clock::TimePoint at) noexcept;
     // Puts grams on (or, negative, takes them off) the platform at once.
     void addLoad(double grams) noexcept { baseLoad_ += grams; }
     double tareOffset() const noexcept { return tareOffset_; }
@@ -160,6 +164,8 @@ public:
 
     // --- firmware update ----------------------------------------------------
     bool inUpdateMode() const noexcept { return updateMode_; }
+    // Restarts as the update target (what the DFU command frame does).
+    void enterUpdateMode() noexcept;
     // The update finished (or was abandoned): restart as a scale.
     void finishUpdate(Clock::TimePoint now);
 
@@ -176,7 +182,14 @@ private:
         kSeenAll = 0x7F,
     };
 
+    // A shot of the options' shape, its mass scaled to its own final grams.
+    struct Shot {
+        Clock::TimePoint start;
+        double scale = 1.0;
+    };
+
     double secondsSince(Clock::TimePoint from, Clock::TimePoint to) const noexcept;
+    double shotMassAt(const Shot& shot, Clock::TimePoint t) const noexcept;
 
     ScaleOptions options_;
     Clock::TimePoint powerOn_;
@@ -190,7 +203,7 @@ private:
     bool freshConnection_ = false;
     double baseLoad_ = 0.0;  // load not coming from a tracked shot
     double tareOffset_ = 0.0;
-    std::vector<Clock::TimePoint> shots_;  // starts of shots still pouring (at most a few)
+    std::vector<Shot> shots_;  // shots still pouring (at most a few)
     int batteryLevel_ = 0;
     Clock::TimePoint batterySetAt_;
 };

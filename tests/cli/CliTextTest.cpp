@@ -17,7 +17,8 @@ TEST(CliHexText, AcceptsEverySeparatorAndCase) {
     };
     for (const Case& c :
          {Case{"0a31", {0x0A, 0x31}}, Case{"0A 31", {0x0A, 0x31}}, Case{"0a:31", {0x0A, 0x31}},
-          Case{" 00 39:30\t00 FF ", {0x00, 0x39, 0x30, 0x00, 0xFF}}, Case{"", {}}}) {
+          Case{" 00 39:30\t00 FF ", {0x00, 0x39, 0x30, 0x00, 0xFF}}, Case{"0x0a31", {0x0A, 0x31}},
+          Case{"0X0a 0x31:00", {0x0A, 0x31, 0x00}}, Case{"", {}}}) {
         const auto result = parseHexText(c.text);
         EXPECT_TRUE(result.ok()) << c.text << ": " << result.error;
         EXPECT_EQ(result.bytes, c.bytes) << c.text;
@@ -25,7 +26,8 @@ TEST(CliHexText, AcceptsEverySeparatorAndCase) {
 }
 
 TEST(CliHexText, RejectsOddRunsAndForeignCharactersWithOneLine) {
-    for (const char* bad : {"0", "abc", "0 39", "zz", "0x0a", "0a-31", "\xC3\xA9"}) {
+    for (const char* bad :
+         {"0", "abc", "0 39", "zz", "0x", "0x 0a", "0x0x0a", "0x0", "0a0x31", "0a-31", "\xC3\xA9"}) {
         const auto result = parseHexText(bad);
         EXPECT_FALSE(result.ok()) << bad;
         EXPECT_EQ(result.error.find('\n'), std::string::npos) << bad;

@@ -13,8 +13,10 @@
 #include <PlenkKit/LogSink.h>
 #include <PlenkKit/NotificationCenter.h>
 #include <PlenkKit/RunLoop.h>
+#include <PlenkKit/Simulator.h>
 
 #include "backends/sim/SimBackend.h"
+#include "backends/sim/SimulatorAccess.h"
 #include "backends/sim/World.h"
 #include "emulator/ScaleEmulator.h"
 
@@ -47,7 +49,9 @@ struct SimHarnessOptions {
     bool disconnectOnPowerOff = true;
 };
 
-// A deterministic world for behaviour tests above the Bluetooth port:
+// A deterministic world for behaviour tests above the Bluetooth port: the
+// public plenk::Simulator on virtual time, opened up to the world and devices
+// behind it.
 //
 //   test::SimHarness h;
 //   auto scale = h.addScale();                       // "Plenk Scale", binary weights
@@ -56,51 +60,39 @@ struct SimHarnessOptions {
 //   scale->setStreaming(true);
 //   h.advance(std::chrono::seconds(2));              // 20 weight samples at 10 Hz
 //
-// Time is a VirtualClock: it moves only in advance(). The main queue is a
-// RunLoop on that clock, run by settle() on the test's thread; the centrals'
-// "Corebluetooth" queues are real threads that settle() drains. Events reach
-// the layer under test exactly as in production (on the central's queue,
-// then posted to the main queue), only faster and in a fixed order.
-class TrackingClock;
-
+// Time moves only in advance(). The main queue is the simulator's RunLoop, run
+// by settle() on the test's thread; the centrals' "Corebluetooth" queues are
+// real threads that settle() drains. Events reach the layer under test exactly
+// as in production (on the central's queue, then posted to the main queue),
+// only faster and in a fixed order. At teardown the simulator drops the timers
+// still pending, so nothing outlives the harness.
 class SimHarness {
 public:
     explicit SimHarness(SimHarnessOptions options = {});
-    // Drops the timers still pending (a pending timer that holds its owner,
-    // like the kit's watchdog, would otherwise keep a reference cycle alive)
-    // and settles, so nothing outlives the harness.
-    ~SimHarness();
     SimHarness(const SimHarness&) = delete;
     SimHarness& operator=(const SimHarness&) = delete;
 
-    // Time for everything in the harness. The Context, the main loop and the
-    // world see it through a thin wrapper that lets the harness drop pending
-    // timers at teardown; advance it here.
+    std::shared_ptr<NotificationCenter> notifications;  // the simulator's own centre, not the default one
+    std::shared_ptr<CapturingLogSink> log;              // the library's diagnostic lines
+    std::shared_ptr<CapturingLogSink> simLog;           // the simulator's own lines ("[sim] ...")
+    std::unique_ptr<Simulator> simulator;
+    // The simulator's time, world and backend. Advance time through advance().
     std::shared_ptr<VirtualClock> clock;
     std::shared_ptr<RunLoop> mainLoop;  // the Context's main queue
     std::shared_ptr<sim::World> world;
     std::shared_ptr<sim::SimBackend> backend;
-    std::shared_ptr<NotificationCenter> notifications;  // a fresh centre, not the default one
-    std::shared_ptr<CapturingLogSink> log;              // the library's diagnostic lines
-    std::shared_ptr<CapturingLogSink> simLog;           // the simulator's own lines ("[sim] ...")
-    Context context;                                    // {mainLoop, notifications, log, clock, backend}
+    Context context;  // {mainLoop, notifications, log, clock, backend}
 
-    // Repeats { drain every central queue; run the main loop until idle }
-    // until nothing is pending anywhere. Does not move time. Fails the
-    // current test (and returns) if still busy after `maxRounds` rounds.
-    void settle(std::size_t maxRounds = 10000);
-    // Moves virtual time forward by `duration`: stops at every timer deadline
-    // on the way, fires what is due and settles, so delayed results and weight
-    // samples arrive in time order.
+    // Runs everything ready now (Simulator::settle); fails the current test if
+    // it never becomes idle. Does not move time.
+    void settle();
+    // Moves virtual time forward by `duration` (Simulator::advance).
     void advance(Clock::Duration duration);
 
     // A scale with this name and weight format (binary for "Plenk" names, text
     // for "Coffee" names is what clients expect), streaming per the options.
     std::shared_ptr<sim::VirtualPeripheral> addScale(
         std::string name = "Plenk Scale", emulator::WeightFormat format = emulator::WeightFormat::Binary);
-
-private:
-    std::shared_ptr<TrackingClock> tracking_;
 };
 
 }  // namespace plenk::test

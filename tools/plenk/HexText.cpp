@@ -37,6 +37,16 @@ HexParseResult parseHexText(std::string_view text) {
             ++i;
             continue;
         }
+        // A group may carry a 0x prefix, as byte arguments of `frame` do ("0x0a31", "0x0a 0x31").
+        if (text.size() - i >= 2 && text[i] == '0' && (text[i + 1] == 'x' || text[i + 1] == 'X')) {
+            i += 2;
+            if (i == text.size() || isSeparator(text[i])) {
+                result.bytes.clear();
+                result.error =
+                    "invalid hex text: no hex digits after '0x' at offset " + std::to_string(i - 2);
+                return result;
+            }
+        }
         const std::size_t groupStart = i;
         while (i < text.size() && !isSeparator(text[i])) {
             if (hexValue(text[i]) < 0) {

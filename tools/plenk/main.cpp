@@ -56,6 +56,7 @@ int main(int argc, char** argv) {
     app.fallthrough();
     app.require_subcommand(1);
     app.add_flag("--json", options.json, "Print one JSON object per line (accepted anywhere on the line)");
+    app.set_version_flag("--version", "plenk " PLENK_TOOL_VERSION, "Print the version and exit");
 
     // The verbs, one registration each (declared in Commands.h).
     addDecodeCommand(app, options);

@@ -251,6 +251,15 @@ void VirtualPeripheral::setBatteryLevel(int level) {
     });
 }
 
+void VirtualPeripheral::restartIntoUpdateMode() {
+    withWorldLocked(world_, [&](World& world) {
+        if (!scale_ || scale_->inUpdateMode()) return;
+        scale_->enterUpdateMode();
+        enterUpdateModeLocked();
+        dropLinksLocked(world, platformError(kPlatformPeripheralDisconnected));
+    });
+}
+
 void VirtualPeripheral::finishFirmwareUpdate() {
     withWorldLocked(world_, [&](World& world) {
         if (!scale_ || !scale_->inUpdateMode()) return;

@@ -29,6 +29,7 @@ public:
     VirtualPeripheral& operator=(const VirtualPeripheral&) = delete;
 
     bt::Uuid identifier() const { return identifier_; }
+    const std::shared_ptr<Clock>& clock() const { return clock_; }
     std::optional<std::string> name() const;
     // Renames the device; connected centrals get peripheralDidUpdateName.
     void setName(std::optional<std::string> name);
@@ -92,7 +93,9 @@ public:
     void setSampleRate(int hertz);
     void pressButton(int button);  // a notification on the control characteristic
     void setBatteryLevel(int level);
-    // The update target restarts as the scale (links drop, name and table return).
+    // The scale restarts as its update target, as after the DFU command (links
+    // drop, name and table change); the update target restarts as the scale.
+    void restartIntoUpdateMode();
     void finishFirmwareUpdate();
     bool inUpdateMode() const;
 
