@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -115,14 +114,8 @@ public:
 
 private:
     struct Bridge;
-    // The host's main queue, held weakly: queued work holds the facade, so a
-    // strong hold here would keep a dropped loop and the facade alive together.
-    const std::weak_ptr<Executor> mainQueue_;
-    mutable std::mutex mutex_;
-    bool isAutoConnectEnabled_ = false;
-    std::weak_ptr<PKPlenkDataSource> dataSource_;
-    std::weak_ptr<PKPlenkDelegate> delegate_;
-    std::shared_ptr<RKRostaKit> rosta_;
+    struct State;  // the fields, behind a lock of the library
+    const std::unique_ptr<State> state_;
 };
 
 }  // namespace plenk

@@ -1,5 +1,6 @@
 #include <PlenkKit/PKPlenk.h>
 
+#include <mutex>
 #include <utility>
 
 #include "RostaKit/RKRostaKitCore.h"
@@ -29,7 +30,20 @@ std::optional<Color> PKPlenkDataSource::navigationBarColorForSelectAccessoryModa
 
 // --- Creation and destruction -------------------------------------------------------------------
 
-PKPlenk::PKPlenk(Token, const Context& context) : mainQueue_(context.mainQueue) {}
+struct PKPlenk::State {
+    explicit State(const std::shared_ptr<Executor>& queue) : mainQueue(queue) {}
+
+    // The host's main queue, held weakly: queued work holds the facade, so a
+    // strong hold here would keep a dropped loop and the facade alive together.
+    const std::weak_ptr<Executor> mainQueue;
+    mutable std::mutex mutex;
+    bool isAutoConnectEnabled = false;
+    std::weak_ptr<PKPlenkDataSource> dataSource;
+    std::weak_ptr<PKPlenkDelegate> delegate;
+    std::shared_ptr<RKRostaKit> rosta;
+};
+
+PKPlenk::PKPlenk(Token, const Context& context) : state_(std::make_unique<State>(context.mainQueue)) {}
 
 struct PKPlenk::Bridge {
     // Runs `call` with the facade and the host's delegate read at that moment.
@@ -46,7 +60,7 @@ struct PKPlenk::Bridge {
         static_assert(sizeof(task) <= Task::kInlineSize, "the weight path must not allocate");
         if (RKRostaKitCore::isDelivering(plenk.rosta().get())) {
             task();
-        } else if (auto queue = plenk.mainQueue_.lock()) {
+        } else if (auto queue = plenk.state_->mainQueue.lock()) {
             queue->post(std::move(task));
         }
     }
@@ -56,7 +70,7 @@ std::shared_ptr<PKPlenk> PKPlenk::create(const Context& context) {
     const Context resolved = context.resolved();
     auto plenk = std::make_shared<PKPlenk>(Token{}, resolved);
     auto kit = RKRostaKit::create(resolved);
-    plenk->rosta_ = kit;
+    plenk->state_->rosta = kit;
     // Held weakly by the kit: it never keeps its facade alive.
     kit->setDelegate(std::weak_ptr<RKRostaDelegate>(plenk));
     kit->setDataSource(std::weak_ptr<RKRostaDataSource>(plenk));
@@ -66,20 +80,20 @@ std::shared_ptr<PKPlenk> PKPlenk::create(const Context& context) {
 
 PKPlenk::~PKPlenk() {
     // The data source is left pointing here; it expires with this object.
-    if (rosta_) rosta_->setDelegate({});
+    if (state_->rosta) state_->rosta->setDelegate({});
 }
 
 // --- Host operations ------------------------------------------------------------------------------
 
 bool PKPlenk::isAutoConnectEnabled() const {
-    std::lock_guard lock(mutex_);
-    return isAutoConnectEnabled_;
+    std::lock_guard lock(state_->mutex);
+    return state_->isAutoConnectEnabled;
 }
 
 void PKPlenk::setIsAutoConnectEnabled(bool enabled) {
     {
-        std::lock_guard lock(mutex_);
-        isAutoConnectEnabled_ = enabled;
+        std::lock_guard lock(state_->mutex);
+        state_->isAutoConnectEnabled = enabled;
     }
     if (auto kit = rosta()) kit->setIsAutoConnectEnabled(enabled);
 }
@@ -121,34 +135,34 @@ void PKPlenk::setLEDDisplayOn(bool on) {
 }
 
 std::shared_ptr<PKPlenkDelegate> PKPlenk::delegate() const {
-    std::lock_guard lock(mutex_);
-    return delegate_.lock();
+    std::lock_guard lock(state_->mutex);
+    return state_->delegate.lock();
 }
 
 void PKPlenk::setDelegate(std::weak_ptr<PKPlenkDelegate> delegate) {
-    std::lock_guard lock(mutex_);
-    delegate_ = std::move(delegate);
+    std::lock_guard lock(state_->mutex);
+    state_->delegate = std::move(delegate);
 }
 
 std::shared_ptr<PKPlenkDataSource> PKPlenk::dataSource() const {
-    std::lock_guard lock(mutex_);
-    return dataSource_.lock();
+    std::lock_guard lock(state_->mutex);
+    return state_->dataSource.lock();
 }
 
 void PKPlenk::setDataSource(std::weak_ptr<PKPlenkDataSource> dataSource) {
-    std::lock_guard lock(mutex_);
-    dataSource_ = std::move(dataSource);
+    std::lock_guard lock(state_->mutex);
+    state_->dataSource = std::move(dataSource);
 }
 
 std::shared_ptr<RKRostaKit> PKPlenk::rosta() const {
-    std::lock_guard lock(mutex_);
-    return rosta_;
+    std::lock_guard lock(state_->mutex);
+    return state_->rosta;
 }
 
 void PKPlenk::setRosta(std::shared_ptr<RKRostaKit> rosta) {
     {
-        std::lock_guard lock(mutex_);
-        std::swap(rosta_, rosta);
+        std::lock_guard lock(state_->mutex);
+        std::swap(state_->rosta, rosta);
     }
     // The old kit, if this was its last owner, is released unlocked.
 }
