@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "RostaKit/RKRostaKitCore.h"
+#include "dispatch/Guarded.h"
 
 namespace plenk {
 
@@ -86,8 +87,7 @@ PKPlenk::~PKPlenk() {
 // --- Host operations ------------------------------------------------------------------------------
 
 bool PKPlenk::isAutoConnectEnabled() const {
-    std::lock_guard lock(state_->mutex);
-    return state_->isAutoConnectEnabled;
+    return dispatch::loadLocked(state_->mutex, state_->isAutoConnectEnabled);
 }
 
 void PKPlenk::setIsAutoConnectEnabled(bool enabled) {
@@ -135,28 +135,23 @@ void PKPlenk::setLEDDisplayOn(bool on) {
 }
 
 std::shared_ptr<PKPlenkDelegate> PKPlenk::delegate() const {
-    std::lock_guard lock(state_->mutex);
-    return state_->delegate.lock();
+    return dispatch::loadLocked(state_->mutex, state_->delegate).lock();
 }
 
 void PKPlenk::setDelegate(std::weak_ptr<PKPlenkDelegate> delegate) {
-    std::lock_guard lock(state_->mutex);
-    state_->delegate = std::move(delegate);
+    dispatch::storeLocked(state_->mutex, state_->delegate, std::move(delegate));
 }
 
 std::shared_ptr<PKPlenkDataSource> PKPlenk::dataSource() const {
-    std::lock_guard lock(state_->mutex);
-    return state_->dataSource.lock();
+    return dispatch::loadLocked(state_->mutex, state_->dataSource).lock();
 }
 
 void PKPlenk::setDataSource(std::weak_ptr<PKPlenkDataSource> dataSource) {
-    std::lock_guard lock(state_->mutex);
-    state_->dataSource = std::move(dataSource);
+    dispatch::storeLocked(state_->mutex, state_->dataSource, std::move(dataSource));
 }
 
 std::shared_ptr<RKRostaKit> PKPlenk::rosta() const {
-    std::lock_guard lock(state_->mutex);
-    return state_->rosta;
+    return dispatch::loadLocked(state_->mutex, state_->rosta);
 }
 
 void PKPlenk::setRosta(std::shared_ptr<RKRostaKit> rosta) {

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "bt/Bytes.h"
+#include "dispatch/Guarded.h"
 #include "wire/ConfigurationRecord.h"
 #include "wire/Frames.h"
 #include "wire/GattUuids.h"
@@ -61,8 +62,7 @@ void RKDeviceCore::renewPeripheral(const PeripheralPtr& peripheral) {
 // reportDelegate()/storeDelegate().
 
 std::shared_ptr<RKDeviceDelegate> RKDeviceCore::delegate() const {
-    std::lock_guard lock(mutex_);
-    return delegate_.lock();
+    return dispatch::loadLocked(mutex_, delegate_).lock();
 }
 
 void RKDeviceCore::setDelegate(std::weak_ptr<RKDeviceDelegate> delegate) {
@@ -72,8 +72,7 @@ void RKDeviceCore::setDelegate(std::weak_ptr<RKDeviceDelegate> delegate) {
 }
 
 std::shared_ptr<CSRDeviceDelegate> RKDeviceCore::reportDelegate() const {
-    std::lock_guard lock(mutex_);
-    return baseDelegate_.lock();
+    return dispatch::loadLocked(mutex_, baseDelegate_).lock();
 }
 
 void RKDeviceCore::storeDelegate(std::weak_ptr<CSRDeviceDelegate> delegate) {
@@ -86,64 +85,49 @@ void RKDeviceCore::storeDelegate(std::weak_ptr<CSRDeviceDelegate> delegate) {
 // Accessors.
 
 bt::ServicePtr RKDeviceCore::scaleService() const {
-    std::lock_guard lock(mutex_);
-    return scaleService_;
+    return dispatch::loadLocked(mutex_, scaleService_);
 }
 bt::CharacteristicPtr RKDeviceCore::dataChar() const {
-    std::lock_guard lock(mutex_);
-    return dataChar_;
+    return dispatch::loadLocked(mutex_, dataChar_);
 }
 bt::CharacteristicPtr RKDeviceCore::cmdChar() const {
-    std::lock_guard lock(mutex_);
-    return cmdChar_;
+    return dispatch::loadLocked(mutex_, cmdChar_);
 }
 bt::CharacteristicPtr RKDeviceCore::controlChar() const {
-    std::lock_guard lock(mutex_);
-    return controlChar_;
+    return dispatch::loadLocked(mutex_, controlChar_);
 }
 bt::CharacteristicPtr RKDeviceCore::infoChar() const {
-    std::lock_guard lock(mutex_);
-    return infoChar_;
+    return dispatch::loadLocked(mutex_, infoChar_);
 }
 RKDeviceCore::ResultCompletion RKDeviceCore::dfuCompletion() const {
-    std::lock_guard lock(mutex_);
-    return dfuCompletion_;
+    return dispatch::loadLocked(mutex_, dfuCompletion_);
 }
 void RKDeviceCore::setDfuCompletion(ResultCompletion completion) {
-    std::lock_guard lock(mutex_);
-    dfuCompletion_ = std::move(completion);
+    dispatch::storeLocked(mutex_, dfuCompletion_, std::move(completion));
 }
 RKDeviceCore::ResultCompletion RKDeviceCore::syncCompletion() const {
-    std::lock_guard lock(mutex_);
-    return syncCompletion_;
+    return dispatch::loadLocked(mutex_, syncCompletion_);
 }
 void RKDeviceCore::setSyncCompletion(ResultCompletion completion) {
-    std::lock_guard lock(mutex_);
-    syncCompletion_ = std::move(completion);
+    dispatch::storeLocked(mutex_, syncCompletion_, std::move(completion));
 }
 RKDeviceCore::ResultCompletion RKDeviceCore::initCompletion() const {
-    std::lock_guard lock(mutex_);
-    return initCompletion_;
+    return dispatch::loadLocked(mutex_, initCompletion_);
 }
 void RKDeviceCore::setInitCompletion(ResultCompletion completion) {
-    std::lock_guard lock(mutex_);
-    initCompletion_ = std::move(completion);
+    dispatch::storeLocked(mutex_, initCompletion_, std::move(completion));
 }
 RKDeviceCore::RecordCompletion RKDeviceCore::configValueCompletion() const {
-    std::lock_guard lock(mutex_);
-    return configValueCompletion_;
+    return dispatch::loadLocked(mutex_, configValueCompletion_);
 }
 void RKDeviceCore::setConfigValueCompletion(RecordCompletion completion) {
-    std::lock_guard lock(mutex_);
-    configValueCompletion_ = std::move(completion);
+    dispatch::storeLocked(mutex_, configValueCompletion_, std::move(completion));
 }
 RKDeviceCore::ConfigurationCompletion RKDeviceCore::configCompletion() const {
-    std::lock_guard lock(mutex_);
-    return configCompletion_;
+    return dispatch::loadLocked(mutex_, configCompletion_);
 }
 void RKDeviceCore::setConfigCompletion(ConfigurationCompletion completion) {
-    std::lock_guard lock(mutex_);
-    configCompletion_ = std::move(completion);
+    dispatch::storeLocked(mutex_, configCompletion_, std::move(completion));
 }
 
 // Commands.

@@ -15,6 +15,7 @@
 
 #include "RostaKit/RKDeviceCore.h"
 #include "ble/BLEConnecterCore.h"
+#include "dispatch/Guarded.h"
 #include "dispatch/HostQueue.h"
 
 namespace plenk {
@@ -210,8 +211,7 @@ private:
     // released once the lock is let go.
     template <typename T>
     T locked(const T& field) const {
-        std::lock_guard lock(mutex_);
-        return field;
+        return dispatch::loadLocked(mutex_, field);
     }
     template <typename T>
     void replace(T& field, T value) {

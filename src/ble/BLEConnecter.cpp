@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "bt/Backend.h"
+#include "dispatch/Guarded.h"
 #include "wire/GattUuids.h"
 
 namespace plenk {
@@ -78,13 +79,11 @@ void BLEConnecterCore::createCBManager() {
 }
 
 std::shared_ptr<bt::Central> BLEConnecterCore::cbManager() const {
-    std::lock_guard lock(mutex_);
-    return cbManager_;
+    return dispatch::loadLocked(mutex_, cbManager_);
 }
 
 void BLEConnecterCore::setCbManager(std::shared_ptr<bt::Central> central) {
-    std::lock_guard lock(mutex_);
-    cbManager_ = std::move(central);
+    dispatch::storeLocked(mutex_, cbManager_, std::move(central));
 }
 
 std::shared_ptr<BLEConnecterDelegate> BLEConnecterCore::delegate() const {
@@ -94,8 +93,7 @@ std::shared_ptr<BLEConnecterDelegate> BLEConnecterCore::delegate() const {
 }
 
 void BLEConnecterCore::setDelegate(std::weak_ptr<BLEConnecterDelegate> delegate) {
-    std::lock_guard lock(mutex_);
-    delegate_ = std::move(delegate);
+    dispatch::storeLocked(mutex_, delegate_, std::move(delegate));
 }
 
 // Commands: no radio-state check; the central handles what it cannot do.

@@ -2,6 +2,7 @@
 
 #include <PlenkKit/RKErrors.h>
 
+#include "dispatch/Guarded.h"
 #include "wire/GattUuids.h"
 #include "wire/Utf8.h"
 
@@ -112,87 +113,67 @@ std::optional<std::string> CSRDeviceCore::textFromValue(std::span<const std::uin
 // Accessors.
 
 std::optional<std::string> CSRDeviceCore::deviceName() const {
-    std::lock_guard lock(mutex_);
-    return deviceName_;
+    return dispatch::loadLocked(mutex_, deviceName_);
 }
 void CSRDeviceCore::setDeviceName(std::optional<std::string> name) {
-    std::lock_guard lock(mutex_);
-    deviceName_ = std::move(name);
+    dispatch::storeLocked(mutex_, deviceName_, std::move(name));
 }
 PeripheralPtr CSRDeviceCore::peripheral() const {
     return portPeripheral();
 }
 bt::PeripheralPtr CSRDeviceCore::portPeripheral() const {
-    std::lock_guard lock(mutex_);
-    return peripheral_;
+    return dispatch::loadLocked(mutex_, peripheral_);
 }
 std::uint64_t CSRDeviceCore::currentState() const {
-    std::lock_guard lock(mutex_);
-    return currentState_;
+    return dispatch::loadLocked(mutex_, currentState_);
 }
 void CSRDeviceCore::setCurrentState(std::uint64_t state) {
-    std::lock_guard lock(mutex_);
-    currentState_ = state;
+    dispatch::storeLocked(mutex_, currentState_, state);
 }
 std::shared_ptr<CSRDeviceDelegate> CSRDeviceCore::reportDelegate() const {
-    std::lock_guard lock(mutex_);
-    return delegate_.lock();
+    return dispatch::loadLocked(mutex_, delegate_).lock();
 }
 void CSRDeviceCore::storeDelegate(std::weak_ptr<CSRDeviceDelegate> delegate) {
-    std::lock_guard lock(mutex_);
-    delegate_ = std::move(delegate);
+    dispatch::storeLocked(mutex_, delegate_, std::move(delegate));
 }
 std::int64_t CSRDeviceCore::batteryLife() const {
-    std::lock_guard lock(mutex_);
-    return batteryLife_;
+    return dispatch::loadLocked(mutex_, batteryLife_);
 }
 std::optional<std::string> CSRDeviceCore::manufacturer() const {
-    std::lock_guard lock(mutex_);
-    return manufacturer_;
+    return dispatch::loadLocked(mutex_, manufacturer_);
 }
 void CSRDeviceCore::setManufacturer(std::optional<std::string> text) {
-    std::lock_guard lock(mutex_);
-    manufacturer_ = std::move(text);
+    dispatch::storeLocked(mutex_, manufacturer_, std::move(text));
 }
 std::optional<std::string> CSRDeviceCore::model() const {
-    std::lock_guard lock(mutex_);
-    return model_;
+    return dispatch::loadLocked(mutex_, model_);
 }
 void CSRDeviceCore::setModel(std::optional<std::string> text) {
-    std::lock_guard lock(mutex_);
-    model_ = std::move(text);
+    dispatch::storeLocked(mutex_, model_, std::move(text));
 }
 std::optional<std::string> CSRDeviceCore::hardwareVersion() const {
-    std::lock_guard lock(mutex_);
-    return hardwareVersion_;
+    return dispatch::loadLocked(mutex_, hardwareVersion_);
 }
 void CSRDeviceCore::setHardwareVersion(std::optional<std::string> text) {
-    std::lock_guard lock(mutex_);
-    hardwareVersion_ = std::move(text);
+    dispatch::storeLocked(mutex_, hardwareVersion_, std::move(text));
 }
 std::optional<std::string> CSRDeviceCore::firmwareVersion() const {
-    std::lock_guard lock(mutex_);
-    return firmwareVersion_;
+    return dispatch::loadLocked(mutex_, firmwareVersion_);
 }
 void CSRDeviceCore::setFirmwareVersion(std::optional<std::string> text) {
-    std::lock_guard lock(mutex_);
-    firmwareVersion_ = std::move(text);
+    dispatch::storeLocked(mutex_, firmwareVersion_, std::move(text));
 }
 std::optional<std::string> CSRDeviceCore::softwareVersion() const {
-    std::lock_guard lock(mutex_);
-    return softwareVersion_;
+    return dispatch::loadLocked(mutex_, softwareVersion_);
 }
 void CSRDeviceCore::setSoftwareVersion(std::optional<std::string> text) {
-    std::lock_guard lock(mutex_);
-    softwareVersion_ = std::move(text);
+    dispatch::storeLocked(mutex_, softwareVersion_, std::move(text));
 }
 CSRDeviceCore::FirmwareVersionCompletion CSRDeviceCore::fwVersionBlock() const {
-    std::lock_guard lock(mutex_);
-    return fwVersionBlock_;
+    return dispatch::loadLocked(mutex_, fwVersionBlock_);
 }
 void CSRDeviceCore::setFwVersionBlock(FirmwareVersionCompletion completion) {
-    std::lock_guard lock(mutex_);
-    fwVersionBlock_ = std::move(completion);
+    dispatch::storeLocked(mutex_, fwVersionBlock_, std::move(completion));
 }
 
 // Events, on the "Corebluetooth" queue.

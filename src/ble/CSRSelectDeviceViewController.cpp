@@ -3,6 +3,8 @@
 #include <mutex>
 #include <utility>
 
+#include "dispatch/Guarded.h"
+
 namespace plenk {
 
 CSRSelectDeviceViewControllerDataSource::~CSRSelectDeviceViewControllerDataSource() = default;
@@ -44,36 +46,24 @@ class PickerController final : public CSRSelectDeviceViewController,
                                public std::enable_shared_from_this<PickerController> {
 public:
     std::shared_ptr<CSRSelectDeviceViewControllerDataSource> dataSource() const override {
-        std::lock_guard lock(mutex_);
-        return dataSource_.lock();
+        return dispatch::loadLocked(mutex_, dataSource_).lock();
     }
     void setDataSource(std::weak_ptr<CSRSelectDeviceViewControllerDataSource> dataSource) override {
-        std::lock_guard lock(mutex_);
-        dataSource_ = std::move(dataSource);
+        dispatch::storeLocked(mutex_, dataSource_, std::move(dataSource));
     }
     std::shared_ptr<CSRSelectDeviceViewControllerDelegate> delegate() const override {
-        std::lock_guard lock(mutex_);
-        return delegate_.lock();
+        return dispatch::loadLocked(mutex_, delegate_).lock();
     }
     void setDelegate(std::weak_ptr<CSRSelectDeviceViewControllerDelegate> delegate) override {
-        std::lock_guard lock(mutex_);
-        delegate_ = std::move(delegate);
+        dispatch::storeLocked(mutex_, delegate_, std::move(delegate));
     }
-    double navigationBarHeight() const override {
-        std::lock_guard lock(mutex_);
-        return navigationBarHeight_;
-    }
+    double navigationBarHeight() const override { return dispatch::loadLocked(mutex_, navigationBarHeight_); }
     void setNavigationBarHeight(double height) override {
-        std::lock_guard lock(mutex_);
-        navigationBarHeight_ = height;
+        dispatch::storeLocked(mutex_, navigationBarHeight_, height);
     }
-    std::shared_ptr<PickerView> view() const override {
-        std::lock_guard lock(mutex_);
-        return view_;
-    }
+    std::shared_ptr<PickerView> view() const override { return dispatch::loadLocked(mutex_, view_); }
     void setView(std::shared_ptr<PickerView> view) override {
-        std::lock_guard lock(mutex_);
-        view_ = std::move(view);
+        dispatch::storeLocked(mutex_, view_, std::move(view));
     }
 
     void reloadData() override {
@@ -115,10 +105,7 @@ public:
         auto source = dataSource();
         return source ? source->viewControllerTitleForRowAtIndexPath(*this, indexPath) : std::string();
     }
-    bool allowsSelection() const override {
-        std::lock_guard lock(mutex_);
-        return allowsSelection_;
-    }
+    bool allowsSelection() const override { return dispatch::loadLocked(mutex_, allowsSelection_); }
 
     void tableViewDidSelectRowAtIndexPath(const IndexPath& indexPath) override {
         {
