@@ -533,7 +533,8 @@ TEST(SimGatt, WritesReachTheEmulatorAndAreAcknowledgedInOrder) {
     auto scale = r.h.addScale();
     auto p = r.connect(scale, true);
     r.rec->clear();
-    for (const auto& frame : wire::defaultConfigurationFrames().span()) Rig::write(p, frame);
+    const auto frames = wire::defaultConfigurationFrames();
+    for (const auto& frame : frames.span()) Rig::write(p, frame);
     Rig::write(p, wire::kCommandCharacteristic, bt::Bytes(wire::tareFrame().span()),
                bt::WriteType::WithoutResponse);
     r.h.settle();
