@@ -25,7 +25,6 @@ public:
     void setDelegate(std::weak_ptr<bt::CentralDelegate> delegate) override {
         std::lock_guard lock(mutex_);
         delegate_ = std::move(delegate);
-        ++delegateSets_;
     }
     std::string queueLabel() const override { return label_; }
     bool isOnQueue() const override { return false; }
@@ -72,10 +71,6 @@ public:
         std::lock_guard lock(mutex_);
         ops_.clear();
     }
-    int delegateSets() const {
-        std::lock_guard lock(mutex_);
-        return delegateSets_;
-    }
 
     bt::ManagerState state_ = bt::ManagerState::Unknown;
     std::string label_;
@@ -85,7 +80,6 @@ private:
     mutable std::mutex mutex_;
     std::weak_ptr<bt::CentralDelegate> delegate_;
     std::vector<std::string> ops_;
-    int delegateSets_ = 0;
 };
 
 class RecordingBackend final : public bt::Backend {

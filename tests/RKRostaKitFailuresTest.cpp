@@ -64,27 +64,19 @@ struct LinkFailureCase {
     KindTest kind;
 };
 
-// The platform codes map alike in both modes; a failure without an error does not.
-std::vector<LinkFailureCase> linkFailureCases() {
-    const std::vector<LinkFailureCase> codes = {
-        {Mode::Auto, 10, std::nullopt, nullptr},
-        {Mode::Auto, 11, 103, &kindIs<RKErrorLEConnectionUnknownC>},
-        {Mode::Auto, 12, 104, &kindIs<RKErrorLEConnectionInvalidParametersC>},
-        {Mode::Auto, 13, 105, &kindIs<RKErrorLEConnectionInvalidHandleC>},
-        {Mode::Auto, 14, 106, &kindIs<RKErrorLEConnectionTimeoutC>},
-        {Mode::Auto, 15, std::nullopt, nullptr},
-    };
-    std::vector<LinkFailureCase> all;
-    for (const Mode mode : {Mode::Auto, Mode::Picker}) {
-        for (auto c : codes) {
-            c.mode = mode;
-            all.push_back(c);
-        }
-    }
-    all.push_back({Mode::Auto, std::nullopt, 105, &kindIs<RKErrorLEConnectionInvalidHandleC>});
-    all.push_back({Mode::Picker, std::nullopt, 110, &plain});
-    return all;
-}
+// The code mapping is checked in auto mode; picker mode checks the routing.
+const std::vector<LinkFailureCase> kLinkFailures = {
+    {Mode::Auto, 10, std::nullopt, nullptr},
+    {Mode::Auto, 11, 103, &kindIs<RKErrorLEConnectionUnknownC>},
+    {Mode::Auto, 12, 104, &kindIs<RKErrorLEConnectionInvalidParametersC>},
+    {Mode::Auto, 13, 105, &kindIs<RKErrorLEConnectionInvalidHandleC>},
+    {Mode::Auto, 14, 106, &kindIs<RKErrorLEConnectionTimeoutC>},
+    {Mode::Auto, 15, std::nullopt, nullptr},
+    {Mode::Auto, std::nullopt, 105, &kindIs<RKErrorLEConnectionInvalidHandleC>},
+    {Mode::Picker, 10, std::nullopt, nullptr},
+    {Mode::Picker, 14, 106, &kindIs<RKErrorLEConnectionTimeoutC>},
+    {Mode::Picker, std::nullopt, 110, &plain},
+};
 
 class KitLinkFailure : public FailureFixture, public ::testing::WithParamInterface<LinkFailureCase> {};
 
@@ -129,12 +121,10 @@ TEST_P(KitLinkFailure, IsReportedByModeAndRescannedOnlyInAutoMode) {
     EXPECT_EQ(delegate->offMainThread, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Matrix, KitLinkFailure, ::testing::ValuesIn(linkFailureCases()),
-                         [](const auto& info) {
-                             const auto& c = info.param;
-                             return modeName(c.mode) +
-                                    (c.platformCode ? "Code" + std::to_string(*c.platformCode) : "NoError");
-                         });
+INSTANTIATE_TEST_SUITE_P(Matrix, KitLinkFailure, ::testing::ValuesIn(kLinkFailures), [](const auto& info) {
+    const auto& c = info.param;
+    return modeName(c.mode) + (c.platformCode ? "Code" + std::to_string(*c.platformCode) : "NoError");
+});
 
 // --- Device failures, as the kit receives them ------------------------------------------------------
 
@@ -152,26 +142,23 @@ bool toDelegate(const DeviceFailureCase& c) {
     return c.mode == Mode::Auto || c.deviceCode.value_or(0) == 1004 || c.deviceCode.value_or(0) == 1005;
 }
 
-std::vector<DeviceFailureCase> deviceFailureCases() {
-    const std::vector<DeviceFailureCase> codes = {
-        {Mode::Auto, 1000, 108, &kindIs<RKErrorLEInvalidDeviceC>, true},
-        {Mode::Auto, 1001, 108, &kindIs<RKErrorLEInvalidDeviceC>, true},
-        {Mode::Auto, 1002, 107, &kindIs<RKErrorLEValidationC>, true},
-        {Mode::Auto, 1003, 107, &kindIs<RKErrorLEValidationC>, true},
-        {Mode::Auto, 1004, 109, &kindIs<RKErrorLEWriteC>, false},
-        {Mode::Auto, 1005, 109, &kindIs<RKErrorLEReadC>, false},
-        {Mode::Auto, 1234, std::nullopt, nullptr, true},
-        {Mode::Auto, std::nullopt, 110, &plain, false},
-    };
-    std::vector<DeviceFailureCase> all;
-    for (const Mode mode : {Mode::Auto, Mode::Picker}) {
-        for (auto c : codes) {
-            c.mode = mode;
-            all.push_back(c);
-        }
-    }
-    return all;
-}
+// The code mapping is checked in auto mode; picker mode checks the routing.
+const std::vector<DeviceFailureCase> kDeviceFailures = {
+    {Mode::Auto, 1000, 108, &kindIs<RKErrorLEInvalidDeviceC>, true},
+    {Mode::Auto, 1001, 108, &kindIs<RKErrorLEInvalidDeviceC>, true},
+    {Mode::Auto, 1002, 107, &kindIs<RKErrorLEValidationC>, true},
+    {Mode::Auto, 1003, 107, &kindIs<RKErrorLEValidationC>, true},
+    {Mode::Auto, 1004, 109, &kindIs<RKErrorLEWriteC>, false},
+    {Mode::Auto, 1005, 109, &kindIs<RKErrorLEReadC>, false},
+    {Mode::Auto, 1234, std::nullopt, nullptr, true},
+    {Mode::Auto, std::nullopt, 110, &plain, false},
+    {Mode::Picker, 1001, 108, &kindIs<RKErrorLEInvalidDeviceC>, true},
+    {Mode::Picker, 1003, 107, &kindIs<RKErrorLEValidationC>, true},
+    {Mode::Picker, 1004, 109, &kindIs<RKErrorLEWriteC>, false},
+    {Mode::Picker, 1005, 109, &kindIs<RKErrorLEReadC>, false},
+    {Mode::Picker, 999, std::nullopt, nullptr, true},
+    {Mode::Picker, std::nullopt, 110, &plain, false},
+};
 
 class KitDeviceFailure : public FailureFixture, public ::testing::WithParamInterface<DeviceFailureCase> {};
 
@@ -225,7 +212,7 @@ TEST_P(KitDeviceFailure, IsTranslatedAndTearsDownOnlySetUpFailures) {
     EXPECT_EQ(delegate->offMainThread, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Matrix, KitDeviceFailure, ::testing::ValuesIn(deviceFailureCases()),
+INSTANTIATE_TEST_SUITE_P(Matrix, KitDeviceFailure, ::testing::ValuesIn(kDeviceFailures),
                          [](const auto& info) {
                              const auto& c = info.param;
                              return modeName(c.mode) +
