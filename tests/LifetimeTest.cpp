@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "RKRostaKitTestSupport.h"
+#include "support/KitTestSupport.h"
 
 namespace plenk::test {
 namespace {

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "RKRostaKitTestSupport.h"
+#include "support/KitTestSupport.h"
 
 namespace plenk::test {
 namespace {
