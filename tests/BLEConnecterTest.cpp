@@ -9,8 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "ble/BLEConnecter.h"
+#include "ble/BLEConnecterCore.h"
 #include "bt/Backend.h"
+#include "support/ForeignPeripheral.h"
 #include "support/SimHarness.h"
 
 namespace plenk {
@@ -24,7 +25,6 @@ public:
     void setDelegate(std::weak_ptr<bt::CentralDelegate> delegate) override {
         std::lock_guard lock(mutex_);
         delegate_ = std::move(delegate);
-        ++delegateSets_;
     }
     std::string queueLabel() const override { return label_; }
     bool isOnQueue() const override { return false; }
@@ -71,10 +71,6 @@ public:
         std::lock_guard lock(mutex_);
         ops_.clear();
     }
-    int delegateSets() const {
-        std::lock_guard lock(mutex_);
-        return delegateSets_;
-    }
 
     bt::ManagerState state_ = bt::ManagerState::Unknown;
     std::string label_;
@@ -84,7 +80,6 @@ private:
     mutable std::mutex mutex_;
     std::weak_ptr<bt::CentralDelegate> delegate_;
     std::vector<std::string> ops_;
-    int delegateSets_ = 0;
 };
 
 class RecordingBackend final : public bt::Backend {
@@ -107,6 +102,7 @@ public:
     std::optional<std::string> name() const override { return "Plenk Scale"; }
     bt::Uuid identifier() const override { return id_; }
     bt::PeripheralState state() const override { return bt::PeripheralState::Disconnected; }
+    std::optional<int> rssi() const override { return std::nullopt; }
     std::vector<bt::ServicePtr> services() const override { return {}; }
     void setDelegate(std::weak_ptr<bt::PeripheralDelegate>) override {}
     std::shared_ptr<bt::PeripheralDelegate> delegate() const override { return nullptr; }
@@ -126,24 +122,24 @@ private:
 struct Heard {
     std::string event;
     std::optional<ConnecterUserInfo> userInfo;
-    bt::PeripheralPtr peripheral;
+    PeripheralPtr peripheral;
     std::vector<std::string> opsAtCall;
 };
 
 class RecordingDelegate : public BLEConnecterDelegate {
 public:
-    void connecterDidDiscoverPeripheral(BLEConnecter&, const bt::PeripheralPtr& p) override {
+    void connecterDidDiscoverPeripheral(BLEConnecter&, const PeripheralPtr& p) override {
         add({"discover", std::nullopt, p, {}});
     }
-    void connecterDidConnectPeripheralUserInfo(BLEConnecter&, const bt::PeripheralPtr& p,
+    void connecterDidConnectPeripheralUserInfo(BLEConnecter&, const PeripheralPtr& p,
                                                const ConnecterUserInfo& info) override {
         add({"connect", info, p, {}});
     }
-    void connecterDidDisconnectPeripheralUserInfo(BLEConnecter&, const bt::PeripheralPtr& p,
+    void connecterDidDisconnectPeripheralUserInfo(BLEConnecter&, const PeripheralPtr& p,
                                                   const ConnecterUserInfo& info) override {
         add({"disconnect", info, p, {}});
     }
-    void connecterDidFailToConnectPeripheralUserInfo(BLEConnecter&, const bt::PeripheralPtr& p,
+    void connecterDidFailToConnectPeripheralUserInfo(BLEConnecter&, const PeripheralPtr& p,
                                                      const std::optional<ConnecterUserInfo>& info) override {
         add({"fail", info, p, {}});
     }
@@ -177,7 +173,7 @@ protected:
         Context context;
         context.backend = backend;
         context.log = LogSink::discard();
-        connecter = BLEConnecter::create(delegate, context);
+        connecter = BLEConnecterCore::create(delegate, context);
         ASSERT_EQ(backend->centrals.size(), 1u);
         central = backend->centrals[0];
         delegate->central = central;
@@ -186,23 +182,17 @@ protected:
 
     std::shared_ptr<RecordingBackend> backend = std::make_shared<RecordingBackend>();
     std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
-    std::shared_ptr<BLEConnecter> connecter;
+    std::shared_ptr<BLEConnecterCore> connecter;
     std::shared_ptr<RecordingCentral> central;
     bt::PeripheralPtr peripheral = std::make_shared<InertPeripheral>();
 };
 
-TEST_F(ConnecterWithRecordingCentral, CreatesItsCentralOnTheCorebluetoothQueue) {
-    EXPECT_EQ(central->label_, "Corebluetooth");
-    EXPECT_EQ(connecter->cbManager(), central);
-    EXPECT_EQ(connecter->delegate(), delegate);
-    EXPECT_NE(central->delegate(), nullptr);
-}
-
 TEST_F(ConnecterWithRecordingCentral, CommandsIssueExactlyTheseCentralCalls) {
     struct Case {
         const char* name;
-        std::function<void(BLEConnecter&, const bt::PeripheralPtr&)> command;
+        std::function<void(BLEConnecter&, const PeripheralPtr&)> command;
         std::vector<std::string> ops;
+        bool onAPeripheral = false;
     };
     const std::vector<Case> cases = {
         {"scanDevices", [](auto& c, auto&) { c.scanDevices(); }, {"scan all nodup"}},
@@ -212,27 +202,36 @@ TEST_F(ConnecterWithRecordingCentral, CommandsIssueExactlyTheseCentralCalls) {
         {"stopScan", [](auto& c, auto&) { c.stopScan(); }, {"stopScan"}},
         {"connect cancels first",
          [](auto& c, auto& p) { c.connectDeviceWithPeripheral(p); },
-         {"cancel", "connect onConnect"}},
+         {"cancel", "connect onConnect"},
+         true},
         {"retrieveDevice connects without cancel",
          [](auto& c, auto& p) { c.retrieveDeviceWithPeripheral(p); },
-         {"connect onConnect onDisconnect"}},
-        {"disconnect", [](auto& c, auto& p) { c.disconnect(p); }, {"cancel"}},
-        {"cancelConnect", [](auto& c, auto& p) { c.cancelConnectDeviceWithPeripheral(p); }, {"cancel"}},
+         {"connect onConnect onDisconnect"},
+         true},
+        {"disconnect", [](auto& c, auto& p) { c.disconnect(p); }, {"cancel"}, true},
+        {"cancelConnect", [](auto& c, auto& p) { c.cancelConnectDeviceWithPeripheral(p); }, {"cancel"}, true},
         {"disconnectedAlert does nothing", [](auto& c, auto&) { c.disconnectedAlert(); }, {}},
     };
+    // A handle the library did not hand out, or none, reaches no central.
+    const PeripheralPtr foreign = std::make_shared<test::ForeignPeripheral>();
     for (const auto& c : cases) {
         central->clear();
         c.command(*connecter, peripheral);
         EXPECT_EQ(central->ops(), c.ops) << c.name;
+        if (!c.onAPeripheral) continue;
+        central->clear();
+        c.command(*connecter, foreign);
+        c.command(*connecter, nullptr);
+        EXPECT_TRUE(central->ops().empty()) << c.name;
     }
 }
 
 TEST_F(ConnecterWithRecordingCentral, RetrieveOperationsReturnTheCentralsLists) {
     central->retrieved = {peripheral};
     EXPECT_EQ(connecter->retrieveConnectedPeripheralWithServiceUUIDs({bt::Uuid::from16(0xFF08)}),
-              std::vector<bt::PeripheralPtr>{peripheral});
+              std::vector<PeripheralPtr>{peripheral});
     EXPECT_EQ(connecter->retrievePeripheralWithIdentifiers({peripheral->identifier(), bt::Uuid::random()}),
-              std::vector<bt::PeripheralPtr>{peripheral});
+              std::vector<PeripheralPtr>{peripheral});
     EXPECT_EQ(central->ops(), (std::vector<std::string>{"retrieveConnected 1", "retrieveKnown 2"}));
     EXPECT_TRUE(delegate->heard().empty());
 }
@@ -274,39 +273,6 @@ TEST_F(ConnecterWithRecordingCentral, RadioStatesMapToKeysAndStopScanBeforeTheDe
     }
 }
 
-TEST_F(ConnecterWithRecordingCentral, LinkEventsCarryOneKeyAndTheRightValue) {
-    auto error = Error::make(std::string(kPlatformErrorDomain), 6);
-
-    events().centralManagerDidDiscoverPeripheralAdvertisementDataRSSI(*central, peripheral, {}, -40);
-    events().centralManagerDidConnectPeripheral(*central, peripheral);
-    events().centralManagerDidDisconnectPeripheralError(*central, peripheral, nullptr);
-    events().centralManagerDidDisconnectPeripheralError(*central, peripheral, error);
-    events().centralManagerDidFailToConnectPeripheralError(*central, peripheral, error);
-    events().centralManagerDidFailToConnectPeripheralError(*central, peripheral, nullptr);
-
-    const auto heard = delegate->heard();
-    ASSERT_EQ(heard.size(), 6u);
-    for (const auto& h : heard) EXPECT_EQ(h.peripheral, peripheral) << h.event;
-
-    EXPECT_EQ(heard[0].event, "discover");
-    EXPECT_EQ(heard[1].event, "connect");
-    EXPECT_EQ(heard[1].userInfo->key, kBleConneted);
-    EXPECT_EQ(heard[1].userInfo->peripheral(), peripheral);
-    EXPECT_EQ(heard[2].userInfo->key, kBleDisconnected);
-    EXPECT_EQ(heard[2].userInfo->peripheral(), peripheral);
-    // The disconnect error itself is not passed on, only the key says so.
-    EXPECT_EQ(heard[3].userInfo->key, kBleErrorDisconnected);
-    EXPECT_EQ(heard[3].userInfo->peripheral(), peripheral);
-    EXPECT_EQ(heard[3].userInfo->error(), nullptr);
-    EXPECT_EQ(heard[4].event, "fail");
-    EXPECT_EQ(heard[4].userInfo->key, kBleErrorConnectionError);
-    EXPECT_EQ(heard[4].userInfo->error(), error);
-    EXPECT_EQ(heard[5].event, "fail");
-    EXPECT_FALSE(heard[5].userInfo.has_value());
-    // Events never issue commands.
-    EXPECT_TRUE(central->ops().empty());
-}
-
 TEST_F(ConnecterWithRecordingCentral, RetrievedPeripheralsAreConnectedOnTheReportingCentralSilently) {
     RecordingCentral other;
     auto second = std::make_shared<InertPeripheral>();
@@ -331,33 +297,21 @@ TEST_F(ConnecterWithRecordingCentral, ADelegateThatIsGoneOrUnsetHearsNothing) {
     EXPECT_EQ(connecter->delegate(), nullptr);
 }
 
-TEST_F(ConnecterWithRecordingCentral, DestructionDetachesFromTheCentral) {
-    const int sets = central->delegateSets();
+// One central on the "Corebluetooth" queue; a new one replaces it without
+// stopping or detaching the old; destruction detaches the current one.
+TEST_F(ConnecterWithRecordingCentral, OwnsOneCentralAndDetachesOnDestruction) {
+    EXPECT_EQ(central->label_, "Corebluetooth");
+    connecter->createCBManager();
+    ASSERT_EQ(backend->centrals.size(), 2u);
+    auto replacement = backend->centrals[1];
+    EXPECT_EQ(connecter->cbManager(), replacement);
+    EXPECT_TRUE(central->ops().empty());
+    EXPECT_NE(central->delegate(), nullptr);
+
     std::weak_ptr<BLEConnecter> weak = connecter;
     connecter.reset();
     EXPECT_TRUE(weak.expired());
-    EXPECT_EQ(central->delegateSets(), sets + 1);
-    EXPECT_EQ(central->delegate(), nullptr);
-}
-
-TEST_F(ConnecterWithRecordingCentral, CreateCBManagerReplacesTheCentral) {
-    connecter->createCBManager();
-    ASSERT_EQ(backend->centrals.size(), 2u);
-    EXPECT_EQ(connecter->cbManager(), backend->centrals[1]);
-    // The old one is neither stopped nor detached.
-    EXPECT_TRUE(central->ops().empty());
-    EXPECT_NE(central->delegate(), nullptr);
-}
-
-TEST(BLEConnecterInit, WithoutDelegateStillOwnsACentral) {
-    auto backend = std::make_shared<RecordingBackend>();
-    Context context;
-    context.backend = backend;
-    auto connecter = BLEConnecter::create(context);
-    EXPECT_EQ(connecter->delegate(), nullptr);
-    ASSERT_EQ(backend->centrals.size(), 1u);
-    backend->centrals[0]->state_ = bt::ManagerState::PoweredOn;
-    backend->centrals[0]->delegate()->centralManagerDidUpdateState(*backend->centrals[0]);  // nobody to tell
+    EXPECT_EQ(replacement->delegate(), nullptr);
 }
 
 TEST(BLEConnecterCBUUIDToInt, SignExtendsTheSecondByte) {
@@ -397,7 +351,7 @@ protected:
         delegate->onEvent = [this] {
             if (!connecter->cbManager()->isOnQueue()) ++offQueue;
         };
-        connecter = BLEConnecter::create(delegate, h.context);
+        connecter = BLEConnecterCore::create(delegate, h.context);
         h.settle();
     }
     std::vector<std::string> keys() const {
@@ -410,50 +364,13 @@ protected:
 
     test::SimHarness h;
     std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
-    std::shared_ptr<BLEConnecter> connecter;
+    std::shared_ptr<BLEConnecterCore> connecter;
     std::atomic<int> offQueue{0};
 };
 
-TEST_F(ConnecterOnSim, PoweringOffStopsTheScan) {
-    h.world->setRadioState(bt::ManagerState::PoweredOn);
-    h.settle();
-    connecter->scanDevices();
-    EXPECT_TRUE(connecter->cbManager()->isScanning());
-    h.world->setRadioState(bt::ManagerState::PoweredOff);
-    h.settle();
-    EXPECT_FALSE(connecter->cbManager()->isScanning());
-    h.world->setRadioState(bt::ManagerState::PoweredOn);
-    h.settle();
-    EXPECT_FALSE(connecter->cbManager()->isScanning());  // power-on starts nothing
-    EXPECT_EQ(keys(),
-              (std::vector<std::string>{"state ble_power_on", "state ble_power_off", "state ble_power_on"}));
-}
-
-TEST_F(ConnecterOnSim, AScanReportsEachAdvertiserOnce) {
-    h.world->setTimings(sim::Timings{std::chrono::milliseconds(100), {}, {}});
-    h.addScale("Plenk A");
-    h.addScale("Plenk B");
-    h.world->setRadioState(bt::ManagerState::PoweredOn);
-    h.settle();
-    connecter->scanDevices();
-    h.advance(std::chrono::seconds(1));  // ten advertising intervals
-    EXPECT_EQ(keys(), (std::vector<std::string>{"state ble_power_on", "discover", "discover"}));
-}
-
-TEST_F(ConnecterOnSim, TheFirmwareUpdateScanSeesOnlyTheBootloader) {
-    h.addScale();
-    sim::PeripheralOptions bootloader;
-    bootloader.name = "DfuTarg";
-    bootloader.advertisedServices = {bt::Uuid::fromString("00001530-1212-EFDE-1523-785FEABCD123")};
-    auto target = h.world->addPeripheral(bootloader);
-    h.world->setRadioState(bt::ManagerState::PoweredOn);
-    h.settle();
-    connecter->scanDFUDevices();
-    h.settle();
-    EXPECT_EQ(keys(), (std::vector<std::string>{"state ble_power_on", "discover"}));
-    EXPECT_EQ(delegate->heard().back().peripheral->identifier(), target->identifier());
-}
-
+// Events arrive on the central's queue with one key each: a connection error
+// is passed on, a disconnect error only through its key, a failure without an
+// error has no user info.
 TEST_F(ConnecterOnSim, LinkEventsFromTheRadio) {
     auto scale = h.addScale();
     h.world->setRadioState(bt::ManagerState::PoweredOn);
@@ -464,63 +381,34 @@ TEST_F(ConnecterOnSim, LinkEventsFromTheRadio) {
 
     scale->queueConnectResult(sim::ConnectResult::failWithCode(kPlatformConnectionTimeout));
     scale->queueConnectResult(sim::ConnectResult::fail());
-    connecter->connectDeviceWithPeripheral(p);
-    h.settle();
-    connecter->connectDeviceWithPeripheral(p);
-    h.settle();
-    connecter->connectDeviceWithPeripheral(p);
-    h.settle();
+    for (int i = 0; i < 3; ++i) {
+        connecter->connectDeviceWithPeripheral(p);
+        h.settle();
+    }
     scale->dropLink(platformError(kPlatformConnectionTimeout));
     h.settle();
-    connecter->connectDeviceWithPeripheral(p);
+    connecter->retrieveDeviceWithPeripheral(p);  // despite its name, it connects
     h.settle();
     connecter->disconnect(p);
     h.settle();
+    h.world->setRadioState(bt::ManagerState::PoweredOff);
+    h.settle();
 
-    EXPECT_EQ(keys(),
-              (std::vector<std::string>{"state ble_power_on", "fail ble_error_connection_error", "fail",
-                                        "connect ble_conneted", "disconnect ble_error_disconnected",
-                                        "connect ble_conneted", "disconnect ble_disconnected"}));
+    EXPECT_EQ(keys(), (std::vector<std::string>{"state ble_power_on", "fail ble_error_connection_error",
+                                                "fail", "connect ble_conneted",
+                                                "disconnect ble_error_disconnected", "connect ble_conneted",
+                                                "disconnect ble_disconnected", "state ble_power_off"}));
     const auto heard = delegate->heard();
     EXPECT_EQ(heard[1].userInfo->error()->code(), kPlatformConnectionTimeout);
-    for (std::size_t i = 1; i < heard.size(); ++i) EXPECT_EQ(heard[i].peripheral, p) << i;
-    EXPECT_EQ(heard[3].userInfo->peripheral(), p);
+    EXPECT_EQ(heard[4].userInfo->error(), nullptr);
+    for (std::size_t i = 1; i + 1 < heard.size(); ++i) {
+        EXPECT_EQ(heard[i].peripheral, p) << i;
+        if (heard[i].userInfo && i != 1) {
+            EXPECT_EQ(heard[i].userInfo->peripheral(), p) << i;
+        }
+    }
+    EXPECT_EQ(heard.back().userInfo->connecter(), connecter.get());
     EXPECT_EQ(offQueue, 0);
-}
-
-TEST_F(ConnecterOnSim, ConnectingAgainDropsAHangingAttempt) {
-    auto scale = h.addScale();
-    h.world->setRadioState(bt::ManagerState::PoweredOn);
-    h.settle();
-    const auto p = connecter->retrievePeripheralWithIdentifiers({scale->identifier()}).at(0);
-    scale->queueConnectResult(sim::ConnectResult::hang());
-    connecter->connectDeviceWithPeripheral(p);
-    h.advance(std::chrono::seconds(5));
-    EXPECT_EQ(p->state(), bt::PeripheralState::Connecting);
-    connecter->connectDeviceWithPeripheral(p);
-    h.settle();
-    EXPECT_EQ(p->state(), bt::PeripheralState::Connected);
-    EXPECT_EQ(keys(), (std::vector<std::string>{"state ble_power_on", "connect ble_conneted"}));
-}
-
-TEST_F(ConnecterOnSim, RetrievesWhatTheSystemHolds) {
-    auto held = h.addScale("Plenk Held");
-    held->setConnectedToSystem(true);
-    auto other = h.addScale("Plenk Other");
-    other->setKnownToSystem(false);
-    h.world->setRadioState(bt::ManagerState::PoweredOn);
-    h.settle();
-    const auto connected = connecter->retrieveConnectedPeripheralWithServiceUUIDs({bt::Uuid::from16(0xFF08)});
-    ASSERT_EQ(connected.size(), 1u);
-    EXPECT_EQ(connected[0]->identifier(), held->identifier());
-    EXPECT_TRUE(connecter->retrieveConnectedPeripheralWithServiceUUIDs({bt::Uuid::from16(0x1234)}).empty());
-    EXPECT_TRUE(connecter->retrievePeripheralWithIdentifiers({other->identifier()}).empty());
-
-    // Despite its name, retrieveDeviceWithPeripheral connects.
-    connecter->retrieveDeviceWithPeripheral(connected[0]);
-    h.settle();
-    EXPECT_EQ(connected[0]->state(), bt::PeripheralState::Connected);
-    EXPECT_EQ(keys().back(), "connect ble_conneted");
 }
 
 }  // namespace

@@ -1,40 +1,15 @@
 // The public facade: every kit event once more hopped onto the main queue for
-// the host's delegate, the host operations, the deliberate auto-connect
-// mismatch, and lifetimes (delegate, data source or facade released with work
-// still queued).
+// the host's delegate, in event order with the completions, the host
+// operations, the deliberate auto-connect mismatch, and lifetimes (delegate, data source or facade released
+// with work still queued).
 
-#include "RKRostaKitTestSupport.h"
+#include "support/KitTestSupport.h"
 #include "wire/GattUuids.h"
 
 namespace plenk::test {
 namespace {
 
-class RecordingPlenkDelegate final : public PKPlenkDelegate, public HostEvents {
-public:
-    explicit RecordingPlenkDelegate(std::shared_ptr<RunLoop> main) : main_(std::move(main)) {}
-    void plenkDidConnected(PKPlenk&) override { add(main_, "connected"); }
-    void plenkDidDisconnected(PKPlenk&) override { add(main_, "disconnected"); }
-    void plenkDidErrorOccur(PKPlenk&, const ErrorPtr& error) override {
-        {
-            std::lock_guard lock(mutex);
-            errors.push_back(error);
-        }
-        add(main_, "error " + std::to_string(error->code()));
-    }
-    void plenkWeightDidUpdate(float weight) override {
-        {
-            std::lock_guard lock(mutex);
-            weights.push_back(weight);
-        }
-        add(main_, weightEvent(weight));
-    }
-    void plenkDeviceDidClickButton(std::uint64_t button) override {
-        add(main_, "button " + std::to_string(button));
-    }
-
-private:
-    std::shared_ptr<RunLoop> main_;
-};
+using Log = std::vector<std::string>;
 
 class Facade : public ::testing::Test {
 protected:
@@ -55,15 +30,19 @@ protected:
     }
 
     SimHarness h;
-    std::shared_ptr<RecordingPlenkDelegate> host = std::make_shared<RecordingPlenkDelegate>(h.mainLoop);
+    std::shared_ptr<RecordingDelegate> host = std::make_shared<RecordingDelegate>(h.mainLoop);
     std::shared_ptr<PKPlenk> plenk;
 };
 
-TEST_F(Facade, ConnectionAndWeightsReachTheHostOnTheMainQueue) {
+TEST_F(Facade, EventsReachTheHostOnTheMainQueueAndCommandsTheScale) {
     auto scale = h.addScale();
     make();
     h.settle();
     EXPECT_TRUE(plenk->isConnected());
+    scale->clearWrites();
+    plenk->tare();
+    h.settle();
+    EXPECT_EQ(commandFrames(scale), (std::vector<std::vector<std::uint8_t>>{{0x10}}));
     scale->notify(wire::kDataCharacteristic, weightPacket(scale, 12.5f));
     h.settle();
     scale->pressButton(0);
@@ -87,30 +66,34 @@ TEST_F(Facade, KitEventsAreQueuedNeverDeliveredInsideTheKitsCall) {
     h.mainLoop->runUntilIdle();
     EXPECT_EQ(host->snapshot(), (std::vector<std::string>{"weight 12.5", "error 109", "button 1",
                                                           "disconnected", "connected"}));
-    std::lock_guard lock(host->mutex);
-    EXPECT_EQ(host->weights, (std::vector<float>{12.5f}));  // exactly, no conversion
-    EXPECT_TRUE(isKind<RKErrorLEWriteC>(host->errors.at(0)));
+    EXPECT_EQ(host->weights(), (std::vector<float>{12.5f}));  // exactly, no conversion
+    EXPECT_TRUE(isKind<RKErrorLEWriteC>(host->errors().at(0)));
 }
 
-TEST_F(Facade, AScaleWeightTakesTwoHops) {
+// Completions and delegate events reach the host in the order they happened:
+// a weight notified before a battery answer arrives first, and the picker's
+// success follows plenkDidConnected.
+TEST_F(Facade, CompletionsAndEventsArriveInEventOrder) {
     auto scale = h.addScale();
-    make();
+    make(false);
     h.settle();
-    std::vector<std::string> order;
-    auto record = [&](std::string what) { order.push_back(std::move(what)); };
-    struct Hook final : PKPlenkDelegate {
-        std::function<void(std::string)> record;
-        void plenkWeightDidUpdate(float) override { record("host"); }
-    };
-    auto hook = std::make_shared<Hook>();
-    hook->record = record;
-    plenk->setDelegate(hook);
+    auto presenter = std::make_shared<RecordingPresenter>();
+    plenk->showDevicePickerOnViewContoller(
+        presenter, [this](const ErrorPtr& error) { host->add(error ? "picker error" : "picker success"); });
+    h.settle();
+    ASSERT_NE(presenter->presented, nullptr);
+    presenter->presented->tableViewDidSelectRowAtIndexPath({0, 0});
+    h.settle();
+    ASSERT_TRUE(plenk->isConnected());
 
-    scale->notify(wire::kDataCharacteristic, weightPacket(scale, 1.0f));
-    h.world->drainQueues();  // the kit's task is now on the main queue
-    h.mainLoop->post([&] { record("marker"); });
-    h.mainLoop->runUntilIdle();
-    EXPECT_EQ(order, (std::vector<std::string>{"marker", "host"}));
+    // Both events wait on the Bluetooth queue, the weight first.
+    scale->notify(wire::kDataCharacteristic, weightPacket(scale, 3.0f));
+    plenk->readPlenkBatteryLifeWithCompletion(
+        [this](std::int64_t level) { host->add("battery " + std::to_string(level)); });
+    h.settle();
+    EXPECT_EQ(host->snapshot(),
+              (std::vector<std::string>{"connected", "picker success", "weight 3", "battery 85"}));
+    EXPECT_EQ(host->offMainThread, 0);
 }
 
 TEST_F(Facade, AutoConnectFlagStartsOffWhileTheKitAutoConnects) {
@@ -125,66 +108,29 @@ TEST_F(Facade, AutoConnectFlagStartsOffWhileTheKitAutoConnects) {
     EXPECT_FALSE(plenk->rosta()->isAutoConnectEnabled());
 }
 
-TEST_F(Facade, DisconnectAndFakeInterruptSetTheContinuousFlagFirst) {
-    make();
+// Both set the continuous flag first, with or without a device: a fake
+// interrupt of a picked scale is held, a disconnect is not.
+TEST_F(Facade, FakeInterruptIsHeldAndDisconnectIsNot) {
+    auto scale = h.addScale();
+    make(false);
     auto kit = plenk->rosta();
-    plenk->disconnect();  // no device: the flag changes all the same
+    plenk->disconnect();
     EXPECT_FALSE(kit->isContinuousConnectionEnabled());
     plenk->fakeInterrupt();
     EXPECT_TRUE(kit->isContinuousConnectionEnabled());
-    plenk->disconnect();
-    EXPECT_FALSE(kit->isContinuousConnectionEnabled());
-}
-
-TEST_F(Facade, FakeInterruptOfAPickedScaleIsHeldAndDisconnectIsNot) {
-    auto scale = h.addScale();
-    make(false);
-    plenk->rosta()->scanDeivces();
+    kit->scanDeivces();
     h.settle();
     ASSERT_TRUE(plenk->isConnected());
 
     plenk->fakeInterrupt();
     h.settle();
-    EXPECT_TRUE(plenk->isConnected());
     EXPECT_EQ(scale->linkCount(), 1u);
-    EXPECT_EQ(host->snapshot(), (std::vector<std::string>{"connected"}));
-
+    EXPECT_EQ(host->snapshot(), Log{"connected"});
     plenk->disconnect();
     h.settle();
     EXPECT_FALSE(plenk->isConnected());
     EXPECT_EQ(scale->linkCount(), 0u);
-    EXPECT_EQ(host->snapshot(), (std::vector<std::string>{"connected", "disconnected"}));
-}
-
-TEST_F(Facade, CommandsAndBatteryReadAreForwarded) {
-    auto scale = h.addScale();
-    make();
-    h.settle();
-    scale->clearWrites();
-    plenk->tare();
-    plenk->setLEDDisplayOn(false);
-    std::vector<std::int64_t> levels;
-    plenk->readPlenkBatteryLifeWithCompletion([&](std::int64_t level) { levels.push_back(level); });
-    h.settle();
-    std::vector<std::vector<std::uint8_t>> frames;
-    for (const auto& w : scale->writes()) frames.push_back(w.value.toVector());
-    EXPECT_EQ(frames, (std::vector<std::vector<std::uint8_t>>{{0x10}, {0xEE}}));
-    EXPECT_EQ(levels, (std::vector<std::int64_t>{85}));
-}
-
-TEST_F(Facade, PickerIsOpenedThroughTheKit) {
-    h.addScale();
-    make(false);
-    h.settle();
-    auto presenter = std::make_shared<RecordingPresenter>();
-    std::vector<ErrorPtr> results;
-    plenk->showDevicePickerOnViewContoller(presenter, [&](const ErrorPtr& e) { results.push_back(e); });
-    h.settle();
-    ASSERT_NE(presenter->presented, nullptr);
-    presenter->presented->tableViewDidSelectRowAtIndexPath({0, 0});
-    h.settle();
-    EXPECT_EQ(results, (std::vector<ErrorPtr>{nullptr}));
-    EXPECT_EQ(host->snapshot(), (std::vector<std::string>{"connected"}));
+    EXPECT_EQ(host->snapshot(), (Log{"connected", "disconnected"}));
 }
 
 // --- Lifetimes ---------------------------------------------------------------------------------------------
@@ -194,13 +140,13 @@ TEST_F(Facade, HostDelegateReleasedBeforeQueuedWorkRunsHearsNothing) {
     auto& kit = *plenk->rosta();
     plenk->rostaDidConnected(kit);
     plenk->rostaWeightDidUpdate(1.0f);
-    std::weak_ptr<RecordingPlenkDelegate> weak = host;
+    std::weak_ptr<RecordingDelegate> weak = host;
     host.reset();
     h.mainLoop->runUntilIdle();
     EXPECT_TRUE(weak.expired());
 
     // Cleared rather than released: the same.
-    auto second = std::make_shared<RecordingPlenkDelegate>(h.mainLoop);
+    auto second = std::make_shared<RecordingDelegate>(h.mainLoop);
     plenk->setDelegate(second);
     plenk->rostaWeightDidUpdate(2.0f);
     plenk->setDelegate({});

@@ -1,89 +1,58 @@
 // The kit's connection lifecycle on the simulated radio: finding and filtering
-// scales, the road of one connection and one weight, the tare of every fresh
-// connection, holding a dropped link, the reconnect watchdog and the rules of
-// the auto-connect flag.
+// scales, the tare of every fresh connection, holding a dropped link, the
+// radio state, the application notifications and the auto-connect flag.
 
 #include <chrono>
 
-#include "RKRostaKitTestSupport.h"
+#include "support/KitTestSupport.h"
 #include "wire/GattUuids.h"
 
 namespace plenk::test {
 namespace {
 
 using namespace std::chrono_literals;
+using Log = std::vector<std::string>;
 
 class KitLifecycle : public KitFixture {};
 
-TEST_F(KitLifecycle, AutoConnectsTheFirstScaleAndTaresIt) {
+TEST_F(KitLifecycle, AutoConnectsTheFirstScaleTaresItAndPassesWeightsUnchanged) {
     auto scale = h.addScale();
     makeKit();
     h.settle();
-
     EXPECT_EQ(kit->leState(), RKRostaKit::kLEStatePoweredOn);
-    EXPECT_TRUE(kit->isConnected());
-    EXPECT_EQ(delegate->snapshot(), (std::vector<std::string>{"connected"}));
     EXPECT_EQ(tares(scale), 1u);
     EXPECT_EQ(notes.count("Connect"), 1u);
     EXPECT_GE(notes.count("log: didDiscoverPeripheral"), 1u);
     EXPECT_FALSE(scanning());
     // An auto-connected scale is never held through a link loss.
     EXPECT_FALSE(kit->isContinuousConnectionEnabled());
-    EXPECT_EQ(delegate->offMainThread, 0);
-}
-
-TEST_F(KitLifecycle, EveryWeightReachesTheDelegateUnchangedAndInOrder) {
-    auto scale = h.addScale();
-    makeKit();
-    h.settle();
-    ASSERT_TRUE(kit->isConnected());
 
     const std::vector<float> sent{12.5f, -3.0f, 0.0f, 1234.5f, 12.5f};
     for (float grams : sent) scale->notify(wire::kDataCharacteristic, weightPacket(scale, grams));
     h.settle();
-
-    std::lock_guard lock(delegate->mutex);
-    EXPECT_EQ(delegate->weights, sent);
+    EXPECT_EQ(delegate->snapshot(),
+              (Log{"connected", "weight 12.5", "weight -3", "weight 0", "weight 1234.5", "weight 12.5"}));
+    EXPECT_EQ(delegate->weights(), sent);  // exactly, no conversion
     EXPECT_EQ(delegate->offMainThread, 0);
 }
 
-TEST_F(KitLifecycle, TextWeightsOfCoffeeScalesAreDecodedByName) {
-    auto scale = h.addScale("Coffee Scale", emulator::WeightFormat::Text);
-    makeKit();
-    h.settle();
-    scale->notify(wire::kDataCharacteristic, bt::Bytes{'3', '6', '4'});
-    h.settle();
-    std::lock_guard lock(delegate->mutex);
-    EXPECT_EQ(delegate->weights, (std::vector<float>{36.4f}));
+TEST(KitNameFilter, OnlyScaleNamesAreConnected) {
+    const std::vector<std::pair<std::optional<std::string>, bool>> names = {
+        {"My Plenk 2", true},  {"Coffee Scale", true},   {"Plenk", true},
+        {"plenk", false},      {"COFFEE", false},        {"Kitchen Scale", false},
+        {std::nullopt, false}, {"Plenk DfuTarg", false},  // an update target is connected only when armed
+    };
+    for (const auto& [name, accepted] : names) {
+        SimHarness h;
+        auto scale = h.addScale();
+        scale->setName(name);
+        auto kit = RKRostaKit::create(h.context);
+        h.settle();
+        EXPECT_EQ(scale->linkCount(), accepted ? 1u : 0u) << name.value_or("(no name)");
+        kit.reset();
+        h.settle();
+    }
 }
-
-struct NameCase {
-    std::optional<std::string> name;
-    bool accepted;
-};
-// Readable parameter names in test listings.
-[[maybe_unused]] void PrintTo(const NameCase& c, std::ostream* os) {
-    *os << c.name.value_or("(no name)");
-}
-
-class KitNameFilter : public KitFixture, public ::testing::WithParamInterface<NameCase> {};
-
-TEST_P(KitNameFilter, OnlyScaleNamesAreConnected) {
-    auto scale = h.addScale();
-    scale->setName(GetParam().name);
-    makeKit();
-    h.settle();
-    EXPECT_EQ(kit->isConnected(), GetParam().accepted);
-    EXPECT_EQ(scale->linkCount(), GetParam().accepted ? 1u : 0u);
-}
-
-INSTANTIATE_TEST_SUITE_P(Names, KitNameFilter,
-                         ::testing::Values(NameCase{"My Plenk 2", true}, NameCase{"Coffee Scale", true},
-                                           NameCase{"Plenk", true}, NameCase{"plenk", false},
-                                           NameCase{"COFFEE", false}, NameCase{"Kitchen Scale", false},
-                                           NameCase{std::nullopt, false},
-                                           // An update target is connected only when armed.
-                                           NameCase{"Plenk DfuTarg", false}));
 
 TEST_F(KitLifecycle, FirstAcceptableAdvertisementWinsAndASecondLinkIsRefused) {
     auto first = h.addScale("Plenk A");
@@ -91,7 +60,6 @@ TEST_F(KitLifecycle, FirstAcceptableAdvertisementWinsAndASecondLinkIsRefused) {
     makeKit();
     h.settle();
     EXPECT_EQ(first->linkCount() + second->linkCount(), 1u);
-    EXPECT_EQ(delegate->count("connected"), 1u);
 
     // A stray link-up while a device exists is dropped, not adopted.
     auto other = first->linkCount() == 1 ? second : first;
@@ -101,112 +69,100 @@ TEST_F(KitLifecycle, FirstAcceptableAdvertisementWinsAndASecondLinkIsRefused) {
     h.settle();
     EXPECT_EQ(other->linkCount(), 0u);
     EXPECT_EQ(kit->currentDevice(), device);
+    EXPECT_EQ(delegate->snapshot(), Log{"connected"});
 }
 
 TEST_F(KitLifecycle, LinkLossInAutoModeTearsDownAndConnectsAFreshTime) {
     auto scale = h.addScale();
     makeKit();
     h.settle();
-    ASSERT_TRUE(kit->isConnected());
     std::weak_ptr<RKDevice> firstDevice = kit->currentDevice();
 
     scale->dropLink(platformError(kPlatformConnectionTimeout));
     h.settle();
-
-    EXPECT_EQ(delegate->snapshot(), (std::vector<std::string>{"connected", "disconnected", "connected"}));
+    EXPECT_EQ(delegate->snapshot(), (Log{"connected", "disconnected", "connected"}));
     EXPECT_EQ(h.log->count(" $ normal disconnection "), 1u);
     EXPECT_TRUE(firstDevice.expired());
-    EXPECT_TRUE(kit->isConnected());
-    // Every fresh connection zeroes the scale once.
-    EXPECT_EQ(tares(scale), 2u);
+    EXPECT_EQ(tares(scale), 2u);  // every fresh connection zeroes the scale once
     EXPECT_EQ(notes.count("Reconnect"), 0u);
 }
 
-TEST_F(KitLifecycle, HeldConnectionComesBackSilently) {
-    auto scale = h.addScale();
-    connectHeld();
-    const auto device = kit->currentDevice();
-    notes.clear();
+// A held link that drops comes back silently on the same device, whether the
+// scale is reconnected directly or taken back from the system.
+class KitHeldRelink : public KitFixture {
+protected:
+    void dropAndRelink(bool systemHeld) {
+        auto scale = h.addScale();
+        connectHeld();
+        const auto device = kit->currentDevice();
+        scale->setConnectedToSystem(systemHeld);
+        notes.clear();
 
-    scale->dropLink(platformError(kPlatformConnectionTimeout));
-    h.settle();
+        scale->dropLink(platformError(kPlatformConnectionTimeout));
+        h.settle();
+        EXPECT_EQ(kit->currentDevice(), device);
+        EXPECT_EQ(scale->linkCount(), 1u);
+        EXPECT_EQ(notes.count("Reconnect"), 1u);
+        EXPECT_EQ(notes.count(systemHeld ? "log: $  connectedDevices count 1 "
+                                         : "log: $  retrieveDevices count 1 "),
+                  1u);
+        EXPECT_EQ(h.clock->pendingTimers(), 1u);  // the watchdog bounds both roads
 
-    EXPECT_TRUE(kit->isConnected());
-    EXPECT_EQ(kit->currentDevice(), device);  // the same device object took the new link
-    EXPECT_EQ(scale->linkCount(), 1u);
-    EXPECT_EQ(notes.count("Reconnect"), 1u);
-    EXPECT_EQ(notes.count("Connect"), 1u);
-    EXPECT_EQ(notes.count("log: $  connectedDevices count 0 "), 1u);
-    EXPECT_EQ(notes.count("log: $  retrieveDevices count 1 "), 1u);
-    EXPECT_EQ(notes.count("log: $  thePeripheral state 0 "), 1u);
-    EXPECT_EQ(delegate->snapshot(), (std::vector<std::string>{"connected"}));
-    EXPECT_EQ(tares(scale), 1u);
+        // The watchdog finds the link up and leaves it alone.
+        h.advance(3s);
+        EXPECT_EQ(notes.count("log: $  second thePeripheral state 2 "), 1u);
+        scale->notify(wire::kDataCharacteristic, weightPacket(scale, 7.0f));
+        h.settle();
+        EXPECT_EQ(delegate->snapshot(), (Log{"connected", "weight 7"}));
+        EXPECT_EQ(tares(scale), 1u);
+    }
+};
 
-    // The watchdog finds the link up and leaves it alone.
-    h.advance(3s);
-    EXPECT_EQ(notes.count("log: $  second thePeripheral state 2 "), 1u);
-    EXPECT_TRUE(kit->isConnected());
-    EXPECT_EQ(delegate->snapshot(), (std::vector<std::string>{"connected"}));
-
-    // Weights flow again through the renewed link.
-    scale->notify(wire::kDataCharacteristic, weightPacket(scale, 7.0f));
-    h.settle();
-    EXPECT_EQ(delegate->count("weight 7"), 1u);
+TEST_F(KitHeldRelink, Direct) {
+    dropAndRelink(false);
 }
 
-TEST_F(KitLifecycle, SystemHeldScaleIsTakenBackWithoutWatchdog) {
-    auto scale = h.addScale();
-    connectHeld();
-    scale->setConnectedToSystem(true);
-    notes.clear();
-
-    scale->dropLink();
-    h.settle();
-    EXPECT_EQ(notes.count("log: $  connectedDevices count 1 "), 1u);
-    EXPECT_EQ(notes.count("Reconnect"), 1u);
-    EXPECT_EQ(h.clock->pendingTimers(), 0u);  // no watchdog for a system-held scale
-    EXPECT_TRUE(kit->isConnected());
-    EXPECT_EQ(delegate->count("disconnected"), 0u);
+TEST_F(KitHeldRelink, TakenBackFromTheSystem) {
+    dropAndRelink(true);
 }
 
 TEST_F(KitLifecycle, WatchdogGivesUpAReconnectStillConnectingAfterThreeSeconds) {
     auto scale = h.addScale();
     connectHeld();
     scale->queueConnectResult(sim::ConnectResult::hang());
-
     scale->dropLink();
     h.advance(2900ms);
     EXPECT_TRUE(kit->isConnected());
-    EXPECT_EQ(delegate->count("disconnected"), 0u);
+    EXPECT_EQ(delegate->snapshot(), Log{"connected"});
 
     h.advance(100ms);
     EXPECT_EQ(notes.count("log: $  second thePeripheral state 1 "), 1u);
-    EXPECT_FALSE(kit->isConnected());
-    EXPECT_EQ(kit->currentDevice(), nullptr);
-    EXPECT_EQ(delegate->snapshot(), (std::vector<std::string>{"connected", "disconnected"}));
-    EXPECT_EQ(h.log->count(" $ normal disconnection "), 1u);
-    // The hanging attempt was cancelled: nothing links up later.
-    h.advance(10s);
-    EXPECT_EQ(scale->linkCount(), 0u);
+    EXPECT_EQ(delegate->snapshot(), (Log{"connected", "disconnected"}));
 }
 
 TEST_F(KitLifecycle, UnknownScaleIsNotHeld) {
     auto scale = h.addScale();
     connectHeld();
     scale->setKnownToSystem(false);
-
     scale->dropLink();
     h.settle();
     EXPECT_EQ(notes.count("log: $  retrieveDevices count 0 "), 1u);
     EXPECT_FALSE(kit->isConnected());
-    EXPECT_EQ(delegate->snapshot(), (std::vector<std::string>{"connected", "disconnected"}));
+    EXPECT_EQ(delegate->snapshot(), (Log{"connected", "disconnected"}));
     EXPECT_FALSE(scanning());  // no rescan with auto-connect off
 }
 
 TEST_F(KitLifecycle, EachConnectOverwritesTheContinuousFlag) {
     h.addScale();
     makeKit(false);
-    kit->setIsContinuousConnectionEnabled(true);
+    // No peripheral, or one the library did not hand out: nothing happens.
+    kit->setIsContinuousConnectionEnabled(false);
+    kit->connectPeripheral(nullptr);
+    kit->connectPeripheral(std::make_shared<ForeignPeripheral>());
+    EXPECT_FALSE(kit->isContinuousConnectionEnabled());
+    EXPECT_EQ(kit->connectingPeripheral(), nullptr);
+
+    kit->setIsContinuousConnectionEnabled(true);  // a scan without a picker connects only so
     kit->scanDeivces();
     h.settle();
     EXPECT_TRUE(kit->isContinuousConnectionEnabled());
@@ -214,58 +170,52 @@ TEST_F(KitLifecycle, EachConnectOverwritesTheContinuousFlag) {
     kit->setIsContinuousConnectionEnabled(false);
     kit->disconnect();
     h.settle();
-    EXPECT_FALSE(kit->isConnected());
-
     kit->setIsAutoConnectEnabled(true);  // scans and auto-connects
     h.settle();
     EXPECT_TRUE(kit->isConnected());
     EXPECT_FALSE(kit->isContinuousConnectionEnabled());
 }
 
-struct RadioCase {
-    bt::ManagerState state;
-    std::uint64_t leState;
-};
-// Readable parameter names in test listings.
-[[maybe_unused]] void PrintTo(const RadioCase& c, std::ostream* os) {
-    *os << "radio state " << static_cast<int>(c.state);
+TEST(KitRadioState, EveryReportSetsTheStateCodeAndOnlyPowerOnScans) {
+    const std::vector<std::pair<bt::ManagerState, std::uint64_t>> cases = {
+        {bt::ManagerState::PoweredOn, 104},   {bt::ManagerState::PoweredOff, 101},
+        {bt::ManagerState::Unsupported, 102}, {bt::ManagerState::Unauthorized, 103},
+        {bt::ManagerState::Unknown, 100},     {bt::ManagerState::Resetting, 100},
+    };
+    for (const auto& [state, code] : cases) {
+        SimHarness h(harnessWithRadio(state));
+        auto kit = RKRostaKit::create(h.context);
+        h.settle();
+        EXPECT_EQ(kit->leState(), code) << static_cast<int>(state);
+        EXPECT_EQ(BLEConnecterCore::of(*kit->connecter()).cbManager()->isScanning(), code == 104);
+        kit.reset();
+        h.settle();
+    }
 }
-
-class KitRadioState : public ::testing::TestWithParam<RadioCase> {};
-
-TEST_P(KitRadioState, EveryReportSetsTheStateCode) {
-    SimHarness h(harnessWithRadio(GetParam().state));
-    auto kit = RKRostaKit::create(h.context);
-    h.settle();
-    EXPECT_EQ(kit->leState(), GetParam().leState);
-    EXPECT_EQ(kit->connecter()->cbManager()->isScanning(),
-              GetParam().leState == RKRostaKit::kLEStatePoweredOn);
-    kit.reset();
-    h.settle();
-}
-
-INSTANTIATE_TEST_SUITE_P(States, KitRadioState,
-                         ::testing::Values(RadioCase{bt::ManagerState::PoweredOn, 104},
-                                           RadioCase{bt::ManagerState::PoweredOff, 101},
-                                           RadioCase{bt::ManagerState::Unsupported, 102},
-                                           RadioCase{bt::ManagerState::Unauthorized, 103},
-                                           RadioCase{bt::ManagerState::Unknown, 100},
-                                           RadioCase{bt::ManagerState::Resetting, 100}));
 
 class KitBeforePowerOn : public KitFixture {
 protected:
     KitBeforePowerOn() : KitFixture(harnessWithRadio(std::nullopt)) {}
+    // Auto-connect off before the radio reports; then powered on.
+    void startWithAutoConnectOff() {
+        makeKit();
+        kit->setIsAutoConnectEnabled(false);
+        h.settle();
+        EXPECT_EQ(kit->leState(), 0u);  // nothing reported yet
+        h.world->setRadioState(bt::ManagerState::PoweredOn);
+        h.settle();
+    }
 };
 
-TEST_F(KitBeforePowerOn, PowerOnWithAutoConnectOffStartsNoScan) {
+TEST_F(KitBeforePowerOn, PowerOnWithAutoConnectOffStartsNoScanEvenWhenActive) {
     h.addScale();
-    makeKit();
-    kit->setIsAutoConnectEnabled(false);
-    h.settle();
-    EXPECT_EQ(kit->leState(), 0u);  // nothing reported yet
-    h.world->setRadioState(bt::ManagerState::PoweredOn);
-    h.settle();
+    startWithAutoConnectOff();
     EXPECT_EQ(kit->leState(), RKRostaKit::kLEStatePoweredOn);
+    EXPECT_FALSE(scanning());
+    // Active without a system-held scale, or going to the background: no scan.
+    h.notifications->post(UIApplicationDidBecomeActiveNotification);
+    h.notifications->post(UIApplicationDidEnterBackgroundNotification);
+    h.settle();
     EXPECT_FALSE(scanning());
     EXPECT_FALSE(kit->isConnected());
 }
@@ -274,46 +224,21 @@ TEST_F(KitBeforePowerOn, BecomingActiveConnectsAScaleTheSystemHolds) {
     auto scale = h.addScale();
     scale->setAdvertising(false);
     scale->setConnectedToSystem(true);
-    makeKit();
-    kit->setIsAutoConnectEnabled(false);
-    h.world->setRadioState(bt::ManagerState::PoweredOn);
-    h.settle();
+    startWithAutoConnectOff();
     ASSERT_FALSE(kit->isConnected());
 
     h.notifications->post(UIApplicationDidBecomeActiveNotification);
     h.settle();
-    EXPECT_TRUE(kit->isConnected());
     EXPECT_TRUE(kit->isContinuousConnectionEnabled());
-
-    // Active again with a device: nothing happens.
-    h.notifications->post(UIApplicationDidBecomeActiveNotification);
+    h.notifications->post(UIApplicationDidBecomeActiveNotification);  // with a device: nothing
     h.settle();
-    EXPECT_EQ(delegate->snapshot(), (std::vector<std::string>{"connected"}));
-}
-
-TEST_F(KitBeforePowerOn, BecomingActiveWithoutSystemScaleStopsTheScanWhenAutoConnectIsOff) {
-    h.world->setRadioState(bt::ManagerState::PoweredOn);
-    makeKit();
-    kit->setIsAutoConnectEnabled(false);
-    h.settle();
-    h.notifications->post(UIApplicationDidBecomeActiveNotification);
-    h.settle();
-    EXPECT_FALSE(scanning());
-
-    // Going to the background changes nothing.
-    h.notifications->post(UIApplicationDidEnterBackgroundNotification);
-    h.settle();
-    EXPECT_FALSE(scanning());
+    EXPECT_EQ(delegate->snapshot(), Log{"connected"});
 }
 
 TEST_F(KitBeforePowerOn, EnablingAutoConnectLeavesASystemHeldScaleAlone) {
     auto scale = h.addScale();
     scale->setConnectedToSystem(true);
-    makeKit();
-    kit->setIsAutoConnectEnabled(false);
-    h.world->setRadioState(bt::ManagerState::PoweredOn);
-    h.settle();
-
+    startWithAutoConnectOff();
     kit->setIsAutoConnectEnabled(true);
     h.settle();
     EXPECT_FALSE(scanning());
@@ -330,9 +255,7 @@ TEST_F(KitLifecycle, ReleasedKitStopsTalkingToItsDelegate) {
     auto scale = h.addScale();
     makeKit();
     h.settle();
-    ASSERT_TRUE(kit->isConnected());
     std::weak_ptr<RKDevice> device = kit->currentDevice();
-
     // Events already on their way when the kit goes are dropped.
     scale->notify(wire::kDataCharacteristic, weightPacket(scale, 1.0f));
     h.world->drainQueues();
@@ -340,18 +263,22 @@ TEST_F(KitLifecycle, ReleasedKitStopsTalkingToItsDelegate) {
     h.settle();
     EXPECT_TRUE(device.expired());
     EXPECT_EQ(scale->linkCount(), 0u);
-    EXPECT_EQ(delegate->count("weight 1"), 0u);
+    EXPECT_EQ(delegate->snapshot(), Log{"connected"});
     EXPECT_EQ(h.world->centralCount(), 0u);
 }
 
-// --- Firmware-update hooks -----------------------------------------------------------------------
-
-TEST_F(KitLifecycle, ArmedUpdateTargetIsConnectedAndHandedOver) {
+// Only an armed kit connects an update target, and hands it over.
+TEST_F(KitLifecycle, UpdateTargetIsConnectedOnlyWhenArmed) {
     makeKit();
     h.settle();
     sim::PeripheralOptions options;
     options.name = "DfuTarg";
     options.advertisedServices = {wire::kDfuService};
+    auto target = h.world->addPeripheral(options);
+    kit->scanDeivces();
+    h.settle();
+    EXPECT_EQ(target->linkCount(), 0u);
+    EXPECT_EQ(dfu, 0);  // the exported global is never touched
 
     std::mutex mutex;
     std::vector<RKRostaKit::PeripheralPtr> handedOver;
@@ -361,16 +288,14 @@ TEST_F(KitLifecycle, ArmedUpdateTargetIsConnectedAndHandedOver) {
         EXPECT_EQ(error, nullptr);
         handedOver.push_back(p);
     });
-    auto target = h.world->addPeripheral(options);
     kit->scanDeivces();
     h.settle();
-
     {
         std::lock_guard lock(mutex);
         ASSERT_EQ(handedOver.size(), 1u);
         EXPECT_EQ(handedOver[0]->identifier(), target->identifier());
+        EXPECT_EQ(kit->dfuPeripheral(), handedOver[0]);
     }
-    EXPECT_EQ(kit->dfuPeripheral(), handedOver[0]);
     EXPECT_FALSE(kit->discoeredBlock());
     EXPECT_FALSE(kit->connectedBlock());
     EXPECT_EQ(kit->currentDevice(), nullptr);  // not a scale device
@@ -378,18 +303,6 @@ TEST_F(KitLifecycle, ArmedUpdateTargetIsConnectedAndHandedOver) {
     target->dropLink();
     h.settle();
     EXPECT_EQ(kit->dfuPeripheral(), nullptr);
-}
-
-TEST_F(KitLifecycle, UnarmedUpdateTargetIsIgnored) {
-    makeKit();
-    h.settle();
-    sim::PeripheralOptions options;
-    options.name = "DfuTarg";
-    auto target = h.world->addPeripheral(options);
-    kit->scanDeivces();
-    h.settle();
-    EXPECT_EQ(target->linkCount(), 0u);
-    EXPECT_EQ(dfu, 0);  // the exported global is never touched
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // The kit's device picker: the checks before it opens, its rows, texts and
 // colours, a chosen row connecting, and the outcome for the picker completion.
 
-#include "RKRostaKitTestSupport.h"
+#include "support/KitTestSupport.h"
 
 namespace plenk::test {
 namespace {
@@ -29,69 +29,57 @@ struct OpeningCase {
     std::optional<std::int64_t> code;  // nullopt: the completion is not called
     bool (*kind)(const ErrorPtr&);
 };
-// Readable parameter names in test listings.
-[[maybe_unused]] void PrintTo(const OpeningCase& c, std::ostream* os) {
-    *os << c.name;
-}
 
-template <typename K>
-bool kindIs(const ErrorPtr& e) {
-    return isKind<K>(e);
-}
+TEST(KitPickerOpening, FailsAtOnceOnTheCallersThreadOrDoesNothing) {
+    const OpeningCase cases[] = {
+        {"auto-connect on", bt::ManagerState::PoweredOn, true, false, std::nullopt, nullptr},
+        {"no radio report yet", std::nullopt, false, false, std::nullopt, nullptr},
+        {"powered off", bt::ManagerState::PoweredOff, false, false, 101, &kindIs<RKErrorLENotAvailableCOff>},
+        {"unsupported", bt::ManagerState::Unsupported, false, false, 101,
+         &kindIs<RKErrorLENotAvailableCNotSupport>},
+        {"unauthorized", bt::ManagerState::Unauthorized, false, false, 101,
+         &kindIs<RKErrorLENotAvailableCUnauthorized>},
+        {"unknown", bt::ManagerState::Resetting, false, false, 101, &kindIs<RKErrorLENotAvailableCUnknown>},
+        {"already connected", bt::ManagerState::PoweredOn, false, true, 102,
+         &kindIs<RKErrorLEDeviceAllreadyConnectedC>},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        SimHarness h(harnessWithRadio(c.radio));
+        if (c.connected) h.addScale();
+        auto kit = RKRostaKit::create(h.context);
+        kit->setIsAutoConnectEnabled(c.connected || c.autoConnect);
+        h.settle();
+        ASSERT_EQ(kit->isConnected(), c.connected);
+        kit->setIsAutoConnectEnabled(c.autoConnect);
 
-class KitPickerOpening : public ::testing::TestWithParam<OpeningCase> {};
-
-TEST_P(KitPickerOpening, FailsAtOnceOnTheCallersThreadOrDoesNothing) {
-    const auto& c = GetParam();
-    SimHarness h(harnessWithRadio(c.radio));
-    if (c.connected) h.addScale();
-    auto kit = RKRostaKit::create(h.context);
-    kit->setIsAutoConnectEnabled(c.connected || c.autoConnect);
-    h.settle();
-    ASSERT_EQ(kit->isConnected(), c.connected);
-    kit->setIsAutoConnectEnabled(c.autoConnect);
-
-    auto presenter = std::make_shared<RecordingPresenter>();
-    std::vector<ErrorPtr> results;
-    kit->showDevicePickerOnViewContoller(presenter, [&](const ErrorPtr& error) { results.push_back(error); });
-
-    if (c.code) {
-        ASSERT_EQ(results.size(), 1u);  // before the call returned
-        EXPECT_EQ(results[0]->code(), *c.code);
-        EXPECT_EQ(results[0]->domain(), "RKErrorDomain");
-        EXPECT_TRUE(c.kind(results[0]));
+        auto presenter = std::make_shared<RecordingPresenter>();
+        std::vector<ErrorPtr> results;
+        kit->showDevicePickerOnViewContoller(presenter,
+                                             [&](const ErrorPtr& error) { results.push_back(error); });
+        ASSERT_EQ(results.size(), c.code ? 1u : 0u);  // before the call returned
+        if (c.code) {
+            EXPECT_EQ(results[0]->code(), *c.code);
+            EXPECT_EQ(results[0]->domain(), "RKErrorDomain");
+            EXPECT_TRUE(c.kind(results[0]));
+        }
+        h.settle();
+        EXPECT_EQ(results.size(), c.code ? 1u : 0u);
+        EXPECT_EQ(kit->scanViewController(), nullptr);
+        EXPECT_TRUE(presenter->calls().empty());
+        EXPECT_FALSE(kit->pickerCompletion());  // neither kept
+        kit.reset();
+        h.settle();
     }
-    h.settle();
-    EXPECT_EQ(results.size(), c.code ? 1u : 0u);
-    EXPECT_EQ(kit->scanViewController(), nullptr);
-    EXPECT_TRUE(presenter->calls().empty());
-    EXPECT_FALSE(kit->pickerCompletion());  // neither kept
-    kit.reset();
-    h.settle();
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Checks, KitPickerOpening,
-    ::testing::Values(OpeningCase{"AutoConnectOn", bt::ManagerState::PoweredOn, true, false, std::nullopt,
-                                  nullptr},
-                      OpeningCase{"NoRadioReportYet", std::nullopt, false, false, std::nullopt, nullptr},
-                      OpeningCase{"PoweredOff", bt::ManagerState::PoweredOff, false, false, 101,
-                                  &kindIs<RKErrorLENotAvailableCOff>},
-                      OpeningCase{"Unsupported", bt::ManagerState::Unsupported, false, false, 101,
-                                  &kindIs<RKErrorLENotAvailableCNotSupport>},
-                      OpeningCase{"Unauthorized", bt::ManagerState::Unauthorized, false, false, 101,
-                                  &kindIs<RKErrorLENotAvailableCUnauthorized>},
-                      OpeningCase{"Unknown", bt::ManagerState::Resetting, false, false, 101,
-                                  &kindIs<RKErrorLENotAvailableCUnknown>},
-                      OpeningCase{"AlreadyConnected", bt::ManagerState::PoweredOn, false, true, 102,
-                                  &kindIs<RKErrorLEDeviceAllreadyConnectedC>}),
-    [](const auto& info) { return info.param.name; });
 
 // --- A picker run ------------------------------------------------------------------------------------------
 
 TEST_F(KitPicker, ListsEachScaleOnceAndConnectsTheChosenRow) {
     auto plenk = h.addScale("Plenk One");
     auto coffee = h.addScale("Coffee Two", emulator::WeightFormat::Text);
+    plenk->setRssi(-70);
+    coffee->setRssi(-45);
     sim::PeripheralOptions other;
     other.name = "Headphones";
     h.world->addPeripheral(other);
@@ -119,6 +107,13 @@ TEST_F(KitPicker, ListsEachScaleOnceAndConnectsTheChosenRow) {
     EXPECT_EQ(picker->tableViewTitleForRowAtIndexPath({0, 7}), "");  // out of range: empty
     EXPECT_GE(presenter->view->reloads, 2);
     EXPECT_FALSE(kit->isConnected());
+    // The rows' handles tell the scales apart.
+    for (const auto& found : kit->discoveredResults()) {
+        const bool isPlenk = found->name() == "Plenk One";
+        EXPECT_EQ(found->identifier(), (isPlenk ? plenk : coffee)->identifier());
+        EXPECT_EQ(found->state(), PeripheralState::Disconnected);
+        EXPECT_EQ(found->rssi(), isPlenk ? -70 : -45);
+    }
 
     const int chosen = picker->tableViewTitleForRowAtIndexPath({0, 0}) == "Coffee Two" ? 0 : 1;
     picker->tableViewDidSelectRowAtIndexPath({0, chosen});
@@ -126,6 +121,7 @@ TEST_F(KitPicker, ListsEachScaleOnceAndConnectsTheChosenRow) {
     h.settle();
 
     EXPECT_TRUE(kit->isConnected());
+    EXPECT_EQ(kit->currentDevice()->peripheral()->state(), PeripheralState::Connected);
     EXPECT_EQ(coffee->linkCount(), 1u);
     EXPECT_EQ(plenk->linkCount(), 0u);
     EXPECT_TRUE(kit->isContinuousConnectionEnabled());

@@ -8,7 +8,7 @@
 #include <chrono>
 #include <cstdlib>
 
-#include "RKRostaKitTestSupport.h"
+#include "support/KitTestSupport.h"
 #include "wire/GattUuids.h"
 
 namespace plenk::test {
@@ -23,45 +23,6 @@ int soakCycles() {
     }
     return 300;
 }
-
-// Counts what the host hears; weights are sequence numbers sent by the test.
-class SoakHost final : public PKPlenkDelegate {
-public:
-    explicit SoakHost(std::shared_ptr<RunLoop> main) : main_(std::move(main)) {}
-    void plenkDidConnected(PKPlenk&) override {
-        check();
-        ++connected;
-    }
-    void plenkDidDisconnected(PKPlenk&) override {
-        check();
-        ++disconnected;
-    }
-    void plenkDidErrorOccur(PKPlenk&, const ErrorPtr& error) override {
-        check();
-        if (error->code() == 105)
-            ++errors105;
-        else
-            ++otherErrors;
-    }
-    void plenkWeightDidUpdate(float weight) override {
-        check();
-        weights.push_back(weight);
-    }
-
-    // Touched only on the main loop, which the test thread runs.
-    int connected = 0;
-    int disconnected = 0;
-    int errors105 = 0;
-    int otherErrors = 0;
-    std::vector<float> weights;
-    std::atomic<int> offMain{0};
-
-private:
-    void check() {
-        if (!main_->isCurrent()) ++offMain;
-    }
-    std::shared_ptr<RunLoop> main_;
-};
 
 class Soak : public ::testing::Test {
 protected:
@@ -104,15 +65,16 @@ protected:
         if (device && (devices.empty() || devices.back().lock() != device)) devices.push_back(device);
     }
 
+    // Weights are sequence numbers: every one arrives once, in order.
     void expectEveryWeightOnce() {
-        ASSERT_EQ(host->weights.size(), static_cast<std::size_t>(sent));
-        for (int i = 0; i < sent; ++i) {
-            ASSERT_EQ(host->weights[static_cast<std::size_t>(i)], static_cast<float>(i + 1)) << "at " << i;
-        }
+        std::vector<float> expected(static_cast<std::size_t>(sent));
+        for (int i = 0; i < sent; ++i) expected[static_cast<std::size_t>(i)] = static_cast<float>(i + 1);
+        EXPECT_EQ(host->weights(), expected);
     }
+    int heard(const std::string& event) const { return static_cast<int>(host->count(event)); }
 
     SimHarness h;
-    std::shared_ptr<SoakHost> host = std::make_shared<SoakHost>(h.mainLoop);
+    std::shared_ptr<RecordingDelegate> host = std::make_shared<RecordingDelegate>(h.mainLoop);
     std::shared_ptr<sim::VirtualPeripheral> scale;
     std::shared_ptr<PKPlenk> plenk;
     std::vector<std::weak_ptr<RKDevice>> devices;
@@ -140,11 +102,11 @@ TEST_F(Soak, AutoConnectDropsAndFailedReconnects) {
     }
     recordDevice();
     expectEveryWeightOnce();
-    EXPECT_EQ(host->connected, cycles + 1);
-    EXPECT_EQ(host->disconnected, cycles);
-    EXPECT_EQ(host->errors105, failures);
-    EXPECT_EQ(host->otherErrors, 0);
-    EXPECT_EQ(host->offMain, 0);
+    EXPECT_EQ(heard("connected"), cycles + 1);
+    EXPECT_EQ(heard("disconnected"), cycles);
+    EXPECT_EQ(heard("error 105"), failures);
+    EXPECT_EQ(host->errors().size(), static_cast<std::size_t>(failures));
+    EXPECT_EQ(host->offMainThread, 0);
     EXPECT_EQ(liveDevices(), 1);
     EXPECT_EQ(static_cast<int>(devices.size()), cycles + 1);
     EXPECT_EQ(h.world->centralCount(), 1u);
@@ -180,9 +142,10 @@ TEST_F(Soak, HeldConnectionDropsAndWatchdogs) {
     }
     recordDevice();
     expectEveryWeightOnce();
-    EXPECT_EQ(host->connected, hangs + 1);
-    EXPECT_EQ(host->disconnected, hangs);
-    EXPECT_EQ(host->offMain, 0);
+    EXPECT_EQ(heard("connected"), hangs + 1);
+    EXPECT_EQ(heard("disconnected"), hangs);
+    EXPECT_TRUE(host->errors().empty());
+    EXPECT_EQ(host->offMainThread, 0);
     EXPECT_EQ(liveDevices(), 1);
     EXPECT_EQ(static_cast<int>(devices.size()), hangs + 1);
     EXPECT_EQ(h.clock->pendingTimers(), 0u);

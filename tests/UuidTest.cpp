@@ -3,7 +3,6 @@
 #include <stdexcept>
 
 #include "bt/Uuid.h"
-#include "wire/GattUuids.h"
 
 using plenk::bt::Uuid;
 
@@ -52,8 +51,4 @@ TEST(UuidTest, RandomIdentifiersAreVersion4AndDistinct) {
     EXPECT_NE(a, b);
     EXPECT_EQ(a.bytes()[6] >> 4, 4);
     EXPECT_EQ(Uuid::parse(a.toString()), a);
-}
-
-TEST(UuidTest, TheSpelledOutUpdateServiceMatchesItsText) {
-    EXPECT_EQ(plenk::wire::kDfuService, Uuid::fromString("00001530-1212-EFDE-1523-785FEABCD123"));
 }

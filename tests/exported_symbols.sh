@@ -29,23 +29,34 @@ if grep -q "DeviceDomain" <<<"$names"; then
   echo "DeviceDomain must not be an exported symbol"
   fail=1
 fi
-if grep -q "plenk::wire::" <<<"$demangled"; then
-  echo "internal wire symbols are exported:"
-  grep "plenk::wire::" <<<"$demangled" | head
+# Internal layers stay hidden: the wire format, the port and the simulator's
+# machinery, and the implementations behind the public interfaces.
+internal=$(grep -E " [A-Za-z] ([a-z ]+ for )?plenk::((wire|bt|sim)::|[A-Za-z]+Core\b)" <<<"$demangled" || true)
+if [ -n "$internal" ]; then
+  echo "internal symbols are exported:"
+  head <<<"$internal"
   fail=1
 fi
 
-# The simulator's scripting API is public; the simulator behind it is not.
+# The simulator's scripting API is public (the simulator behind it is not: above).
 grep -q "plenk::Simulator::Scale::dropLink" <<<"$demangled" || { echo "plenk::Simulator is not exported"; fail=1; }
-if grep -q "plenk::sim::" <<<"$demangled"; then
-  echo "internal simulator symbols are exported:"
-  grep "plenk::sim::" <<<"$demangled" | head
-  fail=1
-fi
 
 # Error kinds are public classes: their type information is exported for kind tests.
 for kind in Error RKErrorLENotAvailableC RKErrorLENotAvailableCOff RKErrorDeviceNOCharacteristic; do
   grep -q "typeinfo for plenk::$kind\$" <<<"$demangled" || { echo "typeinfo not exported: plenk::$kind"; fail=1; }
+done
+
+# Every public class a host reaches (and may dynamic_cast or implement) has
+# its type information and, where it has them, its factories exported.
+for class in Peripheral CSRDevice CSRDeviceDelegate RKDevice RKDeviceDelegate \
+             BLEConnecter BLEConnecterDelegate CSRSelectDeviceViewController \
+             CSRSelectDeviceViewControllerDataSource CSRSelectDeviceViewControllerDelegate PickerView \
+             RKRostaKit RKRostaDelegate RKRostaDataSource PickerPresenter PKPlenk PKPlenkDelegate; do
+  grep -q "typeinfo for plenk::$class\$" <<<"$demangled" || { echo "typeinfo not exported: plenk::$class"; fail=1; }
+done
+for function in "plenk::BLEConnecter::create(" "plenk::CSRSelectDeviceViewController::create(" \
+                "plenk::RKRostaKit::create(" "plenk::Uuid::fromString(" "plenk::Uuid::toString"; do
+  grep -qF " T $function" <<<"$demangled" || { echo "not exported: $function"; fail=1; }
 done
 
 # The version string's bytes, as a host reading the symbol sees them.

@@ -32,11 +32,12 @@ layer_of() {
     include/PlenkKit/*)
       case ${path#include/PlenkKit/} in
         Export.h | Error.h | PlatformErrors.h | Clock.h | Task.h | Executor.h | LogSink.h | \
-          NotificationCenter.h | RunLoop.h | Context.h | Color.h | Version.h | RKConfiguration.h | Uuid.h)
+          NotificationCenter.h | RunLoop.h | Context.h | Color.h | Version.h | RKConfiguration.h | Uuid.h | \
+          Peripheral.h)
           echo foundation ;;
         RKErrors.h) echo ble ;; # the error catalogue: the kit's kinds, also made by the generic device
-        StringToHexConverter.h) echo ble ;;
-        RKRostaKit.h) echo kit ;;
+        StringToHexConverter.h | BLEConnecter.h | CSRDevice.h | CSRSelectDeviceViewController.h) echo ble ;;
+        RKRostaKit.h | RKDevice.h) echo kit ;;
         PKPlenk.h) echo facade ;;
         PlenkKit.h) echo umbrella ;;
         Simulator.h) echo backend:sim ;; # the simulated backend's public scripting API

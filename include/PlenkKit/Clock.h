@@ -1,12 +1,9 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
+#include <cstddef>
 #include <cstdint>
-#include <map>
 #include <memory>
-#include <mutex>
-#include <thread>
 #include <utility>
 
 #include <PlenkKit/Export.h>
@@ -39,23 +36,6 @@ public:
     static std::shared_ptr<Clock> steady();
 };
 
-// Pending timers by deadline (ties in the order they were set); the clocks'
-// shared bookkeeping, guarded by their own locks.
-class TimerTable {
-public:
-    Clock::TimerId add(Clock::TimePoint deadline, Task fire);
-    bool cancel(Clock::TimerId id);
-    bool empty() const { return timers_.empty(); }
-    std::size_t size() const { return timers_.size(); }
-    // Only when not empty.
-    Clock::TimePoint firstDeadline() const { return timers_.begin()->first; }
-    Task popFirst();
-
-private:
-    std::multimap<Clock::TimePoint, std::pair<Clock::TimerId, Task>> timers_;
-    Clock::TimerId nextId_ = 1;
-};
-
 // The real monotonic clock with one timer thread, started on first use.
 class PLENK_EXPORT SteadyClock final : public Clock {
 public:
@@ -66,13 +46,8 @@ public:
     bool cancel(TimerId id) override;
 
 private:
-    void loop();
-
-    mutable std::mutex mutex_;
-    std::condition_variable wake_;
-    TimerTable timers_;
-    bool stopping_ = false;
-    std::thread thread_;
+    struct State;
+    const std::shared_ptr<State> state_;  // shared with the timer thread
 };
 
 // Time that moves only when told to. advance() fires every timer that falls due,
@@ -80,6 +55,7 @@ private:
 class PLENK_EXPORT VirtualClock final : public Clock {
 public:
     explicit VirtualClock(TimePoint start = TimePoint{});
+    ~VirtualClock() override;
     TimePoint now() const override;
     TimerId callAt(TimePoint deadline, Task fire) override;
     bool cancel(TimerId id) override;
@@ -91,9 +67,8 @@ public:
     std::size_t pendingTimers() const;
 
 private:
-    mutable std::mutex mutex_;
-    TimePoint now_;
-    TimerTable timers_;
+    struct State;
+    const std::unique_ptr<State> state_;
 };
 
 }  // namespace plenk

@@ -18,7 +18,9 @@ class Backend;
 // the diagnostics sink, the clock and the Bluetooth backend. Every member may
 // be left empty; resolved() fills it with the process default.
 struct PLENK_EXPORT Context {
-    std::shared_ptr<Executor> mainQueue;                // default: RunLoop::main()
+    // default: RunLoop::main(). The library holds it weakly: keep it alive
+    // for as long as the library uses it.
+    std::shared_ptr<Executor> mainQueue;
     std::shared_ptr<NotificationCenter> notifications;  // default: NotificationCenter::defaultCenter()
     std::shared_ptr<LogSink> log;                       // default: standard output
     std::shared_ptr<Clock> clock;                       // default: Clock::steady()
@@ -27,6 +29,9 @@ struct PLENK_EXPORT Context {
     std::string backendName;
     // An explicit backend instance (tests, embedding) wins over any name.
     std::shared_ptr<bt::Backend> backend;
+    // The adapter a backend uses: an object path ("/org/bluez/hci1") or a name
+    // ("hci1"); empty = the first powered adapter. The simulator ignores it.
+    std::string adapter;
 
     // A copy with every empty member filled in. Throws std::invalid_argument
     // for an unknown backend name.

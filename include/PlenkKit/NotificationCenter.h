@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -30,7 +29,10 @@ struct Notification {
 
 // Named notifications with observers, called synchronously on the posting
 // thread, in the order they were added. Observers may add or remove observers
-// and post from inside a call.
+// and post from inside a call. Once removeObserver() has returned, the observer
+// is never called again: it waits for calls running on other threads to end
+// (an observer removing itself from inside its own call does not wait for that
+// call), so an observer may remove itself in its destructor.
 class PLENK_EXPORT NotificationCenter {
 public:
     using Observer = std::function<void(const Notification&)>;
@@ -47,14 +49,9 @@ public:
     void post(std::string_view name, std::optional<std::string> object = std::nullopt);
 
 private:
-    struct Entry {
-        Token token;
-        std::string name;
-        std::shared_ptr<Observer> observer;
-    };
-    std::mutex mutex_;
-    std::vector<Entry> entries_;
-    Token next_ = 1;
+    struct Entry;
+    struct State;
+    std::shared_ptr<State> state_;
 };
 
 }  // namespace plenk

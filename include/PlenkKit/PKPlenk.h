@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -25,6 +24,8 @@ public:
     virtual ~PKPlenkDelegate();
     virtual void plenkDidConnected(PKPlenk& plenk);
     virtual void plenkDidDisconnected(PKPlenk& plenk);
+    // The kit's errors, exactly as RKRostaDelegate::rostaDidErrorOccur lists
+    // them: RKErrorDomain, kinds with codes 103 to 109, or kindless 110.
     virtual void plenkDidErrorOccur(PKPlenk& plenk, const ErrorPtr& error);
     // The weight exactly as the scale reported it, every reading, unthrottled.
     virtual void plenkWeightDidUpdate(float weight);
@@ -69,6 +70,9 @@ public:
     void setIsAutoConnectEnabled(bool enabled);
     bool isConnected() const;
 
+    // The kit's picker: `completion` hears what
+    // RKRostaKit::showDevicePickerOnViewContoller lists (codes 100 to 110 of
+    // RKErrorDomain, or null once linked), on the same threads.
     void showDevicePickerOnViewContoller(const std::shared_ptr<PickerPresenter>& viewController,
                                          RKRostaKit::PickerCompletion completion);
     void readPlenkBatteryLifeWithCompletion(RKRostaKit::BatteryCompletion completion);
@@ -109,12 +113,9 @@ public:
     PKPlenk(Token, const Context& context);
 
 private:
-    const std::shared_ptr<Executor> mainQueue_;
-    mutable std::mutex mutex_;
-    bool isAutoConnectEnabled_ = false;
-    std::weak_ptr<PKPlenkDataSource> dataSource_;
-    std::weak_ptr<PKPlenkDelegate> delegate_;
-    std::shared_ptr<RKRostaKit> rosta_;
+    struct Bridge;
+    struct State;  // the fields, behind a lock of the library
+    const std::unique_ptr<State> state_;
 };
 
 }  // namespace plenk

@@ -13,6 +13,7 @@
 #include <PlenkKit/NotificationCenter.h>
 #include <PlenkKit/RunLoop.h>
 #include <PlenkKit/Task.h>
+#include <PlenkKit/Uuid.h>
 
 #include <PlenkKit/Error.h>
 #include <PlenkKit/PlatformErrors.h>
@@ -20,7 +21,12 @@
 #include <PlenkKit/RKErrors.h>
 #include <PlenkKit/StringToHexConverter.h>
 
+#include <PlenkKit/BLEConnecter.h>
+#include <PlenkKit/CSRDevice.h>
+#include <PlenkKit/CSRSelectDeviceViewController.h>
 #include <PlenkKit/PKPlenk.h>
+#include <PlenkKit/Peripheral.h>
+#include <PlenkKit/RKDevice.h>
 #include <PlenkKit/RKRostaKit.h>
 
 // Testing without a scale: the simulated world.

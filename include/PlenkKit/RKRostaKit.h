@@ -7,11 +7,15 @@
 #include <string>
 #include <vector>
 
+#include <PlenkKit/BLEConnecter.h>
+#include <PlenkKit/CSRSelectDeviceViewController.h>
 #include <PlenkKit/Color.h>
 #include <PlenkKit/Context.h>
 #include <PlenkKit/Export.h>
 #include <PlenkKit/NotificationCenter.h>
+#include <PlenkKit/Peripheral.h>
 #include <PlenkKit/RKConfiguration.h>
+#include <PlenkKit/RKDevice.h>
 #include <PlenkKit/RKErrors.h>
 
 // Kept for firmware-update code: a 4-byte integer, zero at start, that the
@@ -22,13 +26,7 @@ PLENK_EXPORT extern std::int32_t dfu;
 
 namespace plenk {
 
-class BLEConnecter;
-class CSRSelectDeviceViewController;
-class RKDevice;
 class RKRostaKit;
-namespace bt {
-class Peripheral;
-}
 
 // Receiver of the kit's events. Every call arrives on the main queue, in the
 // order the events happened. Every method has an empty default: overriding
@@ -38,6 +36,17 @@ public:
     virtual ~RKRostaDelegate();
     virtual void rostaDidConnected(RKRostaKit& kit);
     virtual void rostaDidDisconnected(RKRostaKit& kit);
+    // Every error is in RKErrorDomain. With auto-connect on:
+    // - a failed connection: RKErrorLEConnectionUnknownC (103), ...InvalidParametersC
+    //   (104), ...InvalidHandleC (105), ...TimeoutC (106) for the platform codes 11,
+    //   12, 13, 14 (kPlatformConnectionLimitReached .. kPlatformPeerRemovedPairingInformation);
+    //   ...InvalidHandleC (105) also when the platform gave no error; any other
+    //   platform code is reported as nothing;
+    // - a scale that fails its set-up: RKErrorLEValidationC (107, a discovery
+    //   reported an error), RKErrorLEInvalidDeviceC (108, not a scale: no "FF08",
+    //   "EF80" or "EF81"); a kindless Error (110) when the device gave no error.
+    // In either mode, the link kept: RKErrorLEWriteC (109, a command write failed)
+    // and RKErrorLEReadC (109, a read or notification failed).
     virtual void rostaDidErrorOccur(RKRostaKit& kit, const ErrorPtr& error);
     virtual void rostaWeightDidUpdate(float weight);
     virtual void rostaDeviceDidClickButton(std::uint64_t button);
@@ -81,9 +90,14 @@ public:
 // Every operation may be called from any thread, also from inside any callback.
 class PLENK_EXPORT RKRostaKit {
 public:
-    using PeripheralPtr = std::shared_ptr<bt::Peripheral>;
+    using PeripheralPtr = plenk::PeripheralPtr;
+    // The picker's outcome, called possibly more than once (see
+    // showDevicePickerOnViewContoller for what arrives where).
     using PickerCompletion = std::function<void(const ErrorPtr& error)>;
     using BatteryCompletion = std::function<void(std::int64_t level)>;
+    // (true, null) once the scale accepted the write, or (false, the platform's
+    // error passed through as the backend reported it: usually kAttErrorDomain
+    // with an AttCode, or kPlatformErrorDomain with a PlatformCode).
     using ResultCompletion = std::function<void(bool success, const ErrorPtr& error)>;
     using ConfigurationCompletion = std::function<void(RKConfiguration configuration)>;
     using ConnectedBlock = std::function<void(const PeripheralPtr& peripheral, const ErrorPtr& error)>;
@@ -119,6 +133,8 @@ public:
 
     // Empties the picker list and starts an unfiltered scan.
     virtual void scanDeivces() = 0;
+    // Connects a peripheral this library handed out (discoveredResults, the
+    // connecter's events); null or any other handle is ignored.
     virtual void connectPeripheral(const PeripheralPtr& peripheral) = 0;
     // Drops the current device's link; the teardown follows the link-loss event.
     virtual void disconnect() = 0;
@@ -153,19 +169,34 @@ public:
     virtual void setFWDisconnect() = 0;
 
     // --- Exchanges (completions run on the main queue; dropped without a device) -
+    // Both complete with a ResultCompletion's answers (a write's result).
     // On an unconfigured scale the completion runs twice, with the results of
-    // the first two writes of the default configuration.
+    // the first two writes of the default configuration; on a configured one
+    // once, with (true, null). A failed record read never completes
+    // (rostaDidErrorOccur hears RKErrorLEReadC).
     virtual void initializeConfiguration(ResultCompletion completion) = 0;
     virtual void synchronize(ResultCompletion completion) = 0;
+    // Every record read from then on, decoded; no error is ever delivered (a
+    // failed read reaches rostaDidErrorOccur as RKErrorLEReadC instead).
     virtual void readConfiguration(ConfigurationCompletion completion) = 0;
     // A later request replaces a pending one, which is then never called.
     virtual void readRostaBatteryLifeWithCompletion(BatteryCompletion completion) = 0;
 
     // --- Device picker (auto-connect off) ----------------------------------------
-    // Opening errors reach `completion` at once on the calling thread; the
-    // outcome (nullptr on connection, RKErrorLECancelC on cancel) on the main
-    // queue; connection failures while the picker mode is on arrive on the
-    // Bluetooth queue.
+    // Lets the user pick a scale; `completion` hears, all in RKErrorDomain:
+    // - at once, on the calling thread, and no picker opens:
+    //   RKErrorLENotAvailableCUnknown / ...COff / ...CNotSupport /
+    //   ...CUnauthorized (101, all kinds of RKErrorLENotAvailableC) when the
+    //   radio is not powered on; RKErrorLEDeviceAllreadyConnectedC (102) when a
+    //   scale is linked. Nothing at all before the radio's first report or with
+    //   auto-connect on.
+    // - on the main queue: null once the chosen scale is linked (the picker is
+    //   dismissed first), RKErrorLECancelC (100) when the user cancelled.
+    // - on the Bluetooth queue, while the picker mode is on (the picker stays
+    //   open, the completion is kept and may be called again): a failed
+    //   connection, 103 to 106 as for rostaDidErrorOccur, or a kindless Error
+    //   (110) when the platform gave no error; a failed scale set-up,
+    //   RKErrorLEValidationC (107), RKErrorLEInvalidDeviceC (108), or 110.
     virtual void showDevicePickerOnViewContoller(const std::shared_ptr<PickerPresenter>& viewController,
                                                  PickerCompletion completion) = 0;
 
@@ -183,7 +214,9 @@ public:
     // --- Firmware-update hooks ------------------------------------------------------
     // Arms the connection of the first discovered peripheral whose name contains
     // "DfuTarg" (the block itself is not called); connectedBlock then receives
-    // that peripheral once linked, and dfuPeripheral() holds it until it drops.
+    // that peripheral once linked (on the Bluetooth queue, with a null error:
+    // a failed bootloader connection does not reach it), and dfuPeripheral()
+    // holds it until it drops.
     virtual std::function<void()> discoeredBlock() const = 0;
     virtual void setDiscoeredBlock(std::function<void()> block) = 0;
     virtual ConnectedBlock connectedBlock() const = 0;

@@ -23,6 +23,7 @@ public:
     // The process-wide loop used as main queue when the host supplies none.
     static std::shared_ptr<RunLoop> main();
 
+    // Throw std::invalid_argument for an empty task.
     void post(Task task) override;
     void postAfter(std::chrono::nanoseconds delay, Task task) override;
 

@@ -1,6 +1,10 @@
 #include <PlenkKit/PKPlenk.h>
 
+#include <mutex>
 #include <utility>
+
+#include "RostaKit/RKRostaKitCore.h"
+#include "dispatch/Guarded.h"
 
 namespace plenk {
 
@@ -27,13 +31,47 @@ std::optional<Color> PKPlenkDataSource::navigationBarColorForSelectAccessoryModa
 
 // --- Creation and destruction -------------------------------------------------------------------
 
-PKPlenk::PKPlenk(Token, const Context& context) : mainQueue_(context.mainQueue) {}
+struct PKPlenk::State {
+    explicit State(const std::shared_ptr<Executor>& queue) : mainQueue(queue) {}
+
+    // The host's main queue, held weakly: queued work holds the facade, so a
+    // strong hold here would keep a dropped loop and the facade alive together.
+    const std::weak_ptr<Executor> mainQueue;
+    mutable std::mutex mutex;
+    bool isAutoConnectEnabled = false;
+    std::weak_ptr<PKPlenkDataSource> dataSource;
+    std::weak_ptr<PKPlenkDelegate> delegate;
+    std::shared_ptr<RKRostaKit> rosta;
+};
+
+PKPlenk::PKPlenk(Token, const Context& context) : state_(std::make_unique<State>(context.mainQueue)) {}
+
+struct PKPlenk::Bridge {
+    // Runs `call` with the facade and the host's delegate read at that moment.
+    // Inside the kit's own main-queue delivery the call is made in that task;
+    // from anywhere else it is queued on the main queue, keeping the facade
+    // alive until it has run.
+    template <typename F>
+    static void toHost(PKPlenk& plenk, F call) {
+        auto self = plenk.weak_from_this().lock();
+        if (!self) return;
+        auto task = [self = std::move(self), call = std::move(call)] {
+            if (auto d = self->delegate()) call(*d, *self);
+        };
+        static_assert(sizeof(task) <= Task::kInlineSize, "the weight path must not allocate");
+        if (RKRostaKitCore::isDelivering(plenk.rosta().get())) {
+            task();
+        } else if (auto queue = plenk.state_->mainQueue.lock()) {
+            queue->post(std::move(task));
+        }
+    }
+};
 
 std::shared_ptr<PKPlenk> PKPlenk::create(const Context& context) {
     const Context resolved = context.resolved();
     auto plenk = std::make_shared<PKPlenk>(Token{}, resolved);
     auto kit = RKRostaKit::create(resolved);
-    plenk->rosta_ = kit;
+    plenk->state_->rosta = kit;
     // Held weakly by the kit: it never keeps its facade alive.
     kit->setDelegate(std::weak_ptr<RKRostaDelegate>(plenk));
     kit->setDataSource(std::weak_ptr<RKRostaDataSource>(plenk));
@@ -43,20 +81,19 @@ std::shared_ptr<PKPlenk> PKPlenk::create(const Context& context) {
 
 PKPlenk::~PKPlenk() {
     // The data source is left pointing here; it expires with this object.
-    if (rosta_) rosta_->setDelegate({});
+    if (state_->rosta) state_->rosta->setDelegate({});
 }
 
 // --- Host operations ------------------------------------------------------------------------------
 
 bool PKPlenk::isAutoConnectEnabled() const {
-    std::lock_guard lock(mutex_);
-    return isAutoConnectEnabled_;
+    return dispatch::loadLocked(state_->mutex, state_->isAutoConnectEnabled);
 }
 
 void PKPlenk::setIsAutoConnectEnabled(bool enabled) {
     {
-        std::lock_guard lock(mutex_);
-        isAutoConnectEnabled_ = enabled;
+        std::lock_guard lock(state_->mutex);
+        state_->isAutoConnectEnabled = enabled;
     }
     if (auto kit = rosta()) kit->setIsAutoConnectEnabled(enabled);
 }
@@ -98,83 +135,57 @@ void PKPlenk::setLEDDisplayOn(bool on) {
 }
 
 std::shared_ptr<PKPlenkDelegate> PKPlenk::delegate() const {
-    std::lock_guard lock(mutex_);
-    return delegate_.lock();
+    return dispatch::loadLocked(state_->mutex, state_->delegate).lock();
 }
 
 void PKPlenk::setDelegate(std::weak_ptr<PKPlenkDelegate> delegate) {
-    std::lock_guard lock(mutex_);
-    delegate_ = std::move(delegate);
+    dispatch::storeLocked(state_->mutex, state_->delegate, std::move(delegate));
 }
 
 std::shared_ptr<PKPlenkDataSource> PKPlenk::dataSource() const {
-    std::lock_guard lock(mutex_);
-    return dataSource_.lock();
+    return dispatch::loadLocked(state_->mutex, state_->dataSource).lock();
 }
 
 void PKPlenk::setDataSource(std::weak_ptr<PKPlenkDataSource> dataSource) {
-    std::lock_guard lock(mutex_);
-    dataSource_ = std::move(dataSource);
+    dispatch::storeLocked(state_->mutex, state_->dataSource, std::move(dataSource));
 }
 
 std::shared_ptr<RKRostaKit> PKPlenk::rosta() const {
-    std::lock_guard lock(mutex_);
-    return rosta_;
+    return dispatch::loadLocked(state_->mutex, state_->rosta);
 }
 
 void PKPlenk::setRosta(std::shared_ptr<RKRostaKit> rosta) {
     {
-        std::lock_guard lock(mutex_);
-        std::swap(rosta_, rosta);
+        std::lock_guard lock(state_->mutex);
+        std::swap(state_->rosta, rosta);
     }
     // The old kit, if this was its last owner, is released unlocked.
 }
 
-// --- Kit events: each queued once more on the main queue --------------------------------------------
+// --- Kit events ---------------------------------------------------------------------------------
 //
-// Each task keeps the facade alive until it has run and reads the host's
-// delegate only then, so a delegate released in between hears nothing.
+// The kit already calls these on the main queue; passing them on in that same
+// task gives delegate events the one main-queue hop that completions take, so
+// the host hears everything in the order it happened.
 
 void PKPlenk::rostaDidConnected(RKRostaKit&) {
-    auto self = weak_from_this().lock();
-    if (!self) return;
-    mainQueue_->post([self = std::move(self)] {
-        if (auto d = self->delegate()) d->plenkDidConnected(*self);
-    });
+    Bridge::toHost(*this, [](PKPlenkDelegate& d, PKPlenk& p) { d.plenkDidConnected(p); });
 }
 
 void PKPlenk::rostaDidDisconnected(RKRostaKit&) {
-    auto self = weak_from_this().lock();
-    if (!self) return;
-    mainQueue_->post([self = std::move(self)] {
-        if (auto d = self->delegate()) d->plenkDidDisconnected(*self);
-    });
+    Bridge::toHost(*this, [](PKPlenkDelegate& d, PKPlenk& p) { d.plenkDidDisconnected(p); });
 }
 
 void PKPlenk::rostaDidErrorOccur(RKRostaKit&, const ErrorPtr& error) {
-    auto self = weak_from_this().lock();
-    if (!self) return;
-    mainQueue_->post([self = std::move(self), error] {
-        if (auto d = self->delegate()) d->plenkDidErrorOccur(*self, error);
-    });
+    Bridge::toHost(*this, [error](PKPlenkDelegate& d, PKPlenk& p) { d.plenkDidErrorOccur(p, error); });
 }
 
 void PKPlenk::rostaWeightDidUpdate(float weight) {
-    auto self = weak_from_this().lock();
-    if (!self) return;
-    auto task = [self = std::move(self), weight] {
-        if (auto d = self->delegate()) d->plenkWeightDidUpdate(weight);
-    };
-    static_assert(sizeof(task) <= Task::kInlineSize, "the weight path must not allocate");
-    mainQueue_->post(std::move(task));
+    Bridge::toHost(*this, [weight](PKPlenkDelegate& d, PKPlenk&) { d.plenkWeightDidUpdate(weight); });
 }
 
 void PKPlenk::rostaDeviceDidClickButton(std::uint64_t button) {
-    auto self = weak_from_this().lock();
-    if (!self) return;
-    mainQueue_->post([self = std::move(self), button] {
-        if (auto d = self->delegate()) d->plenkDeviceDidClickButton(button);
-    });
+    Bridge::toHost(*this, [button](PKPlenkDelegate& d, PKPlenk&) { d.plenkDeviceDidClickButton(button); });
 }
 
 // --- Kit questions: the host data source's answer, at once ----------------------------------------

@@ -1,10 +1,11 @@
-#include "RostaKit/RKDevice.h"
+#include "RostaKit/RKDeviceCore.h"
 
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include "bt/Bytes.h"
+#include "dispatch/Guarded.h"
 #include "wire/ConfigurationRecord.h"
 #include "wire/Frames.h"
 #include "wire/GattUuids.h"
@@ -29,51 +30,52 @@ void RKDeviceDelegate::deviceDidUpdateWeight(RKDevice&, float) {}
 void RKDeviceDelegate::deviceDidClickButton(RKDevice&, std::uint64_t) {}
 void RKDeviceDelegate::deviceDidFailConfigureWithError(RKDevice&, const ErrorPtr&) {}
 
-RKDevice::RKDevice(bt::PeripheralPtr peripheral, std::shared_ptr<LogSink> log)
-    : CSRDevice(std::move(peripheral)), log_(log ? std::move(log) : LogSink::standardOutput()) {}
+RKDevice::~RKDevice() = default;
 
-std::shared_ptr<RKDevice> RKDevice::create(const bt::PeripheralPtr& peripheral, std::shared_ptr<LogSink> log,
-                                           std::weak_ptr<RKDeviceDelegate> delegate) {
+RKDeviceCore::RKDeviceCore(bt::PeripheralPtr peripheral, std::shared_ptr<LogSink> log)
+    : CSRDeviceCore(std::move(peripheral)), log_(log ? std::move(log) : LogSink::standardOutput()) {}
+
+std::shared_ptr<RKDeviceCore> RKDeviceCore::create(const PeripheralPtr& handle, std::shared_ptr<LogSink> log,
+                                                   std::weak_ptr<RKDeviceDelegate> delegate) {
+    auto peripheral = bt::portPeripheral(handle);
     if (!peripheral) return nullptr;
-    std::shared_ptr<RKDevice> device(new RKDevice(peripheral, std::move(log)));
+    std::shared_ptr<RKDeviceCore> device(new RKDeviceCore(peripheral, std::move(log)));
     device->setDelegate(std::move(delegate));
     device->attach();
     device->discoverServices(std::nullopt);
     return device;
 }
 
-RKDevice::~RKDevice() {
+RKDeviceCore::~RKDeviceCore() {
     // Leave the peripheral without a delegate, unless another object (a newer
     // device for the same peripheral) has already taken the slot.
-    if (auto p = peripheral(); p && !p->delegate()) p->setDelegate({});
+    if (auto p = portPeripheral(); p && !p->delegate()) p->setDelegate({});
 }
 
-void RKDevice::renewPeripheral(const bt::PeripheralPtr& peripheral) {
-    if (!peripheral) return;
-    CSRDevice::renewPeripheral(peripheral);
+void RKDeviceCore::renewPeripheral(const PeripheralPtr& peripheral) {
+    if (!bt::portPeripheral(peripheral)) return;
+    CSRDeviceCore::renewPeripheral(peripheral);
     discoverServices(std::nullopt);
 }
 
 // Delegate: this class's own storage; the base class reaches it through
 // reportDelegate()/storeDelegate().
 
-std::shared_ptr<RKDeviceDelegate> RKDevice::delegate() const {
-    std::lock_guard lock(mutex_);
-    return delegate_.lock();
+std::shared_ptr<RKDeviceDelegate> RKDeviceCore::delegate() const {
+    return dispatch::loadLocked(mutex_, delegate_).lock();
 }
 
-void RKDevice::setDelegate(std::weak_ptr<RKDeviceDelegate> delegate) {
+void RKDeviceCore::setDelegate(std::weak_ptr<RKDeviceDelegate> delegate) {
     std::lock_guard lock(mutex_);
     baseDelegate_ = delegate;
     delegate_ = std::move(delegate);
 }
 
-std::shared_ptr<CSRDeviceDelegate> RKDevice::reportDelegate() const {
-    std::lock_guard lock(mutex_);
-    return baseDelegate_.lock();
+std::shared_ptr<CSRDeviceDelegate> RKDeviceCore::reportDelegate() const {
+    return dispatch::loadLocked(mutex_, baseDelegate_).lock();
 }
 
-void RKDevice::storeDelegate(std::weak_ptr<CSRDeviceDelegate> delegate) {
+void RKDeviceCore::storeDelegate(std::weak_ptr<CSRDeviceDelegate> delegate) {
     auto scaleDelegate = std::dynamic_pointer_cast<RKDeviceDelegate>(delegate.lock());
     std::lock_guard lock(mutex_);
     baseDelegate_ = std::move(delegate);
@@ -82,114 +84,99 @@ void RKDevice::storeDelegate(std::weak_ptr<CSRDeviceDelegate> delegate) {
 
 // Accessors.
 
-bt::ServicePtr RKDevice::scaleService() const {
-    std::lock_guard lock(mutex_);
-    return scaleService_;
+bt::ServicePtr RKDeviceCore::scaleService() const {
+    return dispatch::loadLocked(mutex_, scaleService_);
 }
-bt::CharacteristicPtr RKDevice::dataChar() const {
-    std::lock_guard lock(mutex_);
-    return dataChar_;
+bt::CharacteristicPtr RKDeviceCore::dataChar() const {
+    return dispatch::loadLocked(mutex_, dataChar_);
 }
-bt::CharacteristicPtr RKDevice::cmdChar() const {
-    std::lock_guard lock(mutex_);
-    return cmdChar_;
+bt::CharacteristicPtr RKDeviceCore::cmdChar() const {
+    return dispatch::loadLocked(mutex_, cmdChar_);
 }
-bt::CharacteristicPtr RKDevice::controlChar() const {
-    std::lock_guard lock(mutex_);
-    return controlChar_;
+bt::CharacteristicPtr RKDeviceCore::controlChar() const {
+    return dispatch::loadLocked(mutex_, controlChar_);
 }
-bt::CharacteristicPtr RKDevice::infoChar() const {
-    std::lock_guard lock(mutex_);
-    return infoChar_;
+bt::CharacteristicPtr RKDeviceCore::infoChar() const {
+    return dispatch::loadLocked(mutex_, infoChar_);
 }
-RKDevice::ResultCompletion RKDevice::dfuCompletion() const {
-    std::lock_guard lock(mutex_);
-    return dfuCompletion_;
+RKDeviceCore::ResultCompletion RKDeviceCore::dfuCompletion() const {
+    return dispatch::loadLocked(mutex_, dfuCompletion_);
 }
-void RKDevice::setDfuCompletion(ResultCompletion completion) {
-    std::lock_guard lock(mutex_);
-    dfuCompletion_ = std::move(completion);
+void RKDeviceCore::setDfuCompletion(ResultCompletion completion) {
+    dispatch::storeLocked(mutex_, dfuCompletion_, std::move(completion));
 }
-RKDevice::ResultCompletion RKDevice::syncCompletion() const {
-    std::lock_guard lock(mutex_);
-    return syncCompletion_;
+RKDeviceCore::ResultCompletion RKDeviceCore::syncCompletion() const {
+    return dispatch::loadLocked(mutex_, syncCompletion_);
 }
-void RKDevice::setSyncCompletion(ResultCompletion completion) {
-    std::lock_guard lock(mutex_);
-    syncCompletion_ = std::move(completion);
+void RKDeviceCore::setSyncCompletion(ResultCompletion completion) {
+    dispatch::storeLocked(mutex_, syncCompletion_, std::move(completion));
 }
-RKDevice::ResultCompletion RKDevice::initCompletion() const {
-    std::lock_guard lock(mutex_);
-    return initCompletion_;
+RKDeviceCore::ResultCompletion RKDeviceCore::initCompletion() const {
+    return dispatch::loadLocked(mutex_, initCompletion_);
 }
-void RKDevice::setInitCompletion(ResultCompletion completion) {
-    std::lock_guard lock(mutex_);
-    initCompletion_ = std::move(completion);
+void RKDeviceCore::setInitCompletion(ResultCompletion completion) {
+    dispatch::storeLocked(mutex_, initCompletion_, std::move(completion));
 }
-RKDevice::RecordCompletion RKDevice::configValueCompletion() const {
-    std::lock_guard lock(mutex_);
-    return configValueCompletion_;
+RKDeviceCore::RecordCompletion RKDeviceCore::configValueCompletion() const {
+    return dispatch::loadLocked(mutex_, configValueCompletion_);
 }
-void RKDevice::setConfigValueCompletion(RecordCompletion completion) {
-    std::lock_guard lock(mutex_);
-    configValueCompletion_ = std::move(completion);
+void RKDeviceCore::setConfigValueCompletion(RecordCompletion completion) {
+    dispatch::storeLocked(mutex_, configValueCompletion_, std::move(completion));
 }
-RKDevice::ConfigurationCompletion RKDevice::configCompletion() const {
-    std::lock_guard lock(mutex_);
-    return configCompletion_;
+RKDeviceCore::ConfigurationCompletion RKDeviceCore::configCompletion() const {
+    return dispatch::loadLocked(mutex_, configCompletion_);
 }
-void RKDevice::setConfigCompletion(ConfigurationCompletion completion) {
-    std::lock_guard lock(mutex_);
-    configCompletion_ = std::move(completion);
+void RKDeviceCore::setConfigCompletion(ConfigurationCompletion completion) {
+    dispatch::storeLocked(mutex_, configCompletion_, std::move(completion));
 }
 
 // Commands.
 
-void RKDevice::writeCommand(std::span<const std::uint8_t> frame) {
+void RKDeviceCore::writeCommand(std::span<const std::uint8_t> frame) {
     bt::CharacteristicPtr command = cmdChar();
     if (!command) return;
-    if (auto p = peripheral()) p->writeValue(bt::Bytes(frame), command, bt::WriteType::WithResponse);
+    if (auto p = portPeripheral()) p->writeValue(bt::Bytes(frame), command, bt::WriteType::WithResponse);
 }
 
-void RKDevice::tare() {
+void RKDeviceCore::tare() {
     writeCommand(wire::tareFrame().span());
 }
-void RKDevice::calibrate(std::uint8_t value) {
+void RKDeviceCore::calibrate(std::uint8_t value) {
     writeCommand(wire::calibrateFrame(value).span());
 }
-void RKDevice::setUnit(std::int32_t unit) {
+void RKDeviceCore::setUnit(std::int32_t unit) {
     writeCommand(wire::unitFrame(unit).span());
 }
-void RKDevice::setLEDDisplayOn(bool on) {
+void RKDeviceCore::setLEDDisplayOn(bool on) {
     const auto frames = wire::ledDisplayFrames(on);
     for (const auto& frame : frames.span()) writeCommand(frame.span());
 }
-void RKDevice::setTimerOn(bool on, bool defaultOn) {
+void RKDeviceCore::setTimerOn(bool on, bool defaultOn) {
     writeCommand(wire::timerFrame(on, defaultOn).span());
 }
-void RKDevice::setTimerAutoStart(bool autoStart) {
+void RKDeviceCore::setTimerAutoStart(bool autoStart) {
     writeCommand(wire::timerAutoStartFrame(autoStart).span());
 }
-void RKDevice::setBLEPowerEnhanced(bool enhanced) {
+void RKDeviceCore::setBLEPowerEnhanced(bool enhanced) {
     writeCommand(wire::powerEnhancedFrame(enhanced).span());
 }
-void RKDevice::setSleepTime(std::int32_t level, std::int32_t mode) {
+void RKDeviceCore::setSleepTime(std::int32_t level, std::int32_t mode) {
     writeCommand(wire::sleepTimeFrame(level, mode).span());
 }
-void RKDevice::setAdvertisingTime(std::int32_t level, std::int32_t mode) {
+void RKDeviceCore::setAdvertisingTime(std::int32_t level, std::int32_t mode) {
     writeCommand(wire::advertisingTimeFrame(level, mode).span());
 }
-void RKDevice::setFWDisconnect() {
+void RKDeviceCore::setFWDisconnect() {
     writeCommand(wire::firmwareDisconnectFrame().span());
 }
-void RKDevice::sevenSegmentCommand(std::uint8_t command) {
+void RKDeviceCore::sevenSegmentCommand(std::uint8_t command) {
     writeCommand(wire::frame(command).span());
 }
-void RKDevice::sevenSegmentCommand(std::uint8_t command, std::uint8_t data) {
+void RKDeviceCore::sevenSegmentCommand(std::uint8_t command, std::uint8_t data) {
     writeCommand(wire::frame(command, data).span());
 }
 
-void RKDevice::synchronize(ResultCompletion completion) {
+void RKDeviceCore::synchronize(ResultCompletion completion) {
     {
         std::lock_guard lock(mutex_);
         if (!cmdChar_) return;
@@ -198,7 +185,7 @@ void RKDevice::synchronize(ResultCompletion completion) {
     writeCommand(wire::synchronizeFrame().span());
 }
 
-void RKDevice::setDeaultConfiguartion(ResultCompletion completion) {
+void RKDeviceCore::setDeaultConfiguartion(ResultCompletion completion) {
     {
         std::lock_guard lock(mutex_);
         if (!cmdChar_) return;
@@ -213,7 +200,7 @@ void RKDevice::setDeaultConfiguartion(ResultCompletion completion) {
     for (const auto& frame : frames.span()) writeCommand(frame.span());
 }
 
-void RKDevice::enableDFUMode(ResultCompletion completion) {
+void RKDeviceCore::enableDFUMode(ResultCompletion completion) {
     {
         std::lock_guard lock(mutex_);
         if (!cmdChar_) return;
@@ -224,20 +211,20 @@ void RKDevice::enableDFUMode(ResultCompletion completion) {
 
 // Reads and exchanges.
 
-void RKDevice::startUpdate() {
+void RKDeviceCore::startUpdate() {
     bt::CharacteristicPtr data, control;
     {
         std::lock_guard lock(mutex_);
         data = dataChar_;
         control = controlChar_;
     }
-    auto p = peripheral();
+    auto p = portPeripheral();
     if (!p) return;
     if (data) p->setNotifyValue(true, data);
     if (control) p->setNotifyValue(true, control);
 }
 
-void RKDevice::readRawData(RecordCompletion completion) {
+void RKDeviceCore::readRawData(RecordCompletion completion) {
     bt::CharacteristicPtr info;
     {
         std::lock_guard lock(mutex_);
@@ -245,10 +232,10 @@ void RKDevice::readRawData(RecordCompletion completion) {
         info = infoChar_;
         configValueCompletion_ = std::move(completion);
     }
-    if (auto p = peripheral()) p->readValueForCharacteristic(info);
+    if (auto p = portPeripheral()) p->readValueForCharacteristic(info);
 }
 
-void RKDevice::readConfiguration(ConfigurationCompletion completion) {
+void RKDeviceCore::readConfiguration(ConfigurationCompletion completion) {
     bt::CharacteristicPtr info;
     {
         std::lock_guard lock(mutex_);
@@ -256,12 +243,12 @@ void RKDevice::readConfiguration(ConfigurationCompletion completion) {
         info = infoChar_;
         configCompletion_ = std::move(completion);
     }
-    if (auto p = peripheral()) p->readValueForCharacteristic(info);
+    if (auto p = portPeripheral()) p->readValueForCharacteristic(info);
 }
 
-void RKDevice::initializeConfiguration(ResultCompletion completion) {
+void RKDeviceCore::initializeConfiguration(ResultCompletion completion) {
     // Weak: the receiver sits in this device's own slot.
-    std::weak_ptr<RKDevice> weak = std::static_pointer_cast<RKDevice>(shared_from_this());
+    std::weak_ptr<RKDeviceCore> weak = std::static_pointer_cast<RKDeviceCore>(shared_from_this());
     readRawData([weak, completion = std::move(completion)](RKConfigurationRecord record) {
         auto self = weak.lock();
         if (!self) return;
@@ -274,15 +261,15 @@ void RKDevice::initializeConfiguration(ResultCompletion completion) {
     });
 }
 
-void RKDevice::report(std::int64_t code) {
+void RKDeviceCore::report(std::int64_t code) {
     if (auto d = delegate())
         d->deviceDidFailConfigureWithError(*this, Error::make(LEDeviceErrorDomain, code));
 }
 
 // Events, on the "Corebluetooth" queue.
 
-void RKDevice::peripheralDidDiscoverServices(bt::Peripheral& peripheral, const ErrorPtr& error) {
-    CSRDevice::peripheralDidDiscoverServices(peripheral, error);
+void RKDeviceCore::peripheralDidDiscoverServices(bt::Peripheral& peripheral, const ErrorPtr& error) {
+    CSRDeviceCore::peripheralDidDiscoverServices(peripheral, error);
     if (error) {
         report(kRKDeviceServiceDiscoveryFailed);
         return;
@@ -301,10 +288,10 @@ void RKDevice::peripheralDidDiscoverServices(bt::Peripheral& peripheral, const E
     if (!scaleService()) report(kRKDeviceNoScaleService);
 }
 
-void RKDevice::peripheralDidDiscoverCharacteristicsForServiceError(bt::Peripheral& peripheral,
-                                                                   const bt::ServicePtr& service,
-                                                                   const ErrorPtr& error) {
-    CSRDevice::peripheralDidDiscoverCharacteristicsForServiceError(peripheral, service, error);
+void RKDeviceCore::peripheralDidDiscoverCharacteristicsForServiceError(bt::Peripheral& peripheral,
+                                                                       const bt::ServicePtr& service,
+                                                                       const ErrorPtr& error) {
+    CSRDeviceCore::peripheralDidDiscoverCharacteristicsForServiceError(peripheral, service, error);
     if (error) {
         report(kRKDeviceCharacteristicDiscoveryFailed);
         return;
@@ -344,10 +331,10 @@ void RKDevice::peripheralDidDiscoverCharacteristicsForServiceError(bt::Periphera
     startUpdate();
 }
 
-void RKDevice::peripheralDidWriteValueForCharacteristicError(bt::Peripheral& peripheral,
-                                                             const bt::CharacteristicPtr& characteristic,
-                                                             const ErrorPtr& error) {
-    CSRDevice::peripheralDidWriteValueForCharacteristicError(peripheral, characteristic, error);
+void RKDeviceCore::peripheralDidWriteValueForCharacteristicError(bt::Peripheral& peripheral,
+                                                                 const bt::CharacteristicPtr& characteristic,
+                                                                 const ErrorPtr& error) {
+    CSRDeviceCore::peripheralDidWriteValueForCharacteristicError(peripheral, characteristic, error);
     ResultCompletion completion;
     bool fromInit = false;
     {
@@ -376,10 +363,10 @@ void RKDevice::peripheralDidWriteValueForCharacteristicError(bt::Peripheral& per
     }
 }
 
-void RKDevice::peripheralDidUpdateValueForCharacteristicError(bt::Peripheral& peripheral,
-                                                              const bt::CharacteristicPtr& characteristic,
-                                                              const ErrorPtr& error) {
-    CSRDevice::peripheralDidUpdateValueForCharacteristicError(peripheral, characteristic, error);
+void RKDeviceCore::peripheralDidUpdateValueForCharacteristicError(bt::Peripheral& peripheral,
+                                                                  const bt::CharacteristicPtr& characteristic,
+                                                                  const ErrorPtr& error) {
+    CSRDeviceCore::peripheralDidUpdateValueForCharacteristicError(peripheral, characteristic, error);
     if (error) {
         report(kRKDeviceValueUpdateFailed);
         return;

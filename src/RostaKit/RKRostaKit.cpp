@@ -58,8 +58,19 @@ const bt::Uuid& RKRostaKitCore::scaleServiceUuid() {
     return wire::kScaleService;
 }
 
+namespace {
+// The context as the kit keeps it: the host's main queue is held weakly (see
+// dispatch::HostQueue), so the stored copy drops it.
+Context withoutMainQueue(Context context) {
+    context.mainQueue = nullptr;
+    return context;
+}
+
+thread_local const RKRostaKit* deliveringKit = nullptr;  // NOLINT: per-thread marker
+}  // namespace
+
 RKRostaKitCore::RKRostaKitCore(Token, const Context& resolvedContext)
-    : context_(resolvedContext), mainQueue_(resolvedContext.mainQueue) {}
+    : context_(withoutMainQueue(resolvedContext)), mainQueue_(resolvedContext.mainQueue) {}
 
 std::shared_ptr<RKRostaKitCore> RKRostaKitCore::make(const Context& context) {
     auto kit = std::make_shared<RKRostaKitCore>(Token{}, context.resolved());
@@ -73,7 +84,7 @@ void RKRostaKitCore::start() {
         // The radio state may be reported before the connecter is stored: the
         // handler then waits for this scope.
         Scope scope(*this);
-        connecter_ = BLEConnecter::create(std::weak_ptr<BLEConnecterDelegate>(weak), context_);
+        connecter_ = BLEConnecterCore::create(std::weak_ptr<BLEConnecterDelegate>(weak), context_);
     }
     didBecomeActiveToken_ = context_.notifications->addObserver(UIApplicationDidBecomeActiveNotification,
                                                                 [weak](const Notification& n) {
@@ -90,14 +101,20 @@ RKRostaKitCore::~RKRostaKitCore() {
     context_.notifications->removeObserver(didBecomeActiveToken_);
     context_.notifications->removeObserver(didEnterBackgroundToken_);
     if (currentDevice_) currentDevice_->setDelegate({});
-    if (connecter_) {
-        connecter_->setDelegate({});
-        // The last owner may be an event of the connecter's own queue; the
-        // central is then released from the main queue rather than from inside
-        // its own event.
-        auto central = connecter_->cbManager();
-        if (central && central->isOnQueue()) mainQueue_->post([connecter = std::move(connecter_)] {});
-    }
+    if (!connecter_) return;
+    connecter_->setDelegate({});
+    // The last owner may let go inside an event of the Bluetooth queue (a
+    // picker-mode failure completion, say). The connecter and its central may
+    // die there; what the host gave the kit (the picker and its view, the
+    // host's closures, the device holding exchange completions) is released on
+    // the main queue instead, where the host's toolkit expects it.
+    const auto central = connecter_->cbManager();
+    if (!central || !central->isOnQueue()) return;
+    mainQueue_.post([picker = std::move(scanViewController_), device = std::move(currentDevice_),
+                     picked = std::move(pickerCompletion_), battery = std::move(batteryCompletion_),
+                     wait = std::move(waitBlock_), progress = std::move(progressBlock_),
+                     done = std::move(completionBlock_), discovered = std::move(discoeredBlock_),
+                     connected = std::move(connectedBlock_)] {});
 }
 
 // --- Lock scope and deferred calls -------------------------------------------------------
@@ -114,9 +131,19 @@ RKRostaKitCore::Scope::~Scope() {
     for (auto& call : own_) call();
 }
 
-void RKRostaKitCore::later(Call call) const {
+void RKRostaKitCore::later(Task call) const {
     assert(outbox_ != nullptr && "later() outside a Scope");
     outbox_->push_back(std::move(call));
+}
+
+void RKRostaKitCore::postLater(Task task) const {
+    // The task's place is fixed now, under the lock; the host's executor is
+    // only called once the lock is released.
+    if (mainQueue_.enqueue(task)) {
+        later([queue = mainQueue_] { queue.pump(); });
+    } else {
+        later([dropped = std::move(task)] {});  // the host's loop is gone
+    }
 }
 
 void RKRostaKitCore::postNotification(std::string_view name, std::optional<std::string> object) const {
@@ -131,182 +158,150 @@ void RKRostaKitCore::writeLog(std::string text) const {
 
 // --- Delegate calls on the main queue ------------------------------------------------------
 
+RKRostaKitCore::Delivery::Delivery(const RKRostaKit* kit) : previous_(deliveringKit) {
+    deliveringKit = kit;
+}
+
+RKRostaKitCore::Delivery::~Delivery() {
+    deliveringKit = previous_;
+}
+
+bool RKRostaKitCore::isDelivering(const RKRostaKit* kit) {
+    return kit != nullptr && deliveringKit == kit;
+}
+
 void RKRostaKitCore::sendConnected() {
-    mainQueue_->post([weak = weak_from_this()] {
-        auto kit = weak.lock();
-        if (!kit) return;
-        if (auto d = kit->delegate()) d->rostaDidConnected(*kit);
-    });
+    postLater(
+        toDelegate(weak_from_this(), [](RKRostaDelegate& d, RKRostaKit& kit) { d.rostaDidConnected(kit); }));
 }
 
 void RKRostaKitCore::sendDisconnected() {
-    mainQueue_->post([weak = weak_from_this()] {
-        auto kit = weak.lock();
-        if (!kit) return;
-        if (auto d = kit->delegate()) d->rostaDidDisconnected(*kit);
-    });
+    postLater(toDelegate(weak_from_this(),
+                         [](RKRostaDelegate& d, RKRostaKit& kit) { d.rostaDidDisconnected(kit); }));
 }
 
 void RKRostaKitCore::sendError(ErrorPtr error) {
-    mainQueue_->post([weak = weak_from_this(), error = std::move(error)] {
-        auto kit = weak.lock();
-        if (!kit) return;
-        if (auto d = kit->delegate()) d->rostaDidErrorOccur(*kit, error);
-    });
+    postLater(toDelegate(weak_from_this(), [error = std::move(error)](RKRostaDelegate& d, RKRostaKit& kit) {
+        d.rostaDidErrorOccur(kit, error);
+    }));
 }
 
 // --- Properties ------------------------------------------------------------------------------
 
 bool RKRostaKitCore::isAutoConnectEnabled() const {
-    std::lock_guard lock(mutex_);
-    return isAutoConnectEnabled_;
+    return locked(isAutoConnectEnabled_);
 }
 
 bool RKRostaKitCore::isContinuousConnectionEnabled() const {
-    std::lock_guard lock(mutex_);
-    return isContinuousConnectionEnabled_;
+    return locked(isContinuousConnectionEnabled_);
 }
 
 void RKRostaKitCore::setIsContinuousConnectionEnabled(bool enabled) {
-    std::lock_guard lock(mutex_);
-    isContinuousConnectionEnabled_ = enabled;
+    replace(isContinuousConnectionEnabled_, enabled);
 }
 
 bool RKRostaKitCore::isConnected() const {
-    std::lock_guard lock(mutex_);
-    return isConnected_;
+    return locked(isConnected_);
 }
 
 std::uint64_t RKRostaKitCore::leState() const {
-    std::lock_guard lock(mutex_);
-    return leState_;
+    return locked(leState_);
 }
 
 std::shared_ptr<RKRostaDelegate> RKRostaKitCore::delegate() const {
-    std::lock_guard lock(mutex_);
-    return delegate_.lock();
+    return locked(delegate_).lock();
 }
 
 void RKRostaKitCore::setDelegate(std::weak_ptr<RKRostaDelegate> delegate) {
-    std::lock_guard lock(mutex_);
-    delegate_ = std::move(delegate);
+    replace(delegate_, std::move(delegate));
 }
 
 std::shared_ptr<RKRostaDataSource> RKRostaKitCore::dataSource() const {
-    std::lock_guard lock(mutex_);
-    return dataSource_.lock();
+    return locked(dataSource_).lock();
 }
 
 void RKRostaKitCore::setDataSource(std::weak_ptr<RKRostaDataSource> dataSource) {
-    std::lock_guard lock(mutex_);
-    dataSource_ = std::move(dataSource);
+    replace(dataSource_, std::move(dataSource));
 }
 
 std::shared_ptr<BLEConnecter> RKRostaKitCore::connecter() const {
-    std::lock_guard lock(mutex_);
-    return connecter_;
+    return locked(connecter_);
 }
 
 std::vector<RKRostaKit::PeripheralPtr> RKRostaKitCore::discoveredResults() const {
-    std::lock_guard lock(mutex_);
-    return discoveredResults_;
+    return locked(discoveredResults_);
 }
 
 std::shared_ptr<CSRSelectDeviceViewController> RKRostaKitCore::scanViewController() const {
-    std::lock_guard lock(mutex_);
-    return scanViewController_;
+    return locked(scanViewController_);
 }
 
 std::shared_ptr<RKDevice> RKRostaKitCore::currentDevice() const {
-    std::lock_guard lock(mutex_);
-    return currentDevice_;
+    return locked(currentDevice_);
 }
 
 RKRostaKit::PeripheralPtr RKRostaKitCore::connectingPeripheral() const {
-    std::lock_guard lock(mutex_);
-    return connectingPeripheral_;
+    return locked(connectingPeripheral_);
 }
 
 RKRostaKit::PickerCompletion RKRostaKitCore::pickerCompletion() const {
-    std::lock_guard lock(mutex_);
-    return pickerCompletion_;
+    return locked(pickerCompletion_);
 }
 
 void RKRostaKitCore::setPickerCompletion(PickerCompletion completion) {
-    Scope scope(*this);
-    std::swap(pickerCompletion_, completion);
-    later([old = std::move(completion)] {});  // the old block is released unlocked
+    replace(pickerCompletion_, std::move(completion));
 }
 
 RKRostaKit::BatteryCompletion RKRostaKitCore::batteryCompletion() const {
-    std::lock_guard lock(mutex_);
-    return batteryCompletion_;
+    return locked(batteryCompletion_);
 }
 
 void RKRostaKitCore::setBatteryCompletion(BatteryCompletion completion) {
-    Scope scope(*this);
-    std::swap(batteryCompletion_, completion);
-    later([old = std::move(completion)] {});
+    replace(batteryCompletion_, std::move(completion));
 }
 
 std::function<void()> RKRostaKitCore::discoeredBlock() const {
-    std::lock_guard lock(mutex_);
-    return discoeredBlock_;
+    return locked(discoeredBlock_);
 }
 
 void RKRostaKitCore::setDiscoeredBlock(std::function<void()> block) {
-    Scope scope(*this);
-    std::swap(discoeredBlock_, block);
-    later([old = std::move(block)] {});
+    replace(discoeredBlock_, std::move(block));
 }
 
 RKRostaKit::ConnectedBlock RKRostaKitCore::connectedBlock() const {
-    std::lock_guard lock(mutex_);
-    return connectedBlock_;
+    return locked(connectedBlock_);
 }
 
 void RKRostaKitCore::setConnectedBlock(ConnectedBlock block) {
-    Scope scope(*this);
-    std::swap(connectedBlock_, block);
-    later([old = std::move(block)] {});
+    replace(connectedBlock_, std::move(block));
 }
 
 RKRostaKit::PeripheralPtr RKRostaKitCore::dfuPeripheral() const {
-    std::lock_guard lock(mutex_);
-    return dfuPeripheral_;
+    return locked(dfuPeripheral_);
 }
 
 std::function<void()> RKRostaKitCore::waitBlock() const {
-    std::lock_guard lock(mutex_);
-    return waitBlock_;
+    return locked(waitBlock_);
 }
 
 void RKRostaKitCore::setWaitBlock(std::function<void()> block) {
-    Scope scope(*this);
-    std::swap(waitBlock_, block);
-    later([old = std::move(block)] {});
+    replace(waitBlock_, std::move(block));
 }
 
 std::function<void(std::int32_t)> RKRostaKitCore::progressBlock() const {
-    std::lock_guard lock(mutex_);
-    return progressBlock_;
+    return locked(progressBlock_);
 }
 
 void RKRostaKitCore::setProgressBlock(std::function<void(std::int32_t)> block) {
-    Scope scope(*this);
-    std::swap(progressBlock_, block);
-    later([old = std::move(block)] {});
+    replace(progressBlock_, std::move(block));
 }
 
 RKRostaKit::ResultCompletion RKRostaKitCore::completionBlock() const {
-    std::lock_guard lock(mutex_);
-    return completionBlock_;
+    return locked(completionBlock_);
 }
 
 void RKRostaKitCore::setCompletionBlock(ResultCompletion block) {
-    Scope scope(*this);
-    std::swap(completionBlock_, block);
-    later([old = std::move(block)] {});
+    replace(completionBlock_, std::move(block));
 }
 
 }  // namespace plenk

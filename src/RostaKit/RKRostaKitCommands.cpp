@@ -95,7 +95,7 @@ void RKRostaKitCore::initializeConfiguration(ResultCompletion completion) {
     withDevice([&](RKDevice& d) {
         d.initializeConfiguration(
             [queue = mainQueue_, completion = std::move(completion)](bool ok, ErrorPtr error) {
-                queue->post([completion, ok, error = std::move(error)] {
+                queue.post([completion, ok, error = std::move(error)] {
                     if (completion) completion(ok, error);
                 });
             });
@@ -107,7 +107,7 @@ void RKRostaKitCore::synchronize(ResultCompletion completion) {
         d.synchronize([queue = mainQueue_, log = context_.log, completion = std::move(completion)](
                           bool ok, ErrorPtr error) {
             log->write("\n did sync in rosta");
-            queue->post([completion, ok, error = std::move(error)] {
+            queue.post([completion, ok, error = std::move(error)] {
                 if (completion) completion(ok, error);
             });
         });
@@ -118,7 +118,7 @@ void RKRostaKitCore::readConfiguration(ConfigurationCompletion completion) {
     withDevice([&](RKDevice& d) {
         d.readConfiguration(
             [queue = mainQueue_, completion = std::move(completion)](RKConfiguration configuration) {
-                queue->post([completion, configuration] {
+                queue.post([completion, configuration] {
                     if (completion) completion(configuration);
                 });
             });
@@ -137,7 +137,7 @@ void RKRostaKitCore::readRostaBatteryLifeWithCompletion(BatteryCompletion comple
 // --- Device events -----------------------------------------------------------------------------
 
 void RKRostaKitCore::batteryLifeOnDevice(std::int64_t level, CSRDevice&) {
-    mainQueue_->post([weak = weak_from_this(), level] {
+    mainQueue_.post([weak = weak_from_this(), level] {
         auto kit = weak.lock();
         if (!kit) return;
         BatteryCompletion completion;
@@ -151,24 +151,19 @@ void RKRostaKitCore::batteryLifeOnDevice(std::int64_t level, CSRDevice&) {
 
 // The weight path: one task per reading, holding a weak pointer and the float.
 void RKRostaKitCore::deviceDidUpdateWeight(RKDevice&, float weight) {
-    auto task = [weak = weak_from_this(), weight] {
-        auto kit = weak.lock();
-        if (!kit) return;
-        if (auto d = kit->delegate()) d->rostaWeightDidUpdate(weight);
-    };
+    auto task = toDelegate(weak_from_this(),
+                           [weight](RKRostaDelegate& d, RKRostaKit&) { d.rostaWeightDidUpdate(weight); });
     static_assert(sizeof(task) <= Task::kInlineSize, "the weight path must not allocate");
-    mainQueue_->post(std::move(task));
+    mainQueue_.post(std::move(task));
 }
 
 void RKRostaKitCore::deviceDidClickButton(RKDevice& device, std::uint64_t button) {
     // Every press also refreshes the battery level; the answer reaches a
     // pending battery completion, if any.
     device.readBatteryState();
-    mainQueue_->post([weak = weak_from_this(), button] {
-        auto kit = weak.lock();
-        if (!kit) return;
-        if (auto d = kit->delegate()) d->rostaDeviceDidClickButton(button);
-    });
+    mainQueue_.post(toDelegate(weak_from_this(), [button](RKRostaDelegate& d, RKRostaKit&) {
+        d.rostaDeviceDidClickButton(button);
+    }));
 }
 
 }  // namespace plenk

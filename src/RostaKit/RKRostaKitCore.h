@@ -8,13 +8,15 @@
 #include <string>
 #include <vector>
 
+#include <PlenkKit/CSRSelectDeviceViewController.h>
 #include <PlenkKit/Context.h>
 #include <PlenkKit/NotificationCenter.h>
 #include <PlenkKit/RKRostaKit.h>
 
-#include "RostaKit/RKDevice.h"
-#include "ble/BLEConnecter.h"
-#include "ble/CSRSelectDeviceViewController.h"
+#include "RostaKit/RKDeviceCore.h"
+#include "ble/BLEConnecterCore.h"
+#include "dispatch/Guarded.h"
+#include "dispatch/HostQueue.h"
 
 namespace plenk {
 
@@ -22,11 +24,11 @@ namespace plenk {
 // plays for the layers below (connecter, device, picker).
 //
 // Locking: one recursive mutex guards every field. It is held only while
-// calling down (connecter, device, picker model, main-queue post); calls up
-// (completions, notification observers, the log sink, the presenter, picker
-// views) are collected while it is held and made once it is released. Delegate
-// calls are always posted to the main queue, each task holding a weak
-// reference to the kit and reading the delegate when it runs.
+// calling down (connecter, device, picker model); calls up (completions,
+// notification observers, the log sink, the presenter, picker views) and posts
+// to the host's main queue are collected while it is held and made once it is
+// released. Delegate calls are always posted to the main queue, each task
+// holding a weak reference to the kit and reading the delegate when it runs.
 //
 // The lifecycle is in RKRostaKit.cpp, link events in RKRostaKitLink.cpp,
 // commands and exchanges in RKRostaKitCommands.cpp, failures in
@@ -52,6 +54,12 @@ public:
     static RKRostaKitCore& of(RKRostaKit& kit) { return static_cast<RKRostaKitCore&>(kit); }
 
     const Context& context() const { return context_; }
+
+    // True while a task of `kit` posted to the main queue is calling its
+    // delegate on this thread. The facade, the kit's delegate, then passes the
+    // event to the host in the same task: every host callback, delegate event or
+    // completion, takes exactly one main-queue hop, so all arrive in event order.
+    static bool isDelivering(const RKRostaKit* kit);
 
     // --- RKRostaKit ---------------------------------------------------------------
     bool isAutoConnectEnabled() const override;
@@ -123,15 +131,13 @@ public:
     void setCompletionBlock(ResultCompletion block) override;
 
     // --- BLEConnecterDelegate (Bluetooth queue) -------------------------------------
-    void connecterDidDiscoverPeripheral(BLEConnecter& connecter,
-                                        const bt::PeripheralPtr& peripheral) override;
-    void connecterDidConnectPeripheralUserInfo(BLEConnecter& connecter, const bt::PeripheralPtr& peripheral,
+    void connecterDidDiscoverPeripheral(BLEConnecter& connecter, const PeripheralPtr& peripheral) override;
+    void connecterDidConnectPeripheralUserInfo(BLEConnecter& connecter, const PeripheralPtr& peripheral,
                                                const ConnecterUserInfo& userInfo) override;
-    void connecterDidDisconnectPeripheralUserInfo(BLEConnecter& connecter,
-                                                  const bt::PeripheralPtr& peripheral,
+    void connecterDidDisconnectPeripheralUserInfo(BLEConnecter& connecter, const PeripheralPtr& peripheral,
                                                   const ConnecterUserInfo& userInfo) override;
     void connecterDidFailToConnectPeripheralUserInfo(
-        BLEConnecter& connecter, const bt::PeripheralPtr& peripheral,
+        BLEConnecter& connecter, const PeripheralPtr& peripheral,
         const std::optional<ConnecterUserInfo>& userInfo) override;
     void connecterDidDidUpdateStateWithUserInfo(BLEConnecter& connecter,
                                                 const std::optional<ConnecterUserInfo>& userInfo) override;
@@ -160,8 +166,6 @@ public:
     void viewControllerDidDismiss(CSRSelectDeviceViewController& viewController) override;
 
 private:
-    using Call = std::function<void()>;
-
     // Holds the kit's lock. Calls queued with later() run, in order, once the
     // outermost scope on this thread has released the lock.
     class Scope {
@@ -174,12 +178,53 @@ private:
     private:
         const RKRostaKitCore& kit_;
         std::unique_lock<std::recursive_mutex> lock_;
-        std::vector<Call> own_;
+        std::vector<Task> own_;
     };
+
+    // Marks this thread as delivering the kit's events for the task's duration.
+    class Delivery {
+    public:
+        explicit Delivery(const RKRostaKit* kit);
+        ~Delivery();
+        Delivery(const Delivery&) = delete;
+        Delivery& operator=(const Delivery&) = delete;
+
+    private:
+        const RKRostaKit* previous_;
+    };
+
+    // A main-queue task calling the delegate, if the kit and its delegate are
+    // still there when it runs.
+    template <typename F>
+    static auto toDelegate(std::weak_ptr<RKRostaKitCore> weak, F call) {
+        return [weak = std::move(weak), call = std::move(call)] {
+            auto kit = weak.lock();
+            if (!kit) return;
+            auto delegate = kit->delegate();
+            if (!delegate) return;
+            Delivery marker(kit.get());
+            call(*delegate, *kit);
+        };
+    }
+
+    // Field access under the lock; a replaced value (a host closure, say) is
+    // released once the lock is let go.
+    template <typename T>
+    T locked(const T& field) const {
+        return dispatch::loadLocked(mutex_, field);
+    }
+    template <typename T>
+    void replace(T& field, T value) {
+        Scope scope(*this);
+        std::swap(field, value);
+        later([old = std::move(value)] {});
+    }
 
     void start();
     // Only inside a Scope.
-    void later(Call call) const;
+    void later(Task call) const;
+    // Posts to the host's main queue once the lock is released. Only inside a Scope.
+    void postLater(Task task) const;
     void postNotification(std::string_view name, std::optional<std::string> object = std::nullopt) const;
     void writeLog(std::string text) const;
 
@@ -197,8 +242,16 @@ private:
     void actDisconnectLocked();
     void tearDownAfterLinkLoss();
     bool reconnectHeldDevice();
-    void armWatchdog(const PeripheralPtr& peripheral);
-    void runWatchdog(const PeripheralPtr& peripheral);
+    void reconnectHeld(const PeripheralPtr& peripheral);
+    // Ends a hold that did not relink: the pending reconnect is cancelled and
+    // the kit tears down (one rostaDidDisconnected).
+    void abandonHoldLocked();
+    bool holdingLocked() const { return holdTarget_ != nullptr; }
+    bool isHeldPeripheralLocked(const PeripheralPtr& peripheral) const;
+    // A late event of a link the kit gave up is swallowed once.
+    bool consumeAbandonedLocked(const PeripheralPtr& peripheral);
+    void armWatchdog(const PeripheralPtr& peripheral, std::uint64_t hold);
+    void runWatchdog(const PeripheralPtr& peripheral, std::uint64_t hold);
     void reloadPickerLater();
     void dismissPickerAfterConnection();
     std::vector<PeripheralPtr> systemConnectedScales() const;
@@ -207,22 +260,22 @@ private:
     template <typename F>
     void withDevice(F&& command) const;
 
-    const Context context_;
-    const std::shared_ptr<Executor> mainQueue_;
+    const Context context_;  // resolved, without the main queue (held weakly below)
+    const dispatch::HostQueue mainQueue_;
 
     mutable std::recursive_mutex mutex_;
     mutable int depth_ = 0;                        // nesting of Scope on the owning thread
-    mutable std::vector<Call>* outbox_ = nullptr;  // the outermost Scope's calls
+    mutable std::vector<Task>* outbox_ = nullptr;  // the outermost Scope's calls
 
     bool isAutoConnectEnabled_ = true;
     bool isContinuousConnectionEnabled_ = true;
     bool isConnected_ = false;
     std::weak_ptr<RKRostaDataSource> dataSource_;
     std::weak_ptr<RKRostaDelegate> delegate_;
-    std::shared_ptr<BLEConnecter> connecter_;
+    std::shared_ptr<BLEConnecterCore> connecter_;
     std::vector<PeripheralPtr> discoveredResults_;
     std::shared_ptr<CSRSelectDeviceViewController> scanViewController_;
-    std::shared_ptr<RKDevice> currentDevice_;
+    std::shared_ptr<RKDeviceCore> currentDevice_;
     PeripheralPtr connectingPeripheral_;
     std::uint64_t leState_ = 0;
     PickerCompletion pickerCompletion_;
@@ -233,6 +286,13 @@ private:
     ResultCompletion completionBlock_;
     std::function<void()> discoeredBlock_;
     ConnectedBlock connectedBlock_;
+
+    // A held link's reconnect in flight: the peripheral being reconnected, from
+    // the link loss until the device has found its characteristics again.
+    PeripheralPtr holdTarget_;
+    std::uint64_t holdGeneration_ = 0;  // tells a stale watchdog from the current hold's
+    // The peripheral of a hold the kit gave up while its link might still report.
+    PeripheralPtr abandoned_;
 
     NotificationCenter::Token didBecomeActiveToken_ = 0;
     NotificationCenter::Token didEnterBackgroundToken_ = 0;

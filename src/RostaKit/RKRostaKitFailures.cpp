@@ -46,16 +46,22 @@ void RKRostaKitCore::reportFailure(ErrorPtr error) {
     if (isAutoConnectEnabled_) {
         sendError(std::move(error));
     } else if (pickerCompletion_) {
-        // The completion is kept: a later failure calls it again.
-        later([completion = pickerCompletion_, error = std::move(error)] { completion(error); });
+        // The completion is kept: a later failure calls it again. The copy
+        // called here is released on the main queue: if the host lets the kit
+        // go inside the call, it is the last copy of the host's closure.
+        later([completion = pickerCompletion_, error = std::move(error), queue = mainQueue_]() mutable {
+            completion(error);
+            queue.post([released = std::move(completion)] {});
+        });
     }
 }
 
 void RKRostaKitCore::connecterDidFailToConnectPeripheralUserInfo(
-    BLEConnecter&, const bt::PeripheralPtr&, const std::optional<ConnecterUserInfo>& userInfo) {
+    BLEConnecter&, const PeripheralPtr& peripheral, const std::optional<ConnecterUserInfo>& userInfo) {
     const ErrorPtr platformError =
         userInfo && userInfo->has(kBleErrorConnectionError) ? userInfo->error() : nullptr;
     Scope scope(*this);
+    if (consumeAbandonedLocked(peripheral)) return;
     ErrorPtr report;
     if (platformError) {
         report = connectionError(platformError->code());
@@ -66,7 +72,10 @@ void RKRostaKitCore::connecterDidFailToConnectPeripheralUserInfo(
                                        : plainError();
     }
     if (report) reportFailure(std::move(report));
-    // The device, the connecting peripheral and an open picker stay as they are.
+    // A held scale that cannot be reached again is let go: left as it is, the
+    // kit would claim a connection that no event will ever end.
+    if (isHeldPeripheralLocked(peripheral)) abandonHoldLocked();
+    // Otherwise the device, the connecting peripheral and an open picker stay as they are.
     if (isAutoConnectEnabled_) scanDevicesLocked();
 }
 

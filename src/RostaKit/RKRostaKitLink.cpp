@@ -25,7 +25,7 @@ bool isScaleName(const std::optional<std::string>& name) {
     return nameContains(name, "Coffee") || nameContains(name, "Plenk");
 }
 
-std::string stateText(const bt::PeripheralPtr& peripheral) {
+std::string stateText(const PeripheralPtr& peripheral) {
     return std::to_string(static_cast<int>(peripheral->state()));
 }
 
@@ -55,12 +55,19 @@ void RKRostaKitCore::scanDeivces() {
 }
 
 void RKRostaKitCore::connectPeripheral(const PeripheralPtr& peripheral) {
+    if (!bt::portPeripheral(peripheral)) return;  // none, or not a handle this library handed out
     Scope scope(*this);
     connectLocked(peripheral);
 }
 
 void RKRostaKitCore::disconnect() {
     Scope scope(*this);
+    // A host disconnect during a hold ends it: cancelling a pending connect
+    // produces no event, so the teardown happens here.
+    if (holdingLocked()) {
+        abandonHoldLocked();
+        return;
+    }
     if (currentDevice_ && connecter_) {
         if (auto peripheral = currentDevice_->peripheral()) connecter_->disconnect(peripheral);
     }
@@ -122,6 +129,8 @@ void RKRostaKitCore::connectLocked(const PeripheralPtr& peripheral) {
 void RKRostaKitCore::actDisconnectLocked() {
     writeLog(" $ normal disconnection ");
     isConnected_ = false;
+    if (holdTarget_) later([released = std::move(holdTarget_)] {});
+    holdTarget_ = nullptr;
     if (currentDevice_) {
         // Released once the lock is let go; its delegate link is left as is.
         later([device = std::move(currentDevice_)] {});
@@ -131,8 +140,7 @@ void RKRostaKitCore::actDisconnectLocked() {
 }
 
 void RKRostaKitCore::reloadPickerLater() {
-    if (auto picker = scanViewController_)
-        mainQueue_->post([picker = std::move(picker)] { picker->reloadData(); });
+    if (auto picker = scanViewController_) postLater([picker = std::move(picker)] { picker->reloadData(); });
 }
 
 // --- Connecter events ---------------------------------------------------------------------------
@@ -153,9 +161,11 @@ void RKRostaKitCore::connecterDidDidUpdateStateWithUserInfo(
     } else {
         leState_ = kLEStateUnknown;
     }
+    // A reconnect issued while the radio is off never completes: the hold ends.
+    if (leState_ != kLEStatePoweredOn && holdingLocked()) abandonHoldLocked();
 }
 
-void RKRostaKitCore::connecterDidDiscoverPeripheral(BLEConnecter&, const bt::PeripheralPtr& peripheral) {
+void RKRostaKitCore::connecterDidDiscoverPeripheral(BLEConnecter&, const PeripheralPtr& peripheral) {
     if (!peripheral) return;
     Scope scope(*this);
     postNotification(kLogNotification, "didDiscoverPeripheral");
@@ -188,7 +198,7 @@ void RKRostaKitCore::connecterDidDiscoverPeripheral(BLEConnecter&, const bt::Per
     reloadPickerLater();
 }
 
-void RKRostaKitCore::connecterDidConnectPeripheralUserInfo(BLEConnecter&, const bt::PeripheralPtr& peripheral,
+void RKRostaKitCore::connecterDidConnectPeripheralUserInfo(BLEConnecter&, const PeripheralPtr& peripheral,
                                                            const ConnecterUserInfo&) {
     if (!peripheral) return;
     Scope scope(*this);
@@ -217,7 +227,9 @@ void RKRostaKitCore::connecterDidConnectPeripheralUserInfo(BLEConnecter&, const 
     }
 
     stopScanLocked();
-    auto device = RKDevice::create(peripheral, context_.log);
+    if (abandoned_) later([released = std::move(abandoned_)] {});
+    abandoned_ = nullptr;
+    auto device = RKDeviceCore::create(peripheral, context_.log);
     if (!device) return;
     device->setDelegate(std::weak_ptr<RKDeviceDelegate>(weak_from_this()));
     currentDevice_ = std::move(device);
@@ -228,6 +240,8 @@ void RKRostaKitCore::deviceDidDiscoverAllCharacteristic(RKDevice& device) {
     if (&device != currentDevice_.get()) return;  // a released device's late report
     stopScanLocked();
     postNotification(kConnectNotification);
+    if (holdTarget_) later([released = std::move(holdTarget_)] {});
+    holdTarget_ = nullptr;  // relinked: the hold is over
     // A held connection coming back: the host hears nothing new.
     if (!isAutoConnectEnabled_ && isContinuousConnectionEnabled_ && isConnected_) return;
     isConnected_ = true;
@@ -238,7 +252,7 @@ void RKRostaKitCore::deviceDidDiscoverAllCharacteristic(RKDevice& device) {
 }
 
 void RKRostaKitCore::dismissPickerAfterConnection() {
-    mainQueue_->post([weak = weak_from_this()] {
+    postLater([weak = weak_from_this()] {
         auto kit = weak.lock();
         if (!kit) return;
         auto picker = kit->scanViewController();
@@ -257,21 +271,23 @@ void RKRostaKitCore::dismissPickerAfterConnection() {
     });
 }
 
-void RKRostaKitCore::connecterDidDisconnectPeripheralUserInfo(BLEConnecter&,
-                                                              const bt::PeripheralPtr& peripheral,
+void RKRostaKitCore::connecterDidDisconnectPeripheralUserInfo(BLEConnecter&, const PeripheralPtr& peripheral,
                                                               const ConnecterUserInfo&) {
     Scope scope(*this);
     if (peripheral && peripheral == dfuPeripheral_) {
         later([released = std::move(dfuPeripheral_)] {});
         dfuPeripheral_ = nullptr;
     }
+    if (consumeAbandonedLocked(peripheral)) return;
     if (currentDevice_ && peripheral) {
         // A link the kit refused (a second scale linking up while it holds
         // one) going down leaves the device's own link alone.
         const auto held = currentDevice_->peripheral();
         if (held && held->identifier() != peripheral->identifier()) return;
     }
-    const bool hold = !isAutoConnectEnabled_ && isContinuousConnectionEnabled_ && isConnected_;
+    // A link lost while the radio is off cannot come back by itself.
+    const bool hold = !isAutoConnectEnabled_ && isContinuousConnectionEnabled_ && isConnected_ &&
+                      leState_ == kLEStatePoweredOn;
     if (!hold || !reconnectHeldDevice()) tearDownAfterLinkLoss();
 }
 
@@ -297,7 +313,7 @@ bool RKRostaKitCore::reconnectHeldDevice() {
     if (!connected.empty()) {
         for (const auto& candidate : connected) {
             if (isHeldAndIdle(candidate)) {
-                connectLocked(candidate);
+                reconnectHeld(candidate);
                 return true;
             }
         }
@@ -311,34 +327,72 @@ bool RKRostaKitCore::reconnectHeldDevice() {
         if (!candidate) continue;
         postNotification(kLogNotification, "$  thePeripheral state " + stateText(candidate) + " ");
         if (isHeldAndIdle(candidate)) {
-            connectLocked(candidate);
-            armWatchdog(candidate);
+            reconnectHeld(candidate);
             return true;
         }
     }
     return false;
 }
 
-// A reconnect still connecting after three seconds is given up. The timer
-// holds the kit and the peripheral weakly: a pending watchdog keeps nothing
-// alive, and with either gone there is nothing left to cancel.
-void RKRostaKitCore::armWatchdog(const PeripheralPtr& peripheral) {
-    mainQueue_->postAfter(kReconnectWatchdogDelay,
-                          [weak = weak_from_this(), target = std::weak_ptr<bt::Peripheral>(peripheral)] {
-                              auto kit = weak.lock();
-                              auto peripheral = target.lock();
-                              if (kit && peripheral) kit->runWatchdog(peripheral);
-                          });
+// Both roads back (a scale the system holds, one known by identifier) are
+// bounded by the watchdog. A link that drops again before it has relinked
+// keeps the first loss's deadline, so a flapping link cannot stretch a hold.
+void RKRostaKitCore::reconnectHeld(const PeripheralPtr& peripheral) {
+    const bool alreadyHolding = holdingLocked();
+    connectLocked(peripheral);
+    later([released = std::move(holdTarget_)] {});
+    holdTarget_ = peripheral;
+    if (alreadyHolding) return;
+    armWatchdog(peripheral, ++holdGeneration_);
 }
 
-void RKRostaKitCore::runWatchdog(const PeripheralPtr& peripheral) {
+bool RKRostaKitCore::isHeldPeripheralLocked(const PeripheralPtr& peripheral) const {
+    return holdTarget_ && peripheral && peripheral->identifier() == holdTarget_->identifier();
+}
+
+void RKRostaKitCore::abandonHoldLocked() {
+    if (!holdTarget_) return;
+    const auto target = holdTarget_;
+    // Cancelling a pending connect is silent; a link that is already up again
+    // reports its loss later, and that late report must not tear down twice.
+    if (connecter_) connecter_->cancelConnectDeviceWithPeripheral(target);
+    const auto state = target->state();
+    if (state == bt::PeripheralState::Connected || state == bt::PeripheralState::Disconnecting) {
+        later([released = std::move(abandoned_)] {});
+        abandoned_ = target;
+    }
+    actDisconnectLocked();
+}
+
+bool RKRostaKitCore::consumeAbandonedLocked(const PeripheralPtr& peripheral) {
+    if (!abandoned_ || !peripheral || currentDevice_ || peripheral != abandoned_) return false;
+    later([released = std::move(abandoned_)] {});
+    abandoned_ = nullptr;
+    return true;
+}
+
+// A hold still not relinked after three seconds is given up, whatever state
+// the peripheral is in (connecting, not even connecting because the attempt
+// was dropped, or linked but still discovering). The timer holds the kit and
+// the peripheral weakly: a pending watchdog keeps nothing alive.
+void RKRostaKitCore::armWatchdog(const PeripheralPtr& peripheral, std::uint64_t hold) {
+    later([queue = mainQueue_, weak = weak_from_this(), target = std::weak_ptr<Peripheral>(peripheral),
+           hold]() mutable {
+        queue.postAfter(kReconnectWatchdogDelay, [weak = std::move(weak), target = std::move(target), hold] {
+            auto kit = weak.lock();
+            auto peripheral = target.lock();
+            if (kit && peripheral) kit->runWatchdog(peripheral, hold);
+        });
+    });
+}
+
+void RKRostaKitCore::runWatchdog(const PeripheralPtr& peripheral, std::uint64_t hold) {
     Scope scope(*this);
     const auto state = peripheral->state();
     postNotification(kLogNotification,
                      "$  second thePeripheral state " + std::to_string(static_cast<int>(state)) + " ");
-    if (state != bt::PeripheralState::Connecting) return;
-    if (connecter_) connecter_->cancelConnectDeviceWithPeripheral(peripheral);
-    actDisconnectLocked();
+    if (hold != holdGeneration_ || !holdingLocked()) return;  // relinked, or a later hold's business
+    abandonHoldLocked();
 }
 
 }  // namespace plenk

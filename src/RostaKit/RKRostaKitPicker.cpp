@@ -125,7 +125,7 @@ void RKRostaKitCore::viewControllerDidDismiss(CSRSelectDeviceViewController&) {
     stopScanLocked();
     // The closed picker stays in scanViewController, so discovery keeps
     // collecting rows instead of connecting by itself.
-    mainQueue_->post([weak = weak_from_this()] {
+    postLater([weak = weak_from_this()] {
         auto kit = weak.lock();
         if (!kit) return;
         if (auto completion = kit->pickerCompletion()) {

@@ -1,9 +1,10 @@
-#include "ble/BLEConnecter.h"
+#include "ble/BLEConnecterCore.h"
 
 #include <string>
 #include <utility>
 
 #include "bt/Backend.h"
+#include "dispatch/Guarded.h"
 #include "wire/GattUuids.h"
 
 namespace plenk {
@@ -20,31 +21,39 @@ ConnecterUserInfo info(std::string_view key, ConnecterUserInfo::Value value) {
 }  // namespace
 
 BLEConnecterDelegate::~BLEConnecterDelegate() = default;
-void BLEConnecterDelegate::connecterDidDiscoverPeripheral(BLEConnecter&, const bt::PeripheralPtr&) {}
-void BLEConnecterDelegate::connecterDidConnectPeripheralUserInfo(BLEConnecter&, const bt::PeripheralPtr&,
+void BLEConnecterDelegate::connecterDidDiscoverPeripheral(BLEConnecter&, const PeripheralPtr&) {}
+void BLEConnecterDelegate::connecterDidConnectPeripheralUserInfo(BLEConnecter&, const PeripheralPtr&,
                                                                  const ConnecterUserInfo&) {}
-void BLEConnecterDelegate::connecterDidDisconnectPeripheralUserInfo(BLEConnecter&, const bt::PeripheralPtr&,
+void BLEConnecterDelegate::connecterDidDisconnectPeripheralUserInfo(BLEConnecter&, const PeripheralPtr&,
                                                                     const ConnecterUserInfo&) {}
 void BLEConnecterDelegate::connecterDidFailToConnectPeripheralUserInfo(
-    BLEConnecter&, const bt::PeripheralPtr&, const std::optional<ConnecterUserInfo>&) {}
+    BLEConnecter&, const PeripheralPtr&, const std::optional<ConnecterUserInfo>&) {}
 void BLEConnecterDelegate::connecterDidDidUpdateStateWithUserInfo(BLEConnecter&,
                                                                   const std::optional<ConnecterUserInfo>&) {}
 
-BLEConnecter::BLEConnecter(Token, std::weak_ptr<BLEConnecterDelegate> delegate, const Context& context)
-    : context_(context.resolved()), delegate_(std::move(delegate)) {}
+BLEConnecter::~BLEConnecter() = default;
 
 std::shared_ptr<BLEConnecter> BLEConnecter::create(const Context& context) {
-    return create(std::weak_ptr<BLEConnecterDelegate>{}, context);
+    return BLEConnecterCore::create(std::weak_ptr<BLEConnecterDelegate>{}, context);
 }
 
 std::shared_ptr<BLEConnecter> BLEConnecter::create(std::weak_ptr<BLEConnecterDelegate> delegate,
                                                    const Context& context) {
-    auto connecter = std::make_shared<BLEConnecter>(Token{}, std::move(delegate), context);
+    return BLEConnecterCore::create(std::move(delegate), context);
+}
+
+BLEConnecterCore::BLEConnecterCore(Token, std::weak_ptr<BLEConnecterDelegate> delegate,
+                                   const Context& context)
+    : context_(context.resolved()), delegate_(std::move(delegate)) {}
+
+std::shared_ptr<BLEConnecterCore> BLEConnecterCore::create(std::weak_ptr<BLEConnecterDelegate> delegate,
+                                                           const Context& context) {
+    auto connecter = std::make_shared<BLEConnecterCore>(Token{}, std::move(delegate), context);
     connecter->createCBManager();
     return connecter;
 }
 
-BLEConnecter::~BLEConnecter() {
+BLEConnecterCore::~BLEConnecterCore() {
     std::shared_ptr<bt::Central> central;
     {
         std::lock_guard lock(mutex_);
@@ -53,13 +62,13 @@ BLEConnecter::~BLEConnecter() {
     if (central) central->setDelegate({});
 }
 
-std::weak_ptr<bt::CentralDelegate> BLEConnecter::asCentralDelegate() {
+std::weak_ptr<bt::CentralDelegate> BLEConnecterCore::asCentralDelegate() {
     // The central delegate base is private: share ownership with the
     // connecter through an aliasing pointer.
     return std::shared_ptr<bt::CentralDelegate>(shared_from_this(), static_cast<bt::CentralDelegate*>(this));
 }
 
-void BLEConnecter::createCBManager() {
+void BLEConnecterCore::createCBManager() {
     // Held until the central is stored: its first event (the radio state) may
     // run on its queue before makeCentral returns, and a delegate reacting to
     // it must find the central in place.
@@ -69,83 +78,85 @@ void BLEConnecter::createCBManager() {
     cbManager_ = std::move(central);
 }
 
-std::shared_ptr<bt::Central> BLEConnecter::cbManager() const {
-    std::lock_guard lock(mutex_);
-    return cbManager_;
+std::shared_ptr<bt::Central> BLEConnecterCore::cbManager() const {
+    return dispatch::loadLocked(mutex_, cbManager_);
 }
 
-void BLEConnecter::setCbManager(std::shared_ptr<bt::Central> central) {
-    std::lock_guard lock(mutex_);
-    cbManager_ = std::move(central);
+void BLEConnecterCore::setCbManager(std::shared_ptr<bt::Central> central) {
+    dispatch::storeLocked(mutex_, cbManager_, std::move(central));
 }
 
-std::shared_ptr<BLEConnecterDelegate> BLEConnecter::delegate() const {
+std::shared_ptr<BLEConnecterDelegate> BLEConnecterCore::delegate() const {
     { std::lock_guard waitForCentral(creating_); }
     std::lock_guard lock(mutex_);
     return delegate_.lock();
 }
 
-void BLEConnecter::setDelegate(std::weak_ptr<BLEConnecterDelegate> delegate) {
-    std::lock_guard lock(mutex_);
-    delegate_ = std::move(delegate);
+void BLEConnecterCore::setDelegate(std::weak_ptr<BLEConnecterDelegate> delegate) {
+    dispatch::storeLocked(mutex_, delegate_, std::move(delegate));
 }
 
 // Commands: no radio-state check; the central handles what it cannot do.
 
-void BLEConnecter::scanDevices() {
+void BLEConnecterCore::scanDevices() {
     if (auto central = cbManager()) central->scanForPeripheralsWithServices(std::nullopt, kScanOptions);
 }
 
-void BLEConnecter::scanDFUDevices() {
+void BLEConnecterCore::scanDFUDevices() {
     if (auto central = cbManager()) {
         central->scanForPeripheralsWithServices(std::vector<bt::Uuid>{wire::kDfuService}, kScanOptions);
     }
 }
 
-void BLEConnecter::stopScan() {
+void BLEConnecterCore::stopScan() {
     if (auto central = cbManager()) central->stopScan();
 }
 
-void BLEConnecter::connectDeviceWithPeripheral(const bt::PeripheralPtr& peripheral) {
+void BLEConnecterCore::connectDeviceWithPeripheral(const PeripheralPtr& peripheral) {
     auto central = cbManager();
-    if (!central || !peripheral) return;
-    central->cancelPeripheralConnection(peripheral);
-    central->connectPeripheral(peripheral, bt::ConnectOptions{.notifyOnConnection = true});
+    auto port = bt::portPeripheral(peripheral);
+    if (!central || !port) return;
+    central->cancelPeripheralConnection(port);
+    central->connectPeripheral(port, bt::ConnectOptions{.notifyOnConnection = true});
 }
 
-void BLEConnecter::retrieveDeviceWithPeripheral(const bt::PeripheralPtr& peripheral) {
+void BLEConnecterCore::retrieveDeviceWithPeripheral(const PeripheralPtr& peripheral) {
     auto central = cbManager();
-    if (!central || !peripheral) return;
-    central->connectPeripheral(peripheral,
+    auto port = bt::portPeripheral(peripheral);
+    if (!central || !port) return;
+    central->connectPeripheral(port,
                                bt::ConnectOptions{.notifyOnConnection = true, .notifyOnDisconnection = true});
 }
 
-void BLEConnecter::disconnect(const bt::PeripheralPtr& peripheral) {
+void BLEConnecterCore::disconnect(const PeripheralPtr& peripheral) {
     auto central = cbManager();
-    if (central && peripheral) central->cancelPeripheralConnection(peripheral);
+    auto port = bt::portPeripheral(peripheral);
+    if (central && port) central->cancelPeripheralConnection(port);
 }
 
-void BLEConnecter::cancelConnectDeviceWithPeripheral(const bt::PeripheralPtr& peripheral) {
+void BLEConnecterCore::cancelConnectDeviceWithPeripheral(const PeripheralPtr& peripheral) {
     disconnect(peripheral);
 }
 
-std::vector<bt::PeripheralPtr> BLEConnecter::retrieveConnectedPeripheralWithServiceUUIDs(
-    const std::vector<bt::Uuid>& serviceUUIDs) {
+std::vector<PeripheralPtr> BLEConnecterCore::retrieveConnectedPeripheralWithServiceUUIDs(
+    const std::vector<Uuid>& serviceUUIDs) {
     auto central = cbManager();
-    return central ? central->retrieveConnectedPeripheralsWithServices(serviceUUIDs)
-                   : std::vector<bt::PeripheralPtr>{};
+    if (!central) return {};
+    const auto found = central->retrieveConnectedPeripheralsWithServices(serviceUUIDs);
+    return {found.begin(), found.end()};
 }
 
-std::vector<bt::PeripheralPtr> BLEConnecter::retrievePeripheralWithIdentifiers(
-    const std::vector<bt::Uuid>& identifiers) {
+std::vector<PeripheralPtr> BLEConnecterCore::retrievePeripheralWithIdentifiers(
+    const std::vector<Uuid>& identifiers) {
     auto central = cbManager();
-    return central ? central->retrievePeripheralsWithIdentifiers(identifiers)
-                   : std::vector<bt::PeripheralPtr>{};
+    if (!central) return {};
+    const auto found = central->retrievePeripheralsWithIdentifiers(identifiers);
+    return {found.begin(), found.end()};
 }
 
-void BLEConnecter::disconnectedAlert() {}
+void BLEConnecterCore::disconnectedAlert() {}
 
-std::uint16_t BLEConnecter::CBUUIDToInt(const bt::Uuid& uuid) {
+std::uint16_t BLEConnecter::CBUUIDToInt(const Uuid& uuid) {
     const auto data = uuid.data();
     if (data.size() < 2) return 0;
     // Both bytes are widened as signed 8-bit values before they are combined,
@@ -158,7 +169,7 @@ std::uint16_t BLEConnecter::CBUUIDToInt(const bt::Uuid& uuid) {
 
 // Events, on the central's queue.
 
-void BLEConnecter::centralManagerDidUpdateState(bt::Central& central) {
+void BLEConnecterCore::centralManagerDidUpdateState(bt::Central& central) {
     std::optional<ConnecterUserInfo> userInfo;
     switch (central.state()) {
         case bt::ManagerState::Unsupported:
@@ -184,34 +195,34 @@ void BLEConnecter::centralManagerDidUpdateState(bt::Central& central) {
     if (auto d = delegate()) d->connecterDidDidUpdateStateWithUserInfo(*this, userInfo);
 }
 
-void BLEConnecter::centralManagerDidDiscoverPeripheralAdvertisementDataRSSI(
+void BLEConnecterCore::centralManagerDidDiscoverPeripheralAdvertisementDataRSSI(
     bt::Central&, const bt::PeripheralPtr& peripheral, const bt::AdvertisementData&, int) {
     if (auto d = delegate()) d->connecterDidDiscoverPeripheral(*this, peripheral);
 }
 
-void BLEConnecter::centralManagerDidConnectPeripheral(bt::Central&, const bt::PeripheralPtr& peripheral) {
+void BLEConnecterCore::centralManagerDidConnectPeripheral(bt::Central&, const bt::PeripheralPtr& peripheral) {
     if (auto d = delegate())
         d->connecterDidConnectPeripheralUserInfo(*this, peripheral, info(kBleConneted, peripheral));
 }
 
-void BLEConnecter::centralManagerDidDisconnectPeripheralError(bt::Central&,
-                                                              const bt::PeripheralPtr& peripheral,
-                                                              const ErrorPtr& error) {
+void BLEConnecterCore::centralManagerDidDisconnectPeripheralError(bt::Central&,
+                                                                  const bt::PeripheralPtr& peripheral,
+                                                                  const ErrorPtr& error) {
     // The error itself is not passed on: only the key tells the two apart.
     auto userInfo = info(error ? kBleErrorDisconnected : kBleDisconnected, peripheral);
     if (auto d = delegate()) d->connecterDidDisconnectPeripheralUserInfo(*this, peripheral, userInfo);
 }
 
-void BLEConnecter::centralManagerDidFailToConnectPeripheralError(bt::Central&,
-                                                                 const bt::PeripheralPtr& peripheral,
-                                                                 const ErrorPtr& error) {
+void BLEConnecterCore::centralManagerDidFailToConnectPeripheralError(bt::Central&,
+                                                                     const bt::PeripheralPtr& peripheral,
+                                                                     const ErrorPtr& error) {
     std::optional<ConnecterUserInfo> userInfo;
     if (error) userInfo = info(kBleErrorConnectionError, error);
     if (auto d = delegate()) d->connecterDidFailToConnectPeripheralUserInfo(*this, peripheral, userInfo);
 }
 
-void BLEConnecter::centralManagerDidRetrievePeripherals(bt::Central& central,
-                                                        const std::vector<bt::PeripheralPtr>& peripherals) {
+void BLEConnecterCore::centralManagerDidRetrievePeripherals(
+    bt::Central& central, const std::vector<bt::PeripheralPtr>& peripherals) {
     // Retrieved peripherals are connected straight away on the central that
     // reported them; the delegate hears only of the resulting link events.
     for (const auto& peripheral : peripherals) {

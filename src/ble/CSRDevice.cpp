@@ -1,7 +1,8 @@
-#include "ble/CSRDevice.h"
+#include "ble/CSRDeviceCore.h"
 
 #include <PlenkKit/RKErrors.h>
 
+#include "dispatch/Guarded.h"
 #include "wire/GattUuids.h"
 #include "wire/Utf8.h"
 
@@ -31,29 +32,33 @@ void CSRDeviceDelegate::RSSIOnDevice(int, CSRDevice&) {}
 void CSRDeviceDelegate::batteryLifeOnDevice(std::int64_t, CSRDevice&) {}
 void CSRDeviceDelegate::updateDeviceCurrentStateOnDevice(std::int64_t, CSRDevice&) {}
 
-CSRDevice::CSRDevice(bt::PeripheralPtr peripheral) : peripheral_(std::move(peripheral)) {
+CSRDevice::~CSRDevice() = default;
+
+CSRDeviceCore::CSRDeviceCore(bt::PeripheralPtr peripheral) : peripheral_(std::move(peripheral)) {
     deviceName_ = peripheral_->name();
     queueLabel_ = deviceName_;
 }
 
-CSRDevice::~CSRDevice() = default;
+CSRDeviceCore::~CSRDeviceCore() = default;
 
-std::shared_ptr<CSRDevice> CSRDevice::create(const bt::PeripheralPtr& peripheral) {
+std::shared_ptr<CSRDeviceCore> CSRDeviceCore::create(const PeripheralPtr& handle) {
+    auto peripheral = bt::portPeripheral(handle);
     if (!peripheral) return nullptr;
-    std::shared_ptr<CSRDevice> device(new CSRDevice(peripheral));
+    std::shared_ptr<CSRDeviceCore> device(new CSRDeviceCore(peripheral));
     device->attach();
     return device;
 }
 
-void CSRDevice::attach() {
-    becomeDelegateOf(peripheral());
+void CSRDeviceCore::attach() {
+    becomeDelegateOf(portPeripheral());
 }
 
-void CSRDevice::becomeDelegateOf(const bt::PeripheralPtr& peripheral) {
+void CSRDeviceCore::becomeDelegateOf(const bt::PeripheralPtr& peripheral) {
     if (peripheral) peripheral->setDelegate(std::weak_ptr<bt::PeripheralDelegate>(weak_from_this()));
 }
 
-void CSRDevice::renewPeripheral(const bt::PeripheralPtr& peripheral) {
+void CSRDeviceCore::renewPeripheral(const PeripheralPtr& handle) {
+    auto peripheral = bt::portPeripheral(handle);
     if (!peripheral) return;
     {
         std::lock_guard lock(mutex_);
@@ -62,15 +67,15 @@ void CSRDevice::renewPeripheral(const bt::PeripheralPtr& peripheral) {
     becomeDelegateOf(peripheral);
 }
 
-void CSRDevice::discoverServices(const std::optional<std::vector<bt::Uuid>>& serviceUUIDs) {
-    if (auto p = peripheral()) p->discoverServices(serviceUUIDs);
+void CSRDeviceCore::discoverServices(const std::optional<std::vector<bt::Uuid>>& serviceUUIDs) {
+    if (auto p = portPeripheral()) p->discoverServices(serviceUUIDs);
 }
 
-void CSRDevice::readRSSI() {
-    if (auto p = peripheral()) p->readRSSI();
+void CSRDeviceCore::readRSSI() {
+    if (auto p = portPeripheral()) p->readRSSI();
 }
 
-void CSRDevice::readBatteryState() {
+void CSRDeviceCore::readBatteryState() {
     bt::PeripheralPtr p;
     bt::CharacteristicPtr battery;
     {
@@ -81,7 +86,7 @@ void CSRDevice::readBatteryState() {
     if (p && battery) p->readValueForCharacteristic(battery);
 }
 
-void CSRDevice::readFirmwareVersionWithCompletion(FirmwareVersionCompletion completion) {
+void CSRDeviceCore::readFirmwareVersionWithCompletion(FirmwareVersionCompletion completion) {
     bt::PeripheralPtr p;
     bt::CharacteristicPtr firmware;
     {
@@ -98,7 +103,7 @@ void CSRDevice::readFirmwareVersionWithCompletion(FirmwareVersionCompletion comp
     }
 }
 
-std::optional<std::string> CSRDevice::textFromValue(std::span<const std::uint8_t> value) {
+std::optional<std::string> CSRDeviceCore::textFromValue(std::span<const std::uint8_t> value) {
     const auto end = std::find(value.begin(), value.end(), std::uint8_t{0});
     const auto text = value.first(static_cast<std::size_t>(end - value.begin()));
     if (!wire::isValidUtf8(text)) return std::nullopt;
@@ -107,90 +112,73 @@ std::optional<std::string> CSRDevice::textFromValue(std::span<const std::uint8_t
 
 // Accessors.
 
-std::optional<std::string> CSRDevice::deviceName() const {
-    std::lock_guard lock(mutex_);
-    return deviceName_;
+std::optional<std::string> CSRDeviceCore::deviceName() const {
+    return dispatch::loadLocked(mutex_, deviceName_);
 }
-void CSRDevice::setDeviceName(std::optional<std::string> name) {
-    std::lock_guard lock(mutex_);
-    deviceName_ = std::move(name);
+void CSRDeviceCore::setDeviceName(std::optional<std::string> name) {
+    dispatch::storeLocked(mutex_, deviceName_, std::move(name));
 }
-bt::PeripheralPtr CSRDevice::peripheral() const {
-    std::lock_guard lock(mutex_);
-    return peripheral_;
+PeripheralPtr CSRDeviceCore::peripheral() const {
+    return portPeripheral();
 }
-std::uint64_t CSRDevice::currentState() const {
-    std::lock_guard lock(mutex_);
-    return currentState_;
+bt::PeripheralPtr CSRDeviceCore::portPeripheral() const {
+    return dispatch::loadLocked(mutex_, peripheral_);
 }
-void CSRDevice::setCurrentState(std::uint64_t state) {
-    std::lock_guard lock(mutex_);
-    currentState_ = state;
+std::uint64_t CSRDeviceCore::currentState() const {
+    return dispatch::loadLocked(mutex_, currentState_);
 }
-std::shared_ptr<CSRDeviceDelegate> CSRDevice::reportDelegate() const {
-    std::lock_guard lock(mutex_);
-    return delegate_.lock();
+void CSRDeviceCore::setCurrentState(std::uint64_t state) {
+    dispatch::storeLocked(mutex_, currentState_, state);
 }
-void CSRDevice::storeDelegate(std::weak_ptr<CSRDeviceDelegate> delegate) {
-    std::lock_guard lock(mutex_);
-    delegate_ = std::move(delegate);
+std::shared_ptr<CSRDeviceDelegate> CSRDeviceCore::reportDelegate() const {
+    return dispatch::loadLocked(mutex_, delegate_).lock();
 }
-std::int64_t CSRDevice::batteryLife() const {
-    std::lock_guard lock(mutex_);
-    return batteryLife_;
+void CSRDeviceCore::storeDelegate(std::weak_ptr<CSRDeviceDelegate> delegate) {
+    dispatch::storeLocked(mutex_, delegate_, std::move(delegate));
 }
-std::optional<std::string> CSRDevice::manufacturer() const {
-    std::lock_guard lock(mutex_);
-    return manufacturer_;
+std::int64_t CSRDeviceCore::batteryLife() const {
+    return dispatch::loadLocked(mutex_, batteryLife_);
 }
-void CSRDevice::setManufacturer(std::optional<std::string> text) {
-    std::lock_guard lock(mutex_);
-    manufacturer_ = std::move(text);
+std::optional<std::string> CSRDeviceCore::manufacturer() const {
+    return dispatch::loadLocked(mutex_, manufacturer_);
 }
-std::optional<std::string> CSRDevice::model() const {
-    std::lock_guard lock(mutex_);
-    return model_;
+void CSRDeviceCore::setManufacturer(std::optional<std::string> text) {
+    dispatch::storeLocked(mutex_, manufacturer_, std::move(text));
 }
-void CSRDevice::setModel(std::optional<std::string> text) {
-    std::lock_guard lock(mutex_);
-    model_ = std::move(text);
+std::optional<std::string> CSRDeviceCore::model() const {
+    return dispatch::loadLocked(mutex_, model_);
 }
-std::optional<std::string> CSRDevice::hardwareVersion() const {
-    std::lock_guard lock(mutex_);
-    return hardwareVersion_;
+void CSRDeviceCore::setModel(std::optional<std::string> text) {
+    dispatch::storeLocked(mutex_, model_, std::move(text));
 }
-void CSRDevice::setHardwareVersion(std::optional<std::string> text) {
-    std::lock_guard lock(mutex_);
-    hardwareVersion_ = std::move(text);
+std::optional<std::string> CSRDeviceCore::hardwareVersion() const {
+    return dispatch::loadLocked(mutex_, hardwareVersion_);
 }
-std::optional<std::string> CSRDevice::firmwareVersion() const {
-    std::lock_guard lock(mutex_);
-    return firmwareVersion_;
+void CSRDeviceCore::setHardwareVersion(std::optional<std::string> text) {
+    dispatch::storeLocked(mutex_, hardwareVersion_, std::move(text));
 }
-void CSRDevice::setFirmwareVersion(std::optional<std::string> text) {
-    std::lock_guard lock(mutex_);
-    firmwareVersion_ = std::move(text);
+std::optional<std::string> CSRDeviceCore::firmwareVersion() const {
+    return dispatch::loadLocked(mutex_, firmwareVersion_);
 }
-std::optional<std::string> CSRDevice::softwareVersion() const {
-    std::lock_guard lock(mutex_);
-    return softwareVersion_;
+void CSRDeviceCore::setFirmwareVersion(std::optional<std::string> text) {
+    dispatch::storeLocked(mutex_, firmwareVersion_, std::move(text));
 }
-void CSRDevice::setSoftwareVersion(std::optional<std::string> text) {
-    std::lock_guard lock(mutex_);
-    softwareVersion_ = std::move(text);
+std::optional<std::string> CSRDeviceCore::softwareVersion() const {
+    return dispatch::loadLocked(mutex_, softwareVersion_);
 }
-CSRDevice::FirmwareVersionCompletion CSRDevice::fwVersionBlock() const {
-    std::lock_guard lock(mutex_);
-    return fwVersionBlock_;
+void CSRDeviceCore::setSoftwareVersion(std::optional<std::string> text) {
+    dispatch::storeLocked(mutex_, softwareVersion_, std::move(text));
 }
-void CSRDevice::setFwVersionBlock(FirmwareVersionCompletion completion) {
-    std::lock_guard lock(mutex_);
-    fwVersionBlock_ = std::move(completion);
+CSRDeviceCore::FirmwareVersionCompletion CSRDeviceCore::fwVersionBlock() const {
+    return dispatch::loadLocked(mutex_, fwVersionBlock_);
+}
+void CSRDeviceCore::setFwVersionBlock(FirmwareVersionCompletion completion) {
+    dispatch::storeLocked(mutex_, fwVersionBlock_, std::move(completion));
 }
 
 // Events, on the "Corebluetooth" queue.
 
-void CSRDevice::peripheralDidDiscoverServices(bt::Peripheral& peripheral, const ErrorPtr& error) {
+void CSRDeviceCore::peripheralDidDiscoverServices(bt::Peripheral& peripheral, const ErrorPtr& error) {
     if (error) return;
     for (const auto& service : peripheral.services()) {
         if (!service) continue;
@@ -211,9 +199,9 @@ void CSRDevice::peripheralDidDiscoverServices(bt::Peripheral& peripheral, const 
     }
 }
 
-void CSRDevice::peripheralDidDiscoverCharacteristicsForServiceError(bt::Peripheral&,
-                                                                    const bt::ServicePtr& service,
-                                                                    const ErrorPtr& error) {
+void CSRDeviceCore::peripheralDidDiscoverCharacteristicsForServiceError(bt::Peripheral&,
+                                                                        const bt::ServicePtr& service,
+                                                                        const ErrorPtr& error) {
     if (error || !service) return;
     const auto serviceUuid = service->uuid();
     if (serviceUuid == wire::kBatteryService) {
@@ -252,9 +240,8 @@ void CSRDevice::peripheralDidDiscoverCharacteristicsForServiceError(bt::Peripher
     }
 }
 
-void CSRDevice::peripheralDidUpdateValueForCharacteristicError(bt::Peripheral&,
-                                                               const bt::CharacteristicPtr& characteristic,
-                                                               const ErrorPtr& error) {
+void CSRDeviceCore::peripheralDidUpdateValueForCharacteristicError(
+    bt::Peripheral&, const bt::CharacteristicPtr& characteristic, const ErrorPtr& error) {
     // A failed read leaves a pending firmware request pending.
     if (error || !characteristic) return;
     enum class Match { None, Battery, Firmware } match = Match::None;
@@ -292,7 +279,8 @@ void CSRDevice::peripheralDidUpdateValueForCharacteristicError(bt::Peripheral&,
     }
 }
 
-void CSRDevice::peripheralDidWriteValueForCharacteristicError(bt::Peripheral&, const bt::CharacteristicPtr&,
-                                                              const ErrorPtr&) {}
+void CSRDeviceCore::peripheralDidWriteValueForCharacteristicError(bt::Peripheral&,
+                                                                  const bt::CharacteristicPtr&,
+                                                                  const ErrorPtr&) {}
 
 }  // namespace plenk

@@ -1,6 +1,9 @@
-#include "ble/CSRSelectDeviceViewController.h"
+#include <PlenkKit/CSRSelectDeviceViewController.h>
 
+#include <mutex>
 #include <utility>
+
+#include "dispatch/Guarded.h"
 
 namespace plenk {
 
@@ -33,119 +36,107 @@ void CSRSelectDeviceViewControllerDelegate::viewControllerDidDismiss(CSRSelectDe
 
 PickerView::~PickerView() = default;
 
-std::shared_ptr<CSRSelectDeviceViewController> CSRSelectDeviceViewController::create() {
-    return std::make_shared<CSRSelectDeviceViewController>(Token{});
-}
-
 CSRSelectDeviceViewController::~CSRSelectDeviceViewController() = default;
 
-std::shared_ptr<CSRSelectDeviceViewControllerDataSource> CSRSelectDeviceViewController::dataSource() const {
-    std::lock_guard lock(mutex_);
-    return dataSource_.lock();
-}
+namespace {
 
-void CSRSelectDeviceViewController::setDataSource(
-    std::weak_ptr<CSRSelectDeviceViewControllerDataSource> dataSource) {
-    std::lock_guard lock(mutex_);
-    dataSource_ = std::move(dataSource);
-}
-
-std::shared_ptr<CSRSelectDeviceViewControllerDelegate> CSRSelectDeviceViewController::delegate() const {
-    std::lock_guard lock(mutex_);
-    return delegate_.lock();
-}
-
-void CSRSelectDeviceViewController::setDelegate(
-    std::weak_ptr<CSRSelectDeviceViewControllerDelegate> delegate) {
-    std::lock_guard lock(mutex_);
-    delegate_ = std::move(delegate);
-}
-
-double CSRSelectDeviceViewController::navigationBarHeight() const {
-    std::lock_guard lock(mutex_);
-    return navigationBarHeight_;
-}
-
-void CSRSelectDeviceViewController::setNavigationBarHeight(double height) {
-    std::lock_guard lock(mutex_);
-    navigationBarHeight_ = height;
-}
-
-std::shared_ptr<PickerView> CSRSelectDeviceViewController::view() const {
-    std::lock_guard lock(mutex_);
-    return view_;
-}
-
-void CSRSelectDeviceViewController::setView(std::shared_ptr<PickerView> view) {
-    std::lock_guard lock(mutex_);
-    view_ = std::move(view);
-}
-
-void CSRSelectDeviceViewController::reloadData() {
-    if (auto v = view()) v->reloadData();
-}
-
-void CSRSelectDeviceViewController::dismiss(bool animated, std::function<void()> completion) {
-    if (auto v = view()) {
-        v->dismiss(animated, std::move(completion));
-    } else if (completion) {
-        completion();
+// The picker's state. Data source, delegate and view are read under the lock
+// and called outside it, so a view or delegate may call back in.
+class PickerController final : public CSRSelectDeviceViewController,
+                               public std::enable_shared_from_this<PickerController> {
+public:
+    std::shared_ptr<CSRSelectDeviceViewControllerDataSource> dataSource() const override {
+        return dispatch::loadLocked(mutex_, dataSource_).lock();
     }
-}
-
-std::string CSRSelectDeviceViewController::title() {
-    auto source = dataSource();
-    auto text = source ? source->titleForViewController(*this) : std::nullopt;
-    return text ? *text : std::string(kDefaultTitle);
-}
-
-std::string CSRSelectDeviceViewController::deviceString() {
-    auto source = dataSource();
-    auto text = source ? source->deviceStringForViewController(*this) : std::nullopt;
-    return text ? *text : std::string(kDefaultDeviceString);
-}
-
-Color CSRSelectDeviceViewController::backgroundColor() {
-    auto source = dataSource();
-    auto color = source ? source->backgroundColorViewController(*this) : std::nullopt;
-    return color ? *color : kDefaultBackgroundColor;
-}
-
-std::optional<Color> CSRSelectDeviceViewController::navigationBarTintColor() {
-    auto source = dataSource();
-    return source ? source->navigationBarColorViewController(*this) : std::nullopt;
-}
-
-std::int64_t CSRSelectDeviceViewController::tableViewNumberOfRowsInSection(std::int64_t section) {
-    auto source = dataSource();
-    return source ? source->viewControllerNumberOfRowsInSection(*this, section) : 0;
-}
-
-std::string CSRSelectDeviceViewController::tableViewTitleForRowAtIndexPath(const IndexPath& indexPath) {
-    auto source = dataSource();
-    return source ? source->viewControllerTitleForRowAtIndexPath(*this, indexPath) : std::string();
-}
-
-bool CSRSelectDeviceViewController::allowsSelection() const {
-    std::lock_guard lock(mutex_);
-    return allowsSelection_;
-}
-
-void CSRSelectDeviceViewController::tableViewDidSelectRowAtIndexPath(const IndexPath& indexPath) {
-    {
-        std::lock_guard lock(mutex_);
-        if (!allowsSelection_) return;
-        allowsSelection_ = false;
+    void setDataSource(std::weak_ptr<CSRSelectDeviceViewControllerDataSource> dataSource) override {
+        dispatch::storeLocked(mutex_, dataSource_, std::move(dataSource));
     }
-    if (auto d = delegate()) d->viewControllerDidSelectRowAtIndexPath(*this, indexPath);
-}
+    std::shared_ptr<CSRSelectDeviceViewControllerDelegate> delegate() const override {
+        return dispatch::loadLocked(mutex_, delegate_).lock();
+    }
+    void setDelegate(std::weak_ptr<CSRSelectDeviceViewControllerDelegate> delegate) override {
+        dispatch::storeLocked(mutex_, delegate_, std::move(delegate));
+    }
+    double navigationBarHeight() const override { return dispatch::loadLocked(mutex_, navigationBarHeight_); }
+    void setNavigationBarHeight(double height) override {
+        dispatch::storeLocked(mutex_, navigationBarHeight_, height);
+    }
+    std::shared_ptr<PickerView> view() const override { return dispatch::loadLocked(mutex_, view_); }
+    void setView(std::shared_ptr<PickerView> view) override {
+        dispatch::storeLocked(mutex_, view_, std::move(view));
+    }
 
-void CSRSelectDeviceViewController::didClickCancelBarItem() {
-    // The picker stays alive until its dismissal has finished and the
-    // delegate has heard of it.
-    dismiss(true, [self = shared_from_this()] {
-        if (auto d = self->delegate()) d->viewControllerDidDismiss(*self);
-    });
+    void reloadData() override {
+        if (auto v = view()) v->reloadData();
+    }
+
+    void dismiss(bool animated, std::function<void()> completion) override {
+        if (auto v = view()) {
+            v->dismiss(animated, std::move(completion));
+        } else if (completion) {
+            completion();
+        }
+    }
+
+    std::string title() override {
+        auto source = dataSource();
+        auto text = source ? source->titleForViewController(*this) : std::nullopt;
+        return text ? *text : std::string(kDefaultTitle);
+    }
+    std::string deviceString() override {
+        auto source = dataSource();
+        auto text = source ? source->deviceStringForViewController(*this) : std::nullopt;
+        return text ? *text : std::string(kDefaultDeviceString);
+    }
+    Color backgroundColor() override {
+        auto source = dataSource();
+        auto color = source ? source->backgroundColorViewController(*this) : std::nullopt;
+        return color ? *color : kDefaultBackgroundColor;
+    }
+    std::optional<Color> navigationBarTintColor() override {
+        auto source = dataSource();
+        return source ? source->navigationBarColorViewController(*this) : std::nullopt;
+    }
+    std::int64_t tableViewNumberOfRowsInSection(std::int64_t section) override {
+        auto source = dataSource();
+        return source ? source->viewControllerNumberOfRowsInSection(*this, section) : 0;
+    }
+    std::string tableViewTitleForRowAtIndexPath(const IndexPath& indexPath) override {
+        auto source = dataSource();
+        return source ? source->viewControllerTitleForRowAtIndexPath(*this, indexPath) : std::string();
+    }
+    bool allowsSelection() const override { return dispatch::loadLocked(mutex_, allowsSelection_); }
+
+    void tableViewDidSelectRowAtIndexPath(const IndexPath& indexPath) override {
+        {
+            std::lock_guard lock(mutex_);
+            if (!allowsSelection_) return;
+            allowsSelection_ = false;
+        }
+        if (auto d = delegate()) d->viewControllerDidSelectRowAtIndexPath(*this, indexPath);
+    }
+
+    void didClickCancelBarItem() override {
+        // The picker stays alive until its dismissal has finished and the
+        // delegate has heard of it.
+        dismiss(true, [self = shared_from_this()] {
+            if (auto d = self->delegate()) d->viewControllerDidDismiss(*self);
+        });
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::weak_ptr<CSRSelectDeviceViewControllerDataSource> dataSource_;
+    std::weak_ptr<CSRSelectDeviceViewControllerDelegate> delegate_;
+    double navigationBarHeight_ = kNavigationBarHeight;
+    std::shared_ptr<PickerView> view_;
+    bool allowsSelection_ = true;
+};
+
+}  // namespace
+
+std::shared_ptr<CSRSelectDeviceViewController> CSRSelectDeviceViewController::create() {
+    return std::make_shared<PickerController>();
 }
 
 }  // namespace plenk

@@ -68,7 +68,15 @@ public:
 
 // The central role. Commands may be called from any thread and return at once;
 // their effects arrive as delegate events on the central's queue, never inline.
-// The radio state is reported after creation and on every change.
+// The radio state is reported after creation and on every change; when it
+// leaves powered-on, every connected peripheral first reports its link loss.
+// A central hands out one peripheral object per remote device, with an
+// identifier stable for one adapter and device address across runs.
+// Connecting: cancelling a live link reports a disconnect without error,
+// cancelling an attempt in progress reports nothing; an attempt may never
+// expire, or fail by itself after a platform time-out (BlueZ). A central may be
+// released from any thread, also from inside one of its own events.
+// (docs/port-contract.md has the whole contract.)
 class Central {
 public:
     virtual ~Central();

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <PlenkKit/Error.h>
+#include <PlenkKit/Peripheral.h>
 
 #include "bt/Bytes.h"
 #include "bt/CharacteristicProperty.h"
@@ -21,19 +22,22 @@ using PeripheralPtr = std::shared_ptr<Peripheral>;
 using ServicePtr = std::shared_ptr<Service>;
 using CharacteristicPtr = std::shared_ptr<Characteristic>;
 
-// Connection state, numbered as the platform numbers it.
-enum class PeripheralState : int { Disconnected = 0, Connecting = 1, Connected = 2, Disconnecting = 3 };
+using PeripheralState = plenk::PeripheralState;
 
 enum class WriteType : int { WithResponse = 0, WithoutResponse = 1 };
 
 // A GATT characteristic as the backend last saw it. Identity (the object) is
-// stable for one discovery; a new discovery may hand out new objects.
-// All accessors are thread-safe.
+// stable for one discovery: events pass the very objects discovery returned
+// (the device compares them by identity); a new discovery may hand out new
+// objects. All accessors are thread-safe.
 class Characteristic {
 public:
     virtual ~Characteristic();
     virtual Uuid uuid() const = 0;
-    // The last value read or notified (empty before any).
+    // The last value read or notified (empty before any). Inside a value-update
+    // event it is the value that event reports: the backend stores it on the
+    // queue just before the call, so two fast notifications are two readings.
+    // Nothing above reads it outside the event that reports it.
     virtual Bytes value() const = 0;
     virtual std::uint32_t properties() const = 0;
     virtual bool isNotifying() const = 0;
@@ -51,8 +55,12 @@ public:
 };
 
 // Events of one peripheral. All arrive on the central's serial queue
-// ("Corebluetooth"), one at a time. Every method has an empty default:
-// implementing one is responding to it.
+// ("Corebluetooth"), one at a time, in the order of the operations that caused
+// them (the device's completion slots depend on it; a backend that allows one
+// pending write per characteristic queues the rest itself). A read is answered
+// by exactly one value-update event. Every method has an empty default:
+// implementing one is responding to it. The whole contract a backend honours
+// is written down in docs/port-contract.md.
 class PeripheralDelegate {
 public:
     virtual ~PeripheralDelegate();
@@ -75,18 +83,17 @@ public:
         Peripheral& peripheral, const CharacteristicPtr& characteristic, const ErrorPtr& error);
 };
 
-// A remote peripheral. Operations may be called from any thread; they never
-// call the delegate inline: every result arrives later on the central's queue.
-// Operations on a peripheral that is not connected are dropped, as the
-// platform does (with a diagnostic from the backend).
-class Peripheral : public std::enable_shared_from_this<Peripheral> {
+// A remote peripheral: the public read-only handle (name, identifier, state,
+// signal strength) plus its GATT operations. Operations may be called from any
+// thread; they never call the delegate inline: every result arrives later on
+// the central's queue. Operations on a peripheral that is not connected are
+// dropped, as the platform does (with a diagnostic from the backend). A
+// backend records the signal strength of every advertisement it reports and
+// of every RSSI read on the handle before it delivers the event.
+class Peripheral : public plenk::Peripheral, public std::enable_shared_from_this<Peripheral> {
 public:
-    virtual ~Peripheral();
+    ~Peripheral() override;
 
-    // The advertised or GAP name; absent when the peripheral never gave one.
-    virtual std::optional<std::string> name() const = 0;
-    virtual Uuid identifier() const = 0;
-    virtual PeripheralState state() const = 0;
     // Services discovered so far (empty before the first discovery).
     virtual std::vector<ServicePtr> services() const = 0;
 
@@ -103,5 +110,11 @@ public:
     virtual void setNotifyValue(bool enabled, const CharacteristicPtr& characteristic) = 0;
     virtual void readRSSI() = 0;
 };
+
+// The port's peripheral behind a public handle; null for a handle this library
+// did not hand out.
+inline PeripheralPtr portPeripheral(const std::shared_ptr<plenk::Peripheral>& handle) {
+    return std::dynamic_pointer_cast<Peripheral>(handle);
+}
 
 }  // namespace plenk::bt

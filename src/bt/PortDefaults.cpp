@@ -3,6 +3,10 @@
 #include "bt/Central.h"
 #include "bt/Peripheral.h"
 
+namespace plenk {
+Peripheral::~Peripheral() = default;
+}  // namespace plenk
+
 namespace plenk::bt {
 
 Characteristic::~Characteristic() = default;

@@ -1,9 +1,9 @@
-#include "bt/Uuid.h"
+#include <PlenkKit/Uuid.h>
 
 #include <random>
 #include <stdexcept>
 
-namespace plenk::bt {
+namespace plenk {
 
 namespace {
 // Bytes 4..15 of the Bluetooth base UUID 00000000-0000-1000-8000-00805F9B34FB.
@@ -97,4 +97,4 @@ std::string Uuid::toString() const {
     return out;
 }
 
-}  // namespace plenk::bt
+}  // namespace plenk

@@ -1,5 +1,11 @@
 #include <PlenkKit/Clock.h>
 
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "dispatch/TimerTable.h"
+
 namespace plenk {
 
 Clock::~Clock() = default;
@@ -10,42 +16,49 @@ std::shared_ptr<Clock> Clock::steady() {
     return *instance;
 }
 
-Clock::TimerId TimerTable::add(Clock::TimePoint deadline, Task fire) {
-    const Clock::TimerId id = nextId_++;
-    timers_.emplace(deadline, std::make_pair(id, std::move(fire)));
-    return id;
-}
+// --- SteadyClock ------------------------------------------------------------------------------
 
-bool TimerTable::cancel(Clock::TimerId id) {
-    for (auto it = timers_.begin(); it != timers_.end(); ++it) {
-        if (it->second.first == id) {
-            timers_.erase(it);
-            return true;
+struct SteadyClock::State {
+    std::mutex mutex;
+    std::condition_variable wake;
+    dispatch::TimerTable timers;
+    bool stopping = false;
+    std::thread thread;
+
+    void loop() {
+        std::unique_lock lock(mutex);
+        while (!stopping) {
+            if (timers.empty()) {
+                wake.wait(lock);
+                continue;
+            }
+            const auto deadline = timers.firstDeadline();
+            if (deadline > std::chrono::steady_clock::now()) {
+                wake.wait_until(lock, std::chrono::steady_clock::time_point(deadline));
+                continue;
+            }
+            Task fire = timers.popFirst();
+            lock.unlock();
+            fire();
+            fire.reset();
+            lock.lock();
         }
     }
-    return false;
-}
+};
 
-Task TimerTable::popFirst() {
-    auto first = timers_.begin();
-    Task fire = std::move(first->second.second);
-    timers_.erase(first);
-    return fire;
-}
-
-SteadyClock::SteadyClock() = default;
+SteadyClock::SteadyClock() : state_(std::make_shared<State>()) {}
 
 SteadyClock::~SteadyClock() {
     {
-        std::lock_guard lock(mutex_);
-        stopping_ = true;
+        std::lock_guard lock(state_->mutex);
+        state_->stopping = true;
     }
-    wake_.notify_all();
-    if (thread_.joinable()) {
-        if (thread_.get_id() == std::this_thread::get_id()) {
-            thread_.detach();
+    state_->wake.notify_all();
+    if (state_->thread.joinable()) {
+        if (state_->thread.get_id() == std::this_thread::get_id()) {
+            state_->thread.detach();
         } else {
-            thread_.join();
+            state_->thread.join();
         }
     }
 }
@@ -55,52 +68,43 @@ Clock::TimePoint SteadyClock::now() const {
 }
 
 Clock::TimerId SteadyClock::callAt(TimePoint deadline, Task fire) {
-    std::lock_guard lock(mutex_);
-    const TimerId id = timers_.add(deadline, std::move(fire));
-    if (!thread_.joinable()) thread_ = std::thread([this] { loop(); });
-    wake_.notify_all();
+    std::lock_guard lock(state_->mutex);
+    const TimerId id = state_->timers.add(deadline, std::move(fire));
+    if (!state_->thread.joinable()) state_->thread = std::thread([state = state_] { state->loop(); });
+    state_->wake.notify_all();
     return id;
 }
 
 bool SteadyClock::cancel(TimerId id) {
-    std::lock_guard lock(mutex_);
-    return timers_.cancel(id);
+    std::lock_guard lock(state_->mutex);
+    return state_->timers.cancel(id);
 }
 
-void SteadyClock::loop() {
-    std::unique_lock lock(mutex_);
-    while (!stopping_) {
-        if (timers_.empty()) {
-            wake_.wait(lock);
-            continue;
-        }
-        if (timers_.firstDeadline() > now()) {
-            wake_.wait_until(lock, std::chrono::steady_clock::time_point(timers_.firstDeadline()));
-            continue;
-        }
-        Task fire = timers_.popFirst();
-        lock.unlock();
-        fire();
-        fire.reset();
-        lock.lock();
-    }
-}
+// --- VirtualClock -----------------------------------------------------------------------------
 
-VirtualClock::VirtualClock(TimePoint start) : now_(start) {}
+struct VirtualClock::State {
+    explicit State(TimePoint start) : now(start) {}
+    mutable std::mutex mutex;
+    TimePoint now;
+    dispatch::TimerTable timers;
+};
+
+VirtualClock::VirtualClock(TimePoint start) : state_(std::make_unique<State>(start)) {}
+VirtualClock::~VirtualClock() = default;
 
 Clock::TimePoint VirtualClock::now() const {
-    std::lock_guard lock(mutex_);
-    return now_;
+    std::lock_guard lock(state_->mutex);
+    return state_->now;
 }
 
 Clock::TimerId VirtualClock::callAt(TimePoint deadline, Task fire) {
-    std::lock_guard lock(mutex_);
-    return timers_.add(deadline, std::move(fire));
+    std::lock_guard lock(state_->mutex);
+    return state_->timers.add(deadline, std::move(fire));
 }
 
 bool VirtualClock::cancel(TimerId id) {
-    std::lock_guard lock(mutex_);
-    return timers_.cancel(id);
+    std::lock_guard lock(state_->mutex);
+    return state_->timers.cancel(id);
 }
 
 void VirtualClock::advance(Duration by) {
@@ -108,30 +112,31 @@ void VirtualClock::advance(Duration by) {
 }
 
 void VirtualClock::advanceTo(TimePoint to) {
-    std::unique_lock lock(mutex_);
+    std::unique_lock lock(state_->mutex);
+    auto& timers = state_->timers;
     // Timers fire one by one so that a timer set by a firing timer, due before
     // `to`, fires in the same advance.
-    while (!timers_.empty() && timers_.firstDeadline() <= to) {
-        if (timers_.firstDeadline() > now_) now_ = timers_.firstDeadline();
-        Task fire = timers_.popFirst();
+    while (!timers.empty() && timers.firstDeadline() <= to) {
+        if (timers.firstDeadline() > state_->now) state_->now = timers.firstDeadline();
+        Task fire = timers.popFirst();
         lock.unlock();
         fire();
         fire.reset();
         lock.lock();
     }
-    if (to > now_) now_ = to;
+    if (to > state_->now) state_->now = to;
 }
 
 bool VirtualClock::nextDeadline(TimePoint& out) const {
-    std::lock_guard lock(mutex_);
-    if (timers_.empty()) return false;
-    out = timers_.firstDeadline();
+    std::lock_guard lock(state_->mutex);
+    if (state_->timers.empty()) return false;
+    out = state_->timers.firstDeadline();
     return true;
 }
 
 std::size_t VirtualClock::pendingTimers() const {
-    std::lock_guard lock(mutex_);
-    return timers_.size();
+    std::lock_guard lock(state_->mutex);
+    return state_->timers.size();
 }
 
 }  // namespace plenk

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <stdexcept>
 #include <thread>
 
 #include "dispatch/DelayedPost.h"
@@ -68,11 +69,15 @@ std::shared_ptr<RunLoop> RunLoop::main() {
     return *instance;
 }
 
+// An empty task would read as "nothing left to run" and end runFor/runUntil
+// early: it is refused at the door.
 void RunLoop::post(Task task) {
+    if (!task) throw std::invalid_argument("RunLoop::post: empty task");
     state_->post(std::move(task));
 }
 
 void RunLoop::postAfter(std::chrono::nanoseconds delay, Task task) {
+    if (!task) throw std::invalid_argument("RunLoop::postAfter: empty task");
     dispatch::postWhenDue(*state_->clock, delay, state_, std::move(task));
 }
 

@@ -2,6 +2,7 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <stdexcept>
 
 #include <pthread.h>
 
@@ -88,6 +89,7 @@ SerialQueue::~SerialQueue() {
 }
 
 void SerialQueue::post(Task task) {
+    if (!task) throw std::invalid_argument("SerialQueue::post: empty task");
     // The task may be the one that destroys this queue: keep the state alive
     // until the wake-up has been sent.
     const std::shared_ptr<State> state = state_;
@@ -95,6 +97,7 @@ void SerialQueue::post(Task task) {
 }
 
 void SerialQueue::postAfter(std::chrono::nanoseconds delay, Task task) {
+    if (!task) throw std::invalid_argument("SerialQueue::postAfter: empty task");
     dispatch::postWhenDue(*state_->clock, delay, state_, std::move(task));
 }
 

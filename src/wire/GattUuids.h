@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "bt/Uuid.h"
+#include <PlenkKit/Uuid.h>
 
 // Every GATT identifier the system uses, in one table: the scale's own service,
 // the standard Battery and Device Information services, and the firmware-update
@@ -13,37 +13,37 @@
 namespace plenk::wire {
 
 // The scale's own service and its four characteristics.
-inline constexpr bt::Uuid kScaleService = bt::Uuid::from16(0xFF08);
-inline constexpr bt::Uuid kCommandCharacteristic = bt::Uuid::from16(0xEF80);  // write with response
-inline constexpr bt::Uuid kDataCharacteristic = bt::Uuid::from16(0xEF81);     // weight notifications
-inline constexpr bt::Uuid kControlCharacteristic = bt::Uuid::from16(0xEF82);  // button notifications
-inline constexpr bt::Uuid kInfoCharacteristic = bt::Uuid::from16(0xEF83);     // configuration record
+inline constexpr Uuid kScaleService = Uuid::from16(0xFF08);
+inline constexpr Uuid kCommandCharacteristic = Uuid::from16(0xEF80);  // write with response
+inline constexpr Uuid kDataCharacteristic = Uuid::from16(0xEF81);     // weight notifications
+inline constexpr Uuid kControlCharacteristic = Uuid::from16(0xEF82);  // button notifications
+inline constexpr Uuid kInfoCharacteristic = Uuid::from16(0xEF83);     // configuration record
 
 // Battery Service and its level.
-inline constexpr bt::Uuid kBatteryService = bt::Uuid::from16(0x180F);
-inline constexpr bt::Uuid kBatteryLevel = bt::Uuid::from16(0x2A19);
+inline constexpr Uuid kBatteryService = Uuid::from16(0x180F);
+inline constexpr Uuid kBatteryLevel = Uuid::from16(0x2A19);
 
 // Device Information service and its five texts.
-inline constexpr bt::Uuid kDeviceInformationService = bt::Uuid::from16(0x180A);
-inline constexpr bt::Uuid kManufacturerName = bt::Uuid::from16(0x2A29);
-inline constexpr bt::Uuid kModelNumber = bt::Uuid::from16(0x2A24);
-inline constexpr bt::Uuid kHardwareRevision = bt::Uuid::from16(0x2A27);
-inline constexpr bt::Uuid kFirmwareRevision = bt::Uuid::from16(0x2A26);
-inline constexpr bt::Uuid kSoftwareRevision = bt::Uuid::from16(0x2A28);
+inline constexpr Uuid kDeviceInformationService = Uuid::from16(0x180A);
+inline constexpr Uuid kManufacturerName = Uuid::from16(0x2A29);
+inline constexpr Uuid kModelNumber = Uuid::from16(0x2A24);
+inline constexpr Uuid kHardwareRevision = Uuid::from16(0x2A27);
+inline constexpr Uuid kFirmwareRevision = Uuid::from16(0x2A26);
+inline constexpr Uuid kSoftwareRevision = Uuid::from16(0x2A28);
 
 // A UUID of the legacy firmware-update family 0000xxxx-1212-EFDE-1523-785FEABCD123.
-constexpr bt::Uuid dfuUuid(std::uint16_t value) noexcept {
-    return bt::Uuid(std::array<std::uint8_t, 16>{0x00, 0x00, static_cast<std::uint8_t>(value >> 8),
-                                                 static_cast<std::uint8_t>(value), 0x12, 0x12, 0xEF, 0xDE,
-                                                 0x15, 0x23, 0x78, 0x5F, 0xEA, 0xBC, 0xD1, 0x23});
+constexpr Uuid dfuUuid(std::uint16_t value) noexcept {
+    return Uuid(std::array<std::uint8_t, 16>{0x00, 0x00, static_cast<std::uint8_t>(value >> 8),
+                                             static_cast<std::uint8_t>(value), 0x12, 0x12, 0xEF, 0xDE, 0x15,
+                                             0x23, 0x78, 0x5F, 0xEA, 0xBC, 0xD1, 0x23});
 }
 
 // The firmware-update bootloader: its service (the filter of a DFU scan), its
 // characteristics, and the name a scale advertises once restarted into it.
-inline constexpr bt::Uuid kDfuService = dfuUuid(0x1530);
-inline constexpr bt::Uuid kDfuControlPoint = dfuUuid(0x1531);
-inline constexpr bt::Uuid kDfuPacket = dfuUuid(0x1532);
-inline constexpr bt::Uuid kDfuVersion = dfuUuid(0x1534);
+inline constexpr Uuid kDfuService = dfuUuid(0x1530);
+inline constexpr Uuid kDfuControlPoint = dfuUuid(0x1531);
+inline constexpr Uuid kDfuPacket = dfuUuid(0x1532);
+inline constexpr Uuid kDfuVersion = dfuUuid(0x1534);
 inline constexpr std::string_view kDfuTargetName = "DfuTarg";
 
 }  // namespace plenk::wire

@@ -152,6 +152,7 @@ void SimCentral::offerAdvertisementLocked(const std::shared_ptr<VirtualPeriphera
             std::lock_guard lock(central->world_->mutex_);
             // Nothing is reported after the scan that saw it was stopped or replaced.
             if (!central->scanning_ || central->scanGeneration_ != scan) return;
+            peripheral->rssi_ = rssi;
             delegate = central->delegate_.lock();
         }
         if (delegate) {

@@ -63,6 +63,11 @@ bt::PeripheralState SimPeripheral::state() const {
     return state_;
 }
 
+std::optional<int> SimPeripheral::rssi() const {
+    std::lock_guard lock(world_->mutex_);
+    return rssi_;
+}
+
 std::vector<bt::ServicePtr> SimPeripheral::services() const {
     std::lock_guard lock(world_->mutex_);
     return {services_.begin(), services_.end()};
@@ -471,6 +476,7 @@ void SimPeripheral::deliverRssi(std::uint32_t link) {
         std::lock_guard lock(world_->mutex_);
         if (!liveLocked(link) || !(device = device_.lock())) return;
         rssi = device->rssi_;
+        rssi_ = rssi;
         delegate = delegate_.lock();
     }
     if (delegate) delegate->peripheralDidReadRSSIError(*this, rssi, nullptr);

@@ -30,6 +30,7 @@ public:
     std::optional<std::string> name() const override;
     bt::Uuid identifier() const override { return identifier_; }
     bt::PeripheralState state() const override;
+    std::optional<int> rssi() const override;
     std::vector<bt::ServicePtr> services() const override;
     void setDelegate(std::weak_ptr<bt::PeripheralDelegate> delegate) override;
     std::shared_ptr<bt::PeripheralDelegate> delegate() const override;
@@ -91,6 +92,7 @@ private:
     SimCentral* central_;  // null once the central is gone
     std::weak_ptr<VirtualPeripheral> device_;
     mutable std::optional<std::string> lastName_;
+    std::optional<int> rssi_;  // recorded with each advertisement reported and each RSSI read
     bt::PeripheralState state_ = bt::PeripheralState::Disconnected;
     std::uint32_t link_ = 0;     // bumped when a link comes up and when it goes down
     std::uint32_t attempt_ = 0;  // bumped by every connect and cancel

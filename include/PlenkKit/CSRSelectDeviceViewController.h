@@ -3,12 +3,12 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include <PlenkKit/Color.h>
+#include <PlenkKit/Export.h>
 
 namespace plenk {
 
@@ -24,7 +24,8 @@ struct IndexPath {
 
 // Supplies the picker's rows, texts and colours. The two row questions are
 // required; the four others may go unanswered (nullopt keeps the default).
-class CSRSelectDeviceViewControllerDataSource {
+// Asked on the main thread, whenever a view asks the picker.
+class PLENK_EXPORT CSRSelectDeviceViewControllerDataSource {
 public:
     virtual ~CSRSelectDeviceViewControllerDataSource();
     virtual std::int64_t viewControllerNumberOfRowsInSection(CSRSelectDeviceViewController& viewController,
@@ -39,19 +40,29 @@ public:
         CSRSelectDeviceViewController& viewController);
 };
 
-// Hears the user's choice. Empty defaults: overriding one is responding to it.
-class CSRSelectDeviceViewControllerDelegate {
+// Hears the user's choice, on the main thread. Empty defaults: overriding one
+// is responding to it.
+class PLENK_EXPORT CSRSelectDeviceViewControllerDelegate {
 public:
     virtual ~CSRSelectDeviceViewControllerDelegate();
+    // The first tap on a row; later taps are ignored.
     virtual void viewControllerDidSelectRowAtIndexPath(CSRSelectDeviceViewController& viewController,
                                                        const IndexPath& indexPath);
     // After the cancel button's dismissal has finished.
     virtual void viewControllerDidDismiss(CSRSelectDeviceViewController& viewController);
 };
 
-// What draws a picker: a toolkit window, the terminal, or nothing (headless).
-// Called on the main thread.
-class PickerView {
+// What a toolkit implements to draw a picker: a window, the terminal, or
+// nothing at all (headless). The controller calls it on the main thread; the
+// view calls back the controller's "what a view shows" and "what a view
+// reports" operations, also on the main thread.
+//
+// Layout of a picker: a bar 44 points high with title() and a Cancel button
+// (didClickCancelBarItem), and below it a grouped table of one section whose
+// header shows deviceString() beside a turning spinner, on backgroundColor();
+// one row per tableViewNumberOfRowsInSection(0), titled by
+// tableViewTitleForRowAtIndexPath. A tapped row shows a turning spinner.
+class PLENK_EXPORT PickerView {
 public:
     virtual ~PickerView();
     // The rows changed: the view asks the controller for them again.
@@ -62,66 +73,64 @@ public:
 
 // The modal list of discovered scales, independent of any toolkit: it answers
 // a view's questions from its data source and turns the view's row taps and
-// cancel into delegate calls. The data source and delegate are held weakly.
-// Meant for the main thread; its fields are nevertheless guarded.
-class CSRSelectDeviceViewController : public std::enable_shared_from_this<CSRSelectDeviceViewController> {
+// cancel into delegate calls. The data source and delegate are held weakly;
+// the view is held.
+//
+// The kit creates one for every showDevicePickerOnViewContoller and is its
+// data source and delegate; a host toolkit receives it in
+// PickerPresenter::presentViewController, attaches its PickerView with
+// setView and draws it. Meant for the main thread; every operation is
+// nevertheless safe from any thread.
+class PLENK_EXPORT CSRSelectDeviceViewController {
 public:
     static constexpr std::string_view kDefaultTitle = "Connect An Accessory";
     static constexpr std::string_view kDefaultDeviceString = "Device";
     static constexpr Color kDefaultBackgroundColor{0.8118, 0.7843, 0.7451, 1.0};
     static constexpr double kNavigationBarHeight = 44.0;
 
+    // A picker with no data source, delegate or view.
     static std::shared_ptr<CSRSelectDeviceViewController> create();
-    ~CSRSelectDeviceViewController();
-    CSRSelectDeviceViewController(const CSRSelectDeviceViewController&) = delete;
-    CSRSelectDeviceViewController& operator=(const CSRSelectDeviceViewController&) = delete;
+    virtual ~CSRSelectDeviceViewController();
 
-    std::shared_ptr<CSRSelectDeviceViewControllerDataSource> dataSource() const;
-    void setDataSource(std::weak_ptr<CSRSelectDeviceViewControllerDataSource> dataSource);
-    std::shared_ptr<CSRSelectDeviceViewControllerDelegate> delegate() const;
-    void setDelegate(std::weak_ptr<CSRSelectDeviceViewControllerDelegate> delegate);
+    virtual std::shared_ptr<CSRSelectDeviceViewControllerDataSource> dataSource() const = 0;
+    virtual void setDataSource(std::weak_ptr<CSRSelectDeviceViewControllerDataSource> dataSource) = 0;
+    virtual std::shared_ptr<CSRSelectDeviceViewControllerDelegate> delegate() const = 0;
+    virtual void setDelegate(std::weak_ptr<CSRSelectDeviceViewControllerDelegate> delegate) = 0;
     // Stored and returned only: the bar is always kNavigationBarHeight high.
-    double navigationBarHeight() const;
-    void setNavigationBarHeight(double height);
+    virtual double navigationBarHeight() const = 0;
+    virtual void setNavigationBarHeight(double height) = 0;
 
     // The view that draws this picker, attached by whoever presents it.
-    std::shared_ptr<PickerView> view() const;
-    void setView(std::shared_ptr<PickerView> view);
+    virtual std::shared_ptr<PickerView> view() const = 0;
+    virtual void setView(std::shared_ptr<PickerView> view) = 0;
 
     // Tells the view to reload its rows.
-    void reloadData();
+    virtual void reloadData() = 0;
     // Takes the picker off screen; without a view the completion runs at once.
-    void dismiss(bool animated, std::function<void()> completion);
+    virtual void dismiss(bool animated, std::function<void()> completion) = 0;
 
     // What a view shows: the data source's answers or the defaults.
-    std::string title();
-    std::string deviceString();
-    Color backgroundColor();
+    virtual std::string title() = 0;
+    virtual std::string deviceString() = 0;
+    virtual Color backgroundColor() = 0;
     // The bar's tint; nullopt keeps the toolkit's default.
-    std::optional<Color> navigationBarTintColor();
-    std::int64_t tableViewNumberOfRowsInSection(std::int64_t section);
-    std::string tableViewTitleForRowAtIndexPath(const IndexPath& indexPath);
+    virtual std::optional<Color> navigationBarTintColor() = 0;
+    // 0 without a data source.
+    virtual std::int64_t tableViewNumberOfRowsInSection(std::int64_t section) = 0;
+    // Empty without a data source.
+    virtual std::string tableViewTitleForRowAtIndexPath(const IndexPath& indexPath) = 0;
     // Off after the first tap, for good: one choice per picker.
-    bool allowsSelection() const;
+    virtual bool allowsSelection() const = 0;
 
     // What a view reports: a row tapped (ignored once selection is off) and
     // the cancel button (dismisses, then tells the delegate).
-    void tableViewDidSelectRowAtIndexPath(const IndexPath& indexPath);
-    void didClickCancelBarItem();
+    virtual void tableViewDidSelectRowAtIndexPath(const IndexPath& indexPath) = 0;
+    virtual void didClickCancelBarItem() = 0;
 
-private:
-    struct Token {};
-
-public:
-    explicit CSRSelectDeviceViewController(Token) {}
-
-private:
-    mutable std::mutex mutex_;
-    std::weak_ptr<CSRSelectDeviceViewControllerDataSource> dataSource_;
-    std::weak_ptr<CSRSelectDeviceViewControllerDelegate> delegate_;
-    double navigationBarHeight_ = kNavigationBarHeight;
-    std::shared_ptr<PickerView> view_;
-    bool allowsSelection_ = true;
+protected:
+    CSRSelectDeviceViewController() = default;
+    CSRSelectDeviceViewController(const CSRSelectDeviceViewController&) = delete;
+    CSRSelectDeviceViewController& operator=(const CSRSelectDeviceViewController&) = delete;
 };
 
 }  // namespace plenk

@@ -1,8 +1,7 @@
 #pragma once
 
-// Shared pieces of the kit and facade tests: recording receivers that check
-// the thread they are called on, a headless picker presenter, and a fixture
-// with a simulated world.
+// Shared pieces of the kit and facade tests: a notification log, a headless
+// picker presenter, scale helpers and a fixture with a simulated world.
 
 #include <gtest/gtest.h>
 
@@ -13,79 +12,21 @@
 #include <string>
 #include <vector>
 
-#include <PlenkKit/PKPlenk.h>
 #include <PlenkKit/RKRostaKit.h>
 
 #include "RostaKit/RKRostaKitCore.h"
 #include "emulator/GattProfile.h"
+#include "support/ForeignPeripheral.h"
+#include "support/RecordingDelegate.h"
 #include "support/SimHarness.h"
 #include "wire/GattUuids.h"
 
 namespace plenk::test {
 
-// One event as a host sees it: "connected", "disconnected", "error 108",
-// "weight 12.5", "button 1".
-struct HostEvents {
-    mutable std::mutex mutex;
-    std::vector<std::string> events;
-    std::vector<ErrorPtr> errors;
-    std::vector<float> weights;
-    std::atomic<int> offMainThread{0};
-
-    void add(const std::shared_ptr<RunLoop>& main, std::string event) {
-        if (!main->isCurrent()) ++offMainThread;
-        std::lock_guard lock(mutex);
-        events.push_back(std::move(event));
-    }
-    std::vector<std::string> snapshot() const {
-        std::lock_guard lock(mutex);
-        return events;
-    }
-    std::size_t count(const std::string& event) const {
-        std::lock_guard lock(mutex);
-        return static_cast<std::size_t>(std::count(events.begin(), events.end(), event));
-    }
-    void clear() {
-        std::lock_guard lock(mutex);
-        events.clear();
-        errors.clear();
-        weights.clear();
-    }
-};
-
-inline std::string weightEvent(float weight) {
-    std::string text = std::to_string(weight);
-    text.erase(text.find_last_not_of('0') + 1);
-    if (text.back() == '.') text.pop_back();
-    return "weight " + text;
+template <typename K>
+bool kindIs(const ErrorPtr& e) {
+    return isKind<K>(e);
 }
-
-class RecordingRostaDelegate final : public RKRostaDelegate, public HostEvents {
-public:
-    explicit RecordingRostaDelegate(std::shared_ptr<RunLoop> main) : main_(std::move(main)) {}
-    void rostaDidConnected(RKRostaKit&) override { add(main_, "connected"); }
-    void rostaDidDisconnected(RKRostaKit&) override { add(main_, "disconnected"); }
-    void rostaDidErrorOccur(RKRostaKit&, const ErrorPtr& error) override {
-        {
-            std::lock_guard lock(mutex);
-            errors.push_back(error);
-        }
-        add(main_, "error " + std::to_string(error ? error->code() : -1));
-    }
-    void rostaWeightDidUpdate(float weight) override {
-        {
-            std::lock_guard lock(mutex);
-            weights.push_back(weight);
-        }
-        add(main_, weightEvent(weight));
-    }
-    void rostaDeviceDidClickButton(std::uint64_t button) override {
-        add(main_, "button " + std::to_string(button));
-    }
-
-private:
-    std::shared_ptr<RunLoop> main_;
-};
 
 // Every notification posted on a centre, as "name" or "name: object".
 class NotificationLog {
@@ -212,7 +153,7 @@ inline bt::Bytes weightPacket(const std::shared_ptr<sim::VirtualPeripheral>& sca
 
 // A simulated world, one kit on it and a recording delegate.
 class KitFixture : public ::testing::Test {
-protected:
+public:
     explicit KitFixture(SimHarnessOptions options = {}) : h(options) {}
 
     ~KitFixture() override {
@@ -234,7 +175,7 @@ protected:
     }
 
     RKRostaKitCore& core() { return RKRostaKitCore::of(*kit); }
-    bool scanning() { return kit->connecter()->cbManager()->isScanning(); }
+    bool scanning() { return BLEConnecterCore::of(*kit->connecter()).cbManager()->isScanning(); }
 
     // Connects one scale in picker-held (continuous) mode: auto-connect off,
     // found by a plain scan with no picker on screen.
@@ -248,7 +189,7 @@ protected:
 
     SimHarness h;
     NotificationLog notes{h.notifications};
-    std::shared_ptr<RecordingRostaDelegate> delegate = std::make_shared<RecordingRostaDelegate>(h.mainLoop);
+    std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>(h.mainLoop);
     std::shared_ptr<RKRostaKit> kit;
 };
 

@@ -1,0 +1,131 @@
+// A held connection (auto-connect off, continuous connection on) always ends
+// within the watchdog's bound: relinked silently, or torn down with one
+// rostaDidDisconnected. Each road below once left the kit claiming a
+// connection that nothing would ever end.
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/KitTestSupport.h"
+
+namespace plenk::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+struct HoldRoad {
+    std::string name;
+    // Ends a held link in its own way; runs after connectHeld().
+    std::function<void(KitFixture& f, const std::shared_ptr<sim::VirtualPeripheral>& scale)> provoke;
+};
+
+class KitHold : public KitFixture, public ::testing::WithParamInterface<HoldRoad> {};
+using KitHoldRules = KitFixture;
+
+// A reconnect that hangs, started by a link loss.
+void dropWithHangingReconnect(KitFixture& f, const std::shared_ptr<sim::VirtualPeripheral>& scale) {
+    scale->queueConnectResult(sim::ConnectResult::hang());
+    scale->dropLink(platformError(kPlatformConnectionTimeout));
+    f.h.settle();
+}
+
+const std::vector<HoldRoad> kRoads = {
+    {"RadioOffWhileHeld",
+     [](KitFixture& f, const auto&) {
+         // The links drop first; the reconnect goes to a radio that is off.
+         f.h.world->setRadioState(bt::ManagerState::PoweredOff);
+         f.h.settle();
+         f.h.world->setRadioState(bt::ManagerState::PoweredOn);
+         f.h.settle();
+     }},
+    {"RadioOffDuringAPendingReconnect",
+     [](KitFixture& f, const auto& scale) {
+         dropWithHangingReconnect(f, scale);
+         f.h.world->setRadioState(bt::ManagerState::PoweredOff);
+         f.h.settle();
+     }},
+    {"ReconnectFails",
+     [](KitFixture& f, const auto& scale) {
+         scale->queueConnectResult(sim::ConnectResult::failWithCode(kPlatformConnectionFailed));
+         scale->dropLink();
+         f.h.settle();
+     }},
+    {"HostDisconnectWhileReconnectPending",
+     [](KitFixture& f, const auto& scale) {
+         dropWithHangingReconnect(f, scale);
+         f.kit->disconnect();
+         f.h.settle();
+     }},
+    {"SystemHeldScaleReconnectHangs",
+     [](KitFixture& f, const auto& scale) {
+         scale->setConnectedToSystem(true);
+         dropWithHangingReconnect(f, scale);
+     }},
+    {"ReconnectDroppedByThePlatform",
+     [](KitFixture& f, const auto& scale) {
+         dropWithHangingReconnect(f, scale);
+         // The attempt vanishes without an event: the watchdog finds state 0.
+         const auto peripheral = f.kit->currentDevice()->peripheral();
+         BLEConnecterCore::of(*f.kit->connecter())
+             .cbManager()
+             ->cancelPeripheralConnection(bt::portPeripheral(peripheral));
+         f.h.settle();
+         ASSERT_EQ(peripheral->state(), bt::PeripheralState::Disconnected);
+     }},
+};
+
+TEST_P(KitHold, EndsWithinTheWatchdogBoundWithOneDisconnect) {
+    auto scale = h.addScale();
+    connectHeld();
+    GetParam().provoke(*this, scale);
+    h.advance(3s);
+
+    EXPECT_FALSE(kit->isConnected());
+    EXPECT_EQ(kit->currentDevice(), nullptr);
+    EXPECT_EQ(delegate->snapshot(), (std::vector<std::string>{"connected", "disconnected"}));
+    EXPECT_EQ(h.log->count(" $ normal disconnection "), 1u);
+
+    // Nothing comes back to life or reports again later.
+    h.advance(10s);
+    EXPECT_EQ(scale->linkCount(), 0u);
+    EXPECT_EQ(delegate->count("disconnected"), 1u);
+    EXPECT_EQ(h.clock->pendingTimers(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Roads, KitHold, ::testing::ValuesIn(kRoads),
+                         [](const auto& info) { return info.param.name; });
+
+TEST_F(KitHoldRules, HostDisconnectDuringAHoldEndsItAtOnce) {
+    auto scale = h.addScale();
+    connectHeld();
+    dropWithHangingReconnect(*this, scale);
+    ASSERT_TRUE(kit->isConnected());
+
+    kit->disconnect();
+    EXPECT_FALSE(kit->isConnected());  // no event will come for a cancelled attempt
+}
+
+TEST_F(KitHoldRules, AFlappingLinkKeepsTheFirstLossDeadline) {
+    auto scale = h.addScale();
+    connectHeld();
+    auto timings = sim::Timings::zero();
+    timings.connectLatency = 100ms;
+    timings.gattLatency = 500ms;
+    h.world->setTimings(timings);
+
+    // The reconnect links up, then drops again while the device is still
+    // discovering; the second reconnect hangs.
+    scale->dropLink();
+    h.advance(400ms);
+    ASSERT_EQ(scale->linkCount(), 1u);
+    scale->queueConnectResult(sim::ConnectResult::hang());
+    scale->dropLink();
+    h.advance(2600ms);  // three seconds after the first loss
+    EXPECT_FALSE(kit->isConnected());
+    EXPECT_EQ(delegate->count("disconnected"), 1u);
+}
+
+}  // namespace
+}  // namespace plenk::test
