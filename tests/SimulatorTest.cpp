@@ -52,6 +52,8 @@ protected:
         plenk->setDelegate(host);
         plenk->setIsAutoConnectEnabled(true);
         ASSERT_TRUE(sim.runUntil([&] { return plenk->isConnected(); }));
+        // The host's test can tell which scale the library linked.
+        ASSERT_EQ(plenk->rosta()->currentDevice()->peripheral()->identifier(), scale.identifier());
         sim.advance(1s);
         host->events.clear();
     }
@@ -203,6 +205,7 @@ TEST(SimulatorEdges, RealTimeBadInputAndEmptyHandles) {
     empty.dropLink();
     EXPECT_FALSE(empty.isConnected());
     EXPECT_EQ(empty.name(), "");
+    EXPECT_TRUE(empty.identifier().isNil());
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include <PlenkKit/LogSink.h>
 #include <PlenkKit/PlatformErrors.h>
 #include <PlenkKit/RunLoop.h>
+#include <PlenkKit/Uuid.h>
 
 namespace plenk {
 
@@ -135,6 +136,9 @@ public:
         Scale() = default;
 
         std::string name() const;
+        // The identifier clients see on the scale's peripheral handle
+        // (Peripheral::identifier()); nil for an empty handle.
+        Uuid identifier() const;
         // Renames the scale; connected clients are told.
         void setName(const std::string& name);
 

@@ -74,6 +74,10 @@ std::string Scale::name() const {
     return device_ ? device_->name().value_or(std::string()) : std::string();
 }
 
+Uuid Scale::identifier() const {
+    return device_ ? device_->identifier() : Uuid();
+}
+
 void Scale::setName(const std::string& name) {
     if (device_) device_->setName(name);
 }
