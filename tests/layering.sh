@@ -33,7 +33,7 @@ layer_of() {
       case ${path#include/PlenkKit/} in
         Export.h | Error.h | PlatformErrors.h | Clock.h | Task.h | Executor.h | LogSink.h | \
           NotificationCenter.h | RunLoop.h | Context.h | Color.h | Version.h | RKConfiguration.h | Uuid.h | \
-          Peripheral.h)
+          Peripheral.h | RadioState.h)
           echo foundation ;;
         RKErrors.h) echo ble ;; # the error catalogue: the kit's kinds, also made by the generic device
         StringToHexConverter.h | BLEConnecter.h | CSRDevice.h | CSRSelectDeviceViewController.h) echo ble ;;

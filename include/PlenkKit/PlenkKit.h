@@ -26,6 +26,7 @@
 #include <PlenkKit/CSRSelectDeviceViewController.h>
 #include <PlenkKit/PKPlenk.h>
 #include <PlenkKit/Peripheral.h>
+#include <PlenkKit/RadioState.h>
 #include <PlenkKit/RKDevice.h>
 #include <PlenkKit/RKRostaKit.h>
 

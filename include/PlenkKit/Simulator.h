@@ -13,6 +13,7 @@
 #include <PlenkKit/Export.h>
 #include <PlenkKit/LogSink.h>
 #include <PlenkKit/PlatformErrors.h>
+#include <PlenkKit/RadioState.h>
 #include <PlenkKit/RunLoop.h>
 #include <PlenkKit/Uuid.h>
 
@@ -47,15 +48,7 @@ struct SimulatorAccess;
 // what the host's objects see of a change arrives later through the main queue.
 class PLENK_EXPORT Simulator {
 public:
-    // The radio's state as the platform reports it (the six manager states).
-    enum class RadioState : int {
-        Unknown = 0,
-        Resetting = 1,
-        Unsupported = 2,
-        Unauthorized = 3,
-        PoweredOff = 4,
-        PoweredOn = 5,
-    };
+    using RadioState = plenk::RadioState;
 
     // How a scale sends weights. Clients pick the decoder by the advertised
     // name: names containing "Coffee" are decoded as text, "Plenk" names as

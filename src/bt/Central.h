@@ -8,6 +8,7 @@
 
 #include <PlenkKit/Error.h>
 #include <PlenkKit/PlatformErrors.h>
+#include <PlenkKit/RadioState.h>
 
 #include "bt/Peripheral.h"
 #include "bt/Uuid.h"
@@ -15,14 +16,7 @@
 namespace plenk::bt {
 
 // Radio state in the platform's six values.
-enum class ManagerState : int {
-    Unknown = 0,
-    Resetting = 1,
-    Unsupported = 2,
-    Unauthorized = 3,
-    PoweredOff = 4,
-    PoweredOn = 5,
-};
+using ManagerState = plenk::RadioState;
 
 struct ScanOptions {
     // Report every advertisement of a peripheral instead of the first one per scan.

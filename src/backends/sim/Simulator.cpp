@@ -28,7 +28,7 @@ struct Simulator::Impl {
           log(options.log),
           world(sim::World::make(clock, std::move(worldOptions))),
           backend(std::make_shared<sim::SimBackend>(world)) {
-        if (options.radio) world->setRadioState(static_cast<bt::ManagerState>(*options.radio));
+        if (options.radio) world->setRadioState(*options.radio);
     }
 
     // Settles; false if still busy after kMaxSettleRounds.
@@ -125,13 +125,11 @@ bool Simulator::hasVirtualTime() const {
 }
 
 void Simulator::setRadioState(RadioState state) {
-    impl_->world->setRadioState(static_cast<bt::ManagerState>(state));
+    impl_->world->setRadioState(state);
 }
 
 std::optional<Simulator::RadioState> Simulator::radioState() const {
-    const auto state = impl_->world->radioState();
-    if (!state) return std::nullopt;
-    return static_cast<RadioState>(*state);
+    return impl_->world->radioState();
 }
 
 Simulator::Scale Simulator::addScale() {
