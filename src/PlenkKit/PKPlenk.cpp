@@ -48,22 +48,23 @@ PKPlenk::PKPlenk(Token, const Context& context) : state_(std::make_unique<State>
 
 struct PKPlenk::Bridge {
     // Runs `call` with the facade and the host's delegate read at that moment.
-    // Inside the kit's own main-queue delivery the call is made in that task;
-    // from anywhere else it is queued on the main queue, keeping the facade
-    // alive until it has run.
+    // Inside the kit's own main-queue delivery to this facade the call is made
+    // in that task (the kit's task keeps the facade alive); from anywhere else
+    // it is queued on the main queue, keeping the facade alive until it has run.
     template <typename F>
     static void toHost(PKPlenk& plenk, F call) {
+        if (RKRostaKitCore::isDeliveringTo(&plenk)) {
+            if (auto d = plenk.delegate()) call(*d, plenk);
+            return;
+        }
         auto self = plenk.weak_from_this().lock();
-        if (!self) return;
+        auto queue = plenk.state_->mainQueue.lock();
+        if (!self || !queue) return;
         auto task = [self = std::move(self), call = std::move(call)] {
             if (auto d = self->delegate()) call(*d, *self);
         };
         static_assert(sizeof(task) <= Task::kInlineSize, "the weight path must not allocate");
-        if (RKRostaKitCore::isDelivering(plenk.rosta().get())) {
-            task();
-        } else if (auto queue = plenk.state_->mainQueue.lock()) {
-            queue->post(std::move(task));
-        }
+        queue->post(std::move(task));
     }
 };
 

@@ -66,7 +66,7 @@ Context withoutMainQueue(Context context) {
     return context;
 }
 
-thread_local const RKRostaKit* deliveringKit = nullptr;  // NOLINT: per-thread marker
+thread_local const RKRostaDelegate* deliveringTo = nullptr;  // NOLINT: per-thread marker
 }  // namespace
 
 RKRostaKitCore::RKRostaKitCore(Token, const Context& resolvedContext)
@@ -158,16 +158,16 @@ void RKRostaKitCore::writeLog(std::string text) const {
 
 // --- Delegate calls on the main queue ------------------------------------------------------
 
-RKRostaKitCore::Delivery::Delivery(const RKRostaKit* kit) : previous_(deliveringKit) {
-    deliveringKit = kit;
+RKRostaKitCore::Delivery::Delivery(const RKRostaDelegate* delegate) : previous_(deliveringTo) {
+    deliveringTo = delegate;
 }
 
 RKRostaKitCore::Delivery::~Delivery() {
-    deliveringKit = previous_;
+    deliveringTo = previous_;
 }
 
-bool RKRostaKitCore::isDelivering(const RKRostaKit* kit) {
-    return kit != nullptr && deliveringKit == kit;
+bool RKRostaKitCore::isDeliveringTo(const RKRostaDelegate* delegate) {
+    return delegate != nullptr && deliveringTo == delegate;
 }
 
 void RKRostaKitCore::sendConnected() {

@@ -55,11 +55,11 @@ public:
 
     const Context& context() const { return context_; }
 
-    // True while a task of `kit` posted to the main queue is calling its
-    // delegate on this thread. The facade, the kit's delegate, then passes the
-    // event to the host in the same task: every host callback, delegate event or
-    // completion, takes exactly one main-queue hop, so all arrive in event order.
-    static bool isDelivering(const RKRostaKit* kit);
+    // True while a kit's main-queue task is calling `delegate` on this thread.
+    // The facade, a kit's delegate, then passes the event to the host in the
+    // same task: every host callback, delegate event or completion, takes
+    // exactly one main-queue hop, so all arrive in event order.
+    static bool isDeliveringTo(const RKRostaDelegate* delegate);
 
     // --- RKRostaKit ---------------------------------------------------------------
     bool isAutoConnectEnabled() const override;
@@ -181,16 +181,16 @@ private:
         std::vector<Task> own_;
     };
 
-    // Marks this thread as delivering the kit's events for the task's duration.
+    // Marks this thread as delivering to a delegate for the task's duration.
     class Delivery {
     public:
-        explicit Delivery(const RKRostaKit* kit);
+        explicit Delivery(const RKRostaDelegate* delegate);
         ~Delivery();
         Delivery(const Delivery&) = delete;
         Delivery& operator=(const Delivery&) = delete;
 
     private:
-        const RKRostaKit* previous_;
+        const RKRostaDelegate* previous_;
     };
 
     // A main-queue task calling the delegate, if the kit and its delegate are
@@ -202,7 +202,7 @@ private:
             if (!kit) return;
             auto delegate = kit->delegate();
             if (!delegate) return;
-            Delivery marker(kit.get());
+            Delivery marker(delegate.get());
             call(*delegate, *kit);
         };
     }
