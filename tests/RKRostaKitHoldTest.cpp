@@ -58,6 +58,18 @@ const std::vector<HoldRoad> kRoads = {
          f.kit->disconnect();
          f.h.settle();
      }},
+    {"HostDisconnectWhileTheRelinkDiscovers",
+     [](KitFixture& f, const auto& scale) {
+         auto timings = sim::Timings::zero();
+         timings.connectLatency = 100ms;
+         timings.gattLatency = 500ms;
+         f.h.world->setTimings(timings);
+         scale->dropLink();
+         f.h.advance(200ms);  // linked again, still discovering: its loss is reported later
+         ASSERT_EQ(scale->linkCount(), 1u);
+         f.kit->disconnect();
+         f.h.settle();
+     }},
     {"SystemHeldScaleReconnectHangs",
      [](KitFixture& f, const auto& scale) {
          scale->setConnectedToSystem(true);

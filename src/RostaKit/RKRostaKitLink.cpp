@@ -355,8 +355,8 @@ void RKRostaKitCore::abandonHoldLocked() {
     const auto target = holdTarget_;
     // Cancelling a pending connect is silent; a link that is already up again
     // reports its loss later, and that late report must not tear down twice.
+    const auto state = target->state();  // before the cancel changes it
     if (connecter_) connecter_->cancelConnectDeviceWithPeripheral(target);
-    const auto state = target->state();
     if (state == bt::PeripheralState::Connected || state == bt::PeripheralState::Disconnecting) {
         later([released = std::move(abandoned_)] {});
         abandoned_ = target;
