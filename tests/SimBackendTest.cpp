@@ -14,10 +14,8 @@
 #include <vector>
 
 #include "backends/sim/SimBackend.h"
-#include "composition/BackendRegistry.h"
 #include "dispatch/SerialQueue.h"
 #include "support/SimHarness.h"
-#include "wire/ConfigurationRecord.h"
 #include "wire/Frames.h"
 #include "wire/GattUuids.h"
 #include "wire/Notifications.h"
@@ -53,23 +51,22 @@ class Recorder final : public bt::CentralDelegate,
                        public std::enable_shared_from_this<Recorder> {
 public:
     bool discoverOnConnect = false;  // call back into the simulator from inside an event
-    bool subscribe = false;          // go on to discover everything and listen for weights
 
     void centralManagerDidUpdateState(bt::Central& c) override {
         static const char* const names[] = {"Unknown",      "Resetting",  "Unsupported",
                                             "Unauthorized", "PoweredOff", "PoweredOn"};
         add("state " + std::string(names[static_cast<int>(c.state())]));
     }
-    void centralManagerDidDiscoverPeripheralAdvertisementDataRSSI(bt::Central&, const bt::PeripheralPtr& p,
+    void centralManagerDidDiscoverPeripheralAdvertisementDataRSSI(bt::Central&, const bt::PeripheralPtr&,
                                                                   const bt::AdvertisementData& ad,
                                                                   int) override {
         std::string line = "discover " + ad.localName.value_or("-");
         for (const auto& s : ad.serviceUUIDs) line += " " + s.toString();
-        add(std::move(line), p);
+        add(std::move(line));
     }
     void centralManagerDidConnectPeripheral(bt::Central&, const bt::PeripheralPtr& p) override {
         p->setDelegate(weak_from_this());
-        if (discoverOnConnect || subscribe) p->discoverServices(std::nullopt);
+        if (discoverOnConnect) p->discoverServices(std::nullopt);
         add("connect");
     }
     void centralManagerDidDisconnectPeripheralError(bt::Central&, const bt::PeripheralPtr&,
@@ -81,22 +78,16 @@ public:
         add("fail" + describe(e));
     }
     void peripheralDidUpdateName(bt::Peripheral& p) override { add("name " + p.name().value_or("-")); }
-    void peripheralDidDiscoverServices(bt::Peripheral& p, const ErrorPtr& e) override {
-        if (subscribe) {
-            for (const auto& s : p.services()) p.discoverCharacteristics(std::nullopt, s);
-        }
+    void peripheralDidDiscoverServices(bt::Peripheral&, const ErrorPtr& e) override {
         add("services" + describe(e));
     }
-    void peripheralDidDiscoverCharacteristicsForServiceError(bt::Peripheral& p, const bt::ServicePtr& s,
+    void peripheralDidDiscoverCharacteristicsForServiceError(bt::Peripheral&, const bt::ServicePtr& s,
                                                              const ErrorPtr& e) override {
-        for (const auto& c : s->characteristics()) {
-            if (subscribe && c->uuid() == wire::kDataCharacteristic) p.setNotifyValue(true, c);
-        }
         add("characteristics " + s->uuid().toString() + describe(e));
     }
     void peripheralDidUpdateValueForCharacteristicError(bt::Peripheral&, const bt::CharacteristicPtr& c,
                                                         const ErrorPtr& e) override {
-        add("value " + c->uuid().toString() + hex(c->value()) + describe(e), nullptr, c->value());
+        add("value " + c->uuid().toString() + hex(c->value()) + describe(e), c->value());
     }
     void peripheralDidWriteValueForCharacteristicError(bt::Peripheral&, const bt::CharacteristicPtr& c,
                                                        const ErrorPtr& e) override {
@@ -122,28 +113,21 @@ public:
         std::lock_guard lock(mutex_);
         return values_;
     }
-    std::vector<bt::PeripheralPtr> discovered() const {
-        std::lock_guard lock(mutex_);
-        return discovered_;
-    }
     void clear() {
         std::lock_guard lock(mutex_);
         log_.clear();
         values_.clear();
-        discovered_.clear();
     }
     bool allOnQueue() const { return offQueue_ == 0 && nested_ == 0; }
 
 private:
-    void add(std::string line, const bt::PeripheralPtr& discovered = nullptr,
-             const std::optional<bt::Bytes>& value = std::nullopt) {
+    void add(std::string line, const std::optional<bt::Bytes>& value = std::nullopt) {
         if (depth_.fetch_add(1) != 0) ++nested_;
         const auto* queue = dispatch::SerialQueue::current();
         if (queue == nullptr || queue->label() != "Corebluetooth") ++offQueue_;
         {
             std::lock_guard lock(mutex_);
             log_.push_back(std::move(line));
-            if (discovered) discovered_.push_back(discovered);
             if (value) values_.push_back(*value);
         }
         depth_.fetch_sub(1);
@@ -152,18 +136,10 @@ private:
     mutable std::mutex mutex_;
     Log log_;
     std::vector<bt::Bytes> values_;
-    std::vector<bt::PeripheralPtr> discovered_;
     std::atomic<int> depth_{0};
     std::atomic<int> offQueue_{0};
     std::atomic<int> nested_{0};
 };
-
-bt::ServicePtr serviceOf(const bt::PeripheralPtr& p, const bt::Uuid& uuid) {
-    for (const auto& s : p->services()) {
-        if (s->uuid() == uuid) return s;
-    }
-    return nullptr;
-}
 
 bt::CharacteristicPtr characteristicOf(const bt::PeripheralPtr& p, const bt::Uuid& uuid) {
     for (const auto& s : p->services()) {
@@ -174,20 +150,12 @@ bt::CharacteristicPtr characteristicOf(const bt::PeripheralPtr& p, const bt::Uui
     return nullptr;
 }
 
-std::vector<bt::Uuid> uuids(const std::vector<bt::ServicePtr>& services) {
-    std::vector<bt::Uuid> out;
-    for (const auto& s : services) out.push_back(s->uuid());
-    return out;
-}
-
-sim::PeripheralOptions device(std::optional<std::string> name, bool advertising = true,
-                              bool connectedToSystem = false, bool knownToSystem = true,
+sim::PeripheralOptions device(std::optional<std::string> name, bool advertising, bool heldBySystem = false,
                               std::vector<bt::Uuid> services = {}) {
     sim::PeripheralOptions options;
     options.name = std::move(name);
     options.advertising = advertising;
-    options.connectedToSystem = connectedToSystem;
-    options.knownToSystem = knownToSystem;
+    options.connectedToSystem = heldBySystem;
     options.advertisedServices = std::move(services);
     return options;
 }
@@ -204,8 +172,7 @@ struct Rig {
         return h.backend->makeCentral(recorder, "Corebluetooth", h.context);
     }
     bt::PeripheralPtr peripheral(const std::shared_ptr<sim::VirtualPeripheral>& device) {
-        auto found = central->retrievePeripheralsWithIdentifiers({device->identifier()});
-        return found.empty() ? nullptr : found.front();
+        return central->retrievePeripheralsWithIdentifiers({device->identifier()}).at(0);
     }
     bt::PeripheralPtr connect(const std::shared_ptr<sim::VirtualPeripheral>& device, bool discover = false) {
         auto p = peripheral(device);
@@ -229,39 +196,31 @@ struct Rig {
                       bt::WriteType type = bt::WriteType::WithResponse) {
         p->writeValue(value, characteristicOf(p, uuid), type);
     }
-    static void write(const bt::PeripheralPtr& p, const wire::Frame& frame) {
-        write(p, wire::kCommandCharacteristic, bt::Bytes(frame.span()));
-    }
 
     test::SimHarness h;
     std::shared_ptr<Recorder> rec = std::make_shared<Recorder>();
     std::shared_ptr<bt::Central> central;
 };
 
-// --- radio state ----------------------------------------------------------------------------
-
 TEST(SimRadio, NothingBeforeTheWorldHasAStateThenEveryChangeReachesEveryCentralInOrder) {
     Rig r(test::SimHarnessOptions{.radio = std::nullopt});
     auto second = std::make_shared<Recorder>();
     auto other = r.attach(second);
     r.h.advance(5s);
-    EXPECT_EQ(r.rec->log(), Log{});
     EXPECT_EQ(r.central->state(), ManagerState::Unknown);
     using enum ManagerState;
-    for (auto s :
-         {PoweredOn, PoweredOff, PoweredOff, Unauthorized, Unsupported, Resetting, Unknown, PoweredOn}) {
+    for (auto s : {PoweredOn, PoweredOff, PoweredOff, Unauthorized, Resetting, PoweredOn}) {
         r.h.world->setRadioState(s);
     }
     r.h.settle();
-    const Log expected = {"state PoweredOn", "state PoweredOff", "state Unauthorized", "state Unsupported",
-                          "state Resetting", "state Unknown",    "state PoweredOn"};  // a repeat is no change
+    const Log expected = {"state PoweredOn", "state PoweredOff", "state Unauthorized", "state Resetting",
+                          "state PoweredOn"};  // a repeat is no change
     EXPECT_EQ(r.rec->log(), expected);
     EXPECT_EQ(second->log(), expected);
-    EXPECT_EQ(r.central->state(), PoweredOn);
     EXPECT_TRUE(second->allOnQueue());
 }
 
-TEST(SimRadio, PowerOffDropsLinksAndScansBeforeTheStateIsReported) {
+TEST(SimRadio, PowerOffDropsLinksAndScansBeforeTheStateIsReportedAndLaterCommandsAreIgnored) {
     for (bool report : {true, false}) {
         Rig r(test::SimHarnessOptions{.disconnectOnPowerOff = report});
         auto scale = r.h.addScale();
@@ -271,39 +230,30 @@ TEST(SimRadio, PowerOffDropsLinksAndScansBeforeTheStateIsReported) {
         r.h.world->setRadioState(ManagerState::PoweredOff);
         r.h.settle();
         EXPECT_EQ(r.rec->log(), (report ? Log{"disconnect", "state PoweredOff"} : Log{"state PoweredOff"}));
-        EXPECT_EQ(p->state(), PeripheralState::Disconnected);
-        EXPECT_FALSE(r.central->isScanning());
         EXPECT_EQ(scale->linkCount(), 0u);
-
-        // Commands while the radio is off are ignored, as the platform does.
         r.scan();
         r.central->connectPeripheral(p, {});
         r.h.advance(1s);
         EXPECT_FALSE(r.central->isScanning());
         EXPECT_EQ(p->state(), PeripheralState::Disconnected);
-        EXPECT_TRUE(r.h.simLog->contains("[sim] scan"));
-        EXPECT_TRUE(r.h.simLog->contains("[sim] connect"));
     }
 }
 
-// --- scanning -------------------------------------------------------------------------------
-
-TEST(SimScan, EachAdvertiserOnceOrRepeatedWhenDuplicatesAreAllowedAndFiltersAnyOfTheirServices) {
+TEST(SimScan, EachAdvertiserOncePerScanOrEveryIntervalWithDuplicatesAndFiltersAnyOfTheirServices) {
     Rig r(sim::Timings{100ms, 0ms, 0ms});
     r.h.addScale();
-    r.h.world->addPeripheral(device("DfuTarg", true, false, true, {wire::kDfuService}));
-    r.h.world->addPeripheral(device(std::nullopt));
+    r.h.world->addPeripheral(device("DfuTarg", true, false, {wire::kDfuService}));
+    auto late = r.h.world->addPeripheral(device(std::nullopt, false));
     r.rec->clear();
     r.scan();
     r.h.advance(2s);
-    const std::string dfu = "discover DfuTarg 00001530-1212-EFDE-1523-785FEABCD123";
-    EXPECT_EQ(r.rec->log(), (Log{"discover Plenk Scale FF08", dfu, "discover -"}));
-    ASSERT_EQ(r.rec->discovered().size(), 3u);
-    EXPECT_EQ(r.rec->discovered()[1]->name(), "DfuTarg");
-    EXPECT_EQ(r.rec->discovered()[2]->state(), PeripheralState::Disconnected);
-
+    late->setAdvertising(true);  // switched on while scanning: reported once
+    r.h.settle();
+    late->setAdvertising(false);
+    late->setAdvertising(true);
     r.scan(std::vector{wire::kDfuService});
     r.scan(std::vector{wire::kScaleService, bt::Uuid::from16(0x180D)});
+    const std::string dfu = "discover DfuTarg 00001530-1212-EFDE-1523-785FEABCD123";
     EXPECT_EQ(r.rec->log(),
               (Log{"discover Plenk Scale FF08", dfu, "discover -", dfu, "discover Plenk Scale FF08"}));
 
@@ -317,23 +267,6 @@ TEST(SimScan, EachAdvertiserOnceOrRepeatedWhenDuplicatesAreAllowedAndFiltersAnyO
     EXPECT_EQ(r.h.clock->pendingTimers(), 0u);
 }
 
-TEST(SimScan, LateAdvertisersAreReportedOncePerScan) {
-    Rig r;
-    auto late = r.h.world->addPeripheral(device("Plenk", false));
-    r.scan();
-    EXPECT_EQ(r.rec->count("discover"), 0u);
-    late->setAdvertising(true);  // the scale is switched on
-    r.h.settle();
-    late->setAdvertising(false);
-    late->setAdvertising(true);
-    r.h.settle();
-    EXPECT_EQ(r.rec->count("discover"), 1u);
-    r.scan();  // a new scan reports it again
-    EXPECT_EQ(r.rec->count("discover"), 2u);
-}
-
-// --- connecting -----------------------------------------------------------------------------
-
 TEST(SimConnect, AnswersAfterTheirLatenciesAndCancelEndsALinkAtOnceAndAHangingAttemptSilently) {
     Rig r(sim::Timings{100ms, 30ms, 2ms});
     auto scale = r.h.addScale();
@@ -344,7 +277,6 @@ TEST(SimConnect, AnswersAfterTheirLatenciesAndCancelEndsALinkAtOnceAndAHangingAt
     r.h.advance(29ms);
     EXPECT_EQ(r.rec->log(), Log{});
     r.h.advance(1ms);
-    EXPECT_EQ(p->state(), PeripheralState::Connected);
     p->discoverServices(std::nullopt);
     r.h.advance(1ms);
     EXPECT_EQ(r.rec->log(), Log{"connect"});
@@ -359,7 +291,6 @@ TEST(SimConnect, AnswersAfterTheirLatenciesAndCancelEndsALinkAtOnceAndAHangingAt
     r.h.advance(60s);
     EXPECT_EQ(p->state(), PeripheralState::Connecting);
     r.central->cancelPeripheralConnection(p);
-    EXPECT_EQ(p->state(), PeripheralState::Disconnected);
     r.h.advance(1s);
     EXPECT_EQ(r.rec->log(), (Log{"connect", "services", "disconnect"}));
     r.central->connectPeripheral(p, {});  // the script is used up: the default succeeds
@@ -367,219 +298,106 @@ TEST(SimConnect, AnswersAfterTheirLatenciesAndCancelEndsALinkAtOnceAndAHangingAt
     EXPECT_EQ(p->state(), PeripheralState::Connected);
 }
 
-TEST(SimConnect, AConnectWaitsUntilTheDeviceCanBeReached) {
+TEST(SimConnect, AConnectWaitsUntilTheDeviceCanBeReachedOrIsReleasedByAnotherCentral) {
     Rig r;
     auto scale = r.h.addScale();
     auto p = r.peripheral(scale);
-    scale->setAdvertising(false);
+    scale->setInRange(false);
     r.central->connectPeripheral(p, {});
     r.h.advance(10s);
-    EXPECT_EQ(p->state(), PeripheralState::Connecting);
-    scale->setAdvertising(true);
-    r.h.settle();
-    EXPECT_EQ(p->state(), PeripheralState::Connected);
-
-    scale->setInRange(false);  // the link ends with a supervision time-out
-    r.h.settle();
-    r.central->connectPeripheral(p, {});
-    r.h.advance(5s);
     EXPECT_EQ(p->state(), PeripheralState::Connecting);
     scale->setInRange(true);
     r.h.settle();
     EXPECT_EQ(p->state(), PeripheralState::Connected);
-
-    // A device the system holds connects without advertising.
-    r.connect(r.h.world->addPeripheral(device("Held", false, true)));
+    r.connect(r.h.world->addPeripheral(device("Held", false, true)));  // held by the system: no advertising
     r.h.world->removePeripheral(scale);
     r.h.settle();
-    EXPECT_EQ(r.rec->log(), (Log{"state PoweredOn", "connect", "disconnect link6", "connect", "connect",
-                                 "disconnect link6"}));
+    EXPECT_EQ(r.rec->log(), (Log{"state PoweredOn", "connect", "connect", "disconnect link6"}));
     EXPECT_TRUE(r.central->retrievePeripheralsWithIdentifiers({scale->identifier()}).empty());
-}
 
-TEST(SimConnect, ADeviceHeldByAnotherCentralIsSilentUntilReleased) {
-    Rig r;
-    auto scale = r.h.addScale();
+    auto other = r.h.addScale();
     auto holder = r.attach(std::make_shared<Recorder>());
-    auto held = holder->retrievePeripheralsWithIdentifiers({scale->identifier()}).at(0);
-    holder->connectPeripheral(held, {});
+    holder->connectPeripheral(holder->retrievePeripheralsWithIdentifiers({other->identifier()}).at(0), {});
     r.h.settle();
-    ASSERT_EQ(scale->linkCount(), 1u);
-
+    r.rec->clear();
     r.scan();
-    auto p = r.peripheral(scale);
-    r.central->connectPeripheral(p, {});
+    auto q = r.peripheral(other);
+    r.central->connectPeripheral(q, {});
     r.h.settle();
-    EXPECT_EQ(r.rec->count("discover"), 0u);
-    EXPECT_EQ(p->state(), PeripheralState::Connecting);
+    EXPECT_EQ(q->state(), PeripheralState::Connecting);
     holder.reset();  // releasing a central frees its devices
     r.h.settle();
-    EXPECT_EQ(held->state(), PeripheralState::Disconnected);
-    EXPECT_EQ(r.rec->count("discover"), 1u);
-    EXPECT_EQ(p->state(), PeripheralState::Connected);
-    EXPECT_EQ(r.h.world->centralCount(), 1u);
+    EXPECT_EQ(r.rec->log(), (Log{"discover Plenk Scale FF08", "connect"}));
 }
-
-// --- link loss ------------------------------------------------------------------------------
 
 TEST(SimLink, ADropEndsTheLinkLaterOperationsGoNowhereAndAReconnectHasFreshObjects) {
-    for (const ErrorPtr& error : {ErrorPtr{}, platformError(kPlatformPeripheralDisconnected)}) {
-        Rig r;
-        auto scale = r.h.addScale();
-        auto p = r.connect(scale, true);
-        auto command = characteristicOf(p, wire::kCommandCharacteristic);
-        auto data = characteristicOf(p, wire::kDataCharacteristic);
-        p->setNotifyValue(true, data);
-        r.h.settle();
-        EXPECT_EQ(scale->subscriberCount(wire::kDataCharacteristic), 1u);
-        r.rec->clear();
-        scale->dropLink(error);
-        r.h.settle();
-        EXPECT_EQ(p->state(), PeripheralState::Disconnected);
-        EXPECT_TRUE(p->services().empty());
-        EXPECT_FALSE(data->isNotifying());
-        p->writeValue(bt::Bytes{0x10}, command, bt::WriteType::WithResponse);
-        p->discoverServices(std::nullopt);
-        r.h.settle();
-        EXPECT_EQ(r.rec->log(), Log{"disconnect" + describe(error)});
-        EXPECT_TRUE(r.h.simLog->contains("[sim] write"));
-        EXPECT_TRUE(r.h.simLog->contains("[sim] discoverServices"));
-        EXPECT_TRUE(scale->writes().empty());
+    Rig r;
+    auto scale = r.h.addScale();
+    auto p = r.connect(scale, true);
+    auto command = characteristicOf(p, wire::kCommandCharacteristic);
+    auto data = characteristicOf(p, wire::kDataCharacteristic);
+    p->setNotifyValue(true, data);
+    r.h.settle();
+    r.rec->clear();
+    scale->dropLink(platformError(kPlatformPeripheralDisconnected));
+    r.h.settle();
+    EXPECT_TRUE(p->services().empty());
+    EXPECT_FALSE(data->isNotifying());
+    p->writeValue(bt::Bytes{0x10}, command, bt::WriteType::WithResponse);
+    r.h.settle();
+    EXPECT_EQ(r.rec->log(), Log{"disconnect link7"});
+    EXPECT_TRUE(scale->writes().empty());
 
-        r.connect(scale, true);
-        auto again = characteristicOf(p, wire::kDataCharacteristic);
-        ASSERT_NE(again, nullptr);
-        EXPECT_NE(again, data);
-        EXPECT_FALSE(again->isNotifying());
-        EXPECT_EQ(scale->subscriberCount(wire::kDataCharacteristic), 0u);
-        p->setNotifyValue(true, data);  // an object of the old link
-        r.h.settle();
-        scale->notify(wire::kDataCharacteristic, bt::Bytes{1, 2, 3});
-        r.h.settle();
-        EXPECT_EQ(r.rec->count("value"), 0u);
-    }
+    r.connect(scale, true);
+    EXPECT_NE(characteristicOf(p, wire::kDataCharacteristic), data);
+    EXPECT_EQ(scale->subscriberCount(wire::kDataCharacteristic), 0u);
+    p->setNotifyValue(true, data);  // an object of the old link
+    r.h.settle();
+    scale->notify(wire::kDataCharacteristic, bt::Bytes{1, 2, 3});
+    r.h.settle();
+    EXPECT_EQ(r.rec->count("value"), 0u);
 }
-
-// --- discovery, reads and writes ------------------------------------------------------------
 
 TEST(SimDiscovery, FindsTheTableInOrderHonoursFiltersAndKeepsItsObjects) {
     Rig r;
     auto scale = r.h.addScale();
-    scale->removeCharacteristic(wire::kScaleService, wire::kControlCharacteristic);
-    scale->removeService(wire::kBatteryService);
     auto p = r.connect(scale);
     p->discoverServices(std::vector{wire::kScaleService});
     r.h.settle();
-    EXPECT_EQ(uuids(p->services()), std::vector{wire::kScaleService});
-    auto service = serviceOf(p, wire::kScaleService);
+    ASSERT_EQ(p->services().size(), 1u);
+    auto service = p->services()[0];
+    EXPECT_EQ(service->uuid(), wire::kScaleService);
     p->discoverCharacteristics(std::vector{wire::kInfoCharacteristic, wire::kCommandCharacteristic}, service);
     r.h.settle();
     ASSERT_EQ(service->characteristics().size(), 2u);
-    EXPECT_EQ(service->characteristics()[0]->uuid(), wire::kCommandCharacteristic);  // table order
-    EXPECT_EQ(service->characteristics()[0]->service(), service);
-    EXPECT_EQ(service->peripheral(), p);
-
     auto keep = service->characteristics()[0];
+    EXPECT_EQ(keep->uuid(), wire::kCommandCharacteristic);  // table order
+    EXPECT_EQ(keep->service(), service);
+    EXPECT_EQ(service->peripheral(), p);
     r.rec->clear();
     r.discoverAll(p);
-    // What was removed is simply absent.
-    EXPECT_EQ(r.rec->log(), (Log{"services", "characteristics 180A", "characteristics FF08"}));
-    EXPECT_EQ(service->characteristics().size(), 3u);
+    EXPECT_EQ(r.rec->log(),
+              (Log{"services", "characteristics 180F", "characteristics 180A", "characteristics FF08"}));
+    EXPECT_EQ(service->characteristics().size(), 4u);
     EXPECT_EQ(service->characteristics()[0], keep);  // same objects within one link
-    EXPECT_EQ(characteristicOf(p, wire::kControlCharacteristic), nullptr);
-    EXPECT_EQ(serviceOf(p, wire::kDeviceInformationService)->characteristics().size(), 5u);
 }
 
-TEST(SimDiscovery, TextsAreKnownAtDiscoveryOnlyWhenCachedAndReadsStoreTheirValue) {
-    for (bool cached : {false, true}) {
-        Rig r;
-        em::ScaleOptions options;
-        options.cacheDeviceInformation = cached;
-        auto scale = r.h.world->addScale(options);
-        scale->setBatteryLevel(42);
-        auto p = r.connect(scale, true);
-        EXPECT_EQ(hex(characteristicOf(p, wire::kFirmwareRevision)->value()), cached ? " 312E322E33" : "");
-        EXPECT_EQ(characteristicOf(p, wire::kBatteryLevel)->value().size(), 0u);  // never cached
-        p->readValueForCharacteristic(characteristicOf(p, wire::kBatteryLevel));
-        r.h.settle();
-        EXPECT_EQ(r.rec->values(), std::vector{bt::Bytes{42}});
-        EXPECT_EQ(characteristicOf(p, wire::kBatteryLevel)->value(), (bt::Bytes{42}));
-    }
-}
-
-TEST(SimGatt, WritesReachTheEmulatorAndAreAcknowledgedInOrder) {
+TEST(SimGatt, WritesAndReadsThePeerDoesNotPermitAreRefused) {
     Rig r;
     auto scale = r.h.addScale();
     auto p = r.connect(scale, true);
     r.rec->clear();
-    const auto frames = wire::defaultConfigurationFrames();
-    for (const auto& frame : frames.span()) Rig::write(p, frame);
-    Rig::write(p, wire::kCommandCharacteristic, bt::Bytes(wire::tareFrame().span()),
-               bt::WriteType::WithoutResponse);
-    r.h.settle();
-    EXPECT_EQ(r.rec->log(), Log(8, "write EF80"));  // none for the write without response
-    ASSERT_EQ(scale->writes().size(), 9u);
-    EXPECT_EQ(scale->writes()[0].value, (bt::Bytes{0x03}));
-    EXPECT_EQ(scale->writes()[8].type, bt::WriteType::WithoutResponse);
-    scale->withScale([&](em::ScaleEmulator& s) {
-        EXPECT_EQ(s.counters().tares, 1u);
-        EXPECT_TRUE(s.isConfigured());
-    });
-}
-
-TEST(SimGatt, ScriptedAndPlatformErrors) {
-    Rig r;
-    auto scale = r.h.addScale();
-    scale->failWrites(wire::kCommandCharacteristic, attError(kAttUnlikelyError));
-    scale->failReads(wire::kInfoCharacteristic, attError(kAttInsufficientAuthentication));
-    scale->failServiceDiscovery(attError(kAttUnlikelyError));
-    scale->failCharacteristicDiscovery(wire::kBatteryService, attError(kAttInsufficientResources));
-    auto p = r.connect(scale, true);
-    EXPECT_TRUE(p->services().empty());
-    scale->failServiceDiscovery(nullptr);
-    r.discoverAll(p);
-    Rig::write(p, wire::tareFrame());
-    p->readValueForCharacteristic(characteristicOf(p, wire::kInfoCharacteristic));
     // Not writable: refused by the peer with a response, dropped without one (as the platform does).
     Rig::write(p, wire::kBatteryLevel, bt::Bytes{0x01}, bt::WriteType::WithoutResponse);
     Rig::write(p, wire::kDataCharacteristic, bt::Bytes{0x02});
     p->readValueForCharacteristic(characteristicOf(p, wire::kCommandCharacteristic));
+    Rig::write(p, wire::kCommandCharacteristic, bt::Bytes(wire::tareFrame().span()),
+               bt::WriteType::WithoutResponse);
     r.h.settle();
-    EXPECT_EQ(r.rec->log(),
-              (Log{"state PoweredOn", "connect", "services att14", "services", "characteristics 180F att17",
-                   "characteristics 180A", "characteristics FF08", "write EF80 att14", "value EF83 att5",
-                   "write EF81 att3", "value EF80 att2"}));
-    EXPECT_TRUE(serviceOf(p, wire::kBatteryService)->characteristics().empty());
-    // A refused write never reached the firmware, but the peer saw it.
-    scale->withScale([&](em::ScaleEmulator& s) { EXPECT_EQ(s.counters().tares, 0u); });
-    ASSERT_EQ(scale->writes().size(), 2u);
-    EXPECT_EQ(scale->writes()[1].value, (bt::Bytes{0x02}));
+    EXPECT_EQ(r.rec->log(), (Log{"write EF81 att3", "value EF80 att2"}));
+    scale->withScale([&](em::ScaleEmulator& s) { EXPECT_EQ(s.counters().tares, 1u); });
+    EXPECT_EQ(scale->writes().size(), 2u);  // the refused one reached the peer, not the firmware
 }
-
-TEST(SimGatt, FirmwareCommandsAcknowledgeThenDropTheLinkAndTheUpdateTargetComesBack) {
-    Rig r;
-    auto scale = r.h.addScale();
-    auto p = r.peripheral(scale);
-    for (const auto& frame : {wire::firmwareDisconnectFrame(), wire::dfuFrame()}) {
-        r.connect(scale, true);
-        r.rec->clear();
-        Rig::write(p, frame);
-        r.h.settle();
-        EXPECT_EQ(r.rec->log(), (Log{"write EF80", "disconnect link7"}));
-    }
-    EXPECT_TRUE(scale->inUpdateMode());
-    EXPECT_EQ(p->name(), "DfuTarg");
-    r.connect(scale, true);
-    EXPECT_EQ(uuids(p->services()), std::vector{wire::kDfuService});
-    EXPECT_TRUE(r.central->retrieveConnectedPeripheralsWithServices({wire::kScaleService}).empty());
-
-    scale->finishFirmwareUpdate();
-    r.h.settle();
-    EXPECT_EQ(p->state(), PeripheralState::Disconnected);
-    EXPECT_EQ(p->name(), "Plenk Scale");
-}
-
-// --- notifications ---------------------------------------------------------------------------
 
 TEST(SimNotify, WeightsStreamAtTheSampleRateOnlyWhileNotifying) {
     Rig r(test::SimHarnessOptions{.streaming = true});
@@ -587,18 +405,15 @@ TEST(SimNotify, WeightsStreamAtTheSampleRateOnlyWhileNotifying) {
     auto p = r.connect(scale, true);
     auto data = characteristicOf(p, wire::kDataCharacteristic);
     r.h.advance(1s);
-    EXPECT_FALSE(scale->isStreaming());
     p->setNotifyValue(true, data);
     r.h.settle();
-    EXPECT_TRUE(data->isNotifying());
-    EXPECT_TRUE(scale->isStreaming());
     r.h.advance(1s);
     EXPECT_EQ(r.rec->count("value EF81"), 10u);
     p->setNotifyValue(false, data);
     r.h.settle();
-    EXPECT_FALSE(scale->isStreaming());
     r.h.advance(2s);
     EXPECT_EQ(r.rec->count("value"), 10u);
+    EXPECT_FALSE(scale->isStreaming());
 }
 
 TEST(SimNotify, SwitchErrorsButtonsAndErroneousUpdates) {
@@ -611,9 +426,7 @@ TEST(SimNotify, SwitchErrorsButtonsAndErroneousUpdates) {
     p->setNotifyValue(true, characteristicOf(p, wire::kDataCharacteristic));
     p->setNotifyValue(true, characteristicOf(p, wire::kInfoCharacteristic));  // read-only
     r.h.settle();
-    EXPECT_FALSE(characteristicOf(p, wire::kDataCharacteristic)->isNotifying());
     EXPECT_EQ(scale->subscriberCount(wire::kDataCharacteristic), 0u);
-
     scale->failNotifyState(wire::kDataCharacteristic, nullptr);
     p->setNotifyValue(true, characteristicOf(p, wire::kControlCharacteristic));
     p->setNotifyValue(true, characteristicOf(p, wire::kDataCharacteristic));
@@ -655,9 +468,7 @@ TEST(SimNotify, FlatOutFromManyThreadsKeepsEachThreadsOrder) {
     }
 }
 
-// --- retrieval, names, threads ------------------------------------------------------------------
-
-TEST(SimRetrieve, OwnLinksCountAsHeldByTheSystemOneObjectPerDeviceAndRenamesAreReported) {
+TEST(SimRetrieve, OwnLinksCountAsHeldByTheSystemAndThereIsOneObjectPerDevice) {
     Rig r;
     auto held = r.h.world->addScale({}, device(std::nullopt, false, true));
     auto free = r.h.addScale("Plenk Two");
@@ -670,14 +481,6 @@ TEST(SimRetrieve, OwnLinksCountAsHeldByTheSystemOneObjectPerDeviceAndRenamesAreR
     EXPECT_EQ(r.central->retrievePeripheralsWithIdentifiers(
                   {free->identifier(), bt::Uuid::random(), held->identifier()}),
               (std::vector{p, connected[0]}));
-
-    r.rec->clear();
-    free->setName("Coffee Plenk");
-    r.h.settle();
-    free->setName(std::nullopt);
-    r.h.settle();
-    EXPECT_EQ(r.rec->log(), (Log{"name Coffee Plenk", "name -"}));
-    EXPECT_EQ(p->name(), std::nullopt);
 }
 
 TEST(SimThreads, CallsFromInsideAnEventAreNotReenteredAndDelegatesAreHeldWeakly) {
@@ -686,9 +489,6 @@ TEST(SimThreads, CallsFromInsideAnEventAreNotReenteredAndDelegatesAreHeldWeakly)
     auto scale = r.h.addScale();
     auto p = r.connect(scale);
     EXPECT_EQ(r.rec->log(), (Log{"state PoweredOn", "connect", "services"}));
-    EXPECT_EQ(r.central->queueLabel(), "Corebluetooth");
-    EXPECT_FALSE(r.central->isOnQueue());
-
     r.discoverAll(p);
     p->setNotifyValue(true, characteristicOf(p, wire::kDataCharacteristic));
     r.h.settle();
@@ -697,74 +497,12 @@ TEST(SimThreads, CallsFromInsideAnEventAreNotReenteredAndDelegatesAreHeldWeakly)
     scale->dropLink();
     r.rec.reset();  // released while its events are still on their way
     r.h.settle();
-    EXPECT_TRUE(weak.expired());  // nothing kept it alive
+    EXPECT_TRUE(weak.expired());
     r.rec = std::make_shared<Recorder>();
     r.central->setDelegate(r.rec);
     r.h.world->setRadioState(ManagerState::PoweredOff);
     r.h.settle();
     EXPECT_EQ(r.rec->log(), Log{"state PoweredOff"});  // a new delegate hears later events only
-}
-
-// Real time, real threads: the clock's timer thread streams at 1000 Hz while the
-// test thread connects and cancels and another thread renames and presses buttons.
-// What matters is that nothing races or deadlocks (under ThreadSanitizer), and that data flowed.
-TEST(SimThreads, RealTimeStreamingSurvivesChurn) {
-    sim::World::Options options;
-    options.timings = sim::Timings{10ms, 1ms, 0ms};
-    auto world = sim::World::make(Clock::steady(), options);
-    world->setRadioState(ManagerState::PoweredOn);
-    em::ScaleOptions fast;
-    fast.sampleRateHz = 1000;
-    auto scale = world->addScale(fast);
-    sim::SimBackend backend(world);
-    auto rec = std::make_shared<Recorder>();
-    rec->subscribe = true;
-    auto central = backend.makeCentral(rec, "Corebluetooth", Context{});
-    central->scanForPeripheralsWithServices(std::nullopt, bt::ScanOptions{true});
-    auto p = central->retrievePeripheralsWithIdentifiers({scale->identifier()}).at(0);
-
-    std::atomic<bool> stop{false};
-    std::thread meddler([&] {
-        for (int i = 0; !stop; ++i) {
-            scale->pressButton(i % 2);
-            scale->setName(i % 3 == 0 ? "Plenk Scale" : "Coffee Plenk");
-            std::this_thread::sleep_for(1ms);
-        }
-    });
-    for (int round = 0; round < 8; ++round) {
-        central->connectPeripheral(p, {});
-        std::this_thread::sleep_for(40ms);
-        central->cancelPeripheralConnection(p);
-        std::this_thread::sleep_for(2ms);
-    }
-    central->connectPeripheral(p, {});
-    const auto deadline = std::chrono::steady_clock::now() + 5s;
-    while (rec->count("value EF81") < 50 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(5ms);
-    }
-    central.reset();  // torn down mid-stream
-    stop = true;
-    meddler.join();
-    EXPECT_GE(rec->count("value EF81"), 50u);
-    EXPECT_EQ(scale->linkCount(), 0u);
-    EXPECT_FALSE(scale->isStreaming());
-    EXPECT_TRUE(rec->allOnQueue());
-}
-
-TEST(SimBackend, RegisteredAsSimWithADemoWorldOnTheContextsClock) {
-    test::SimHarness h;
-    Context context = h.context;
-    context.backend.reset();
-    context.backendName = "sim";
-    auto backend = BackendRegistry::create("sim", context);
-    ASSERT_NE(backend, nullptr);
-    EXPECT_EQ(backend->name(), "sim");
-    auto world = std::static_pointer_cast<sim::SimBackend>(backend)->world();
-    EXPECT_NE(world, sim::defaultWorld());  // a virtual clock gets a world of its own
-    EXPECT_EQ(world->radioState(), ManagerState::PoweredOn);
-    ASSERT_EQ(world->peripherals().size(), 1u);
-    EXPECT_EQ(world->peripherals()[0]->name(), "Plenk Scale");
-    EXPECT_EQ(world->clock(), h.context.clock);
 }
 
 }  // namespace
