@@ -12,7 +12,7 @@ using Log = std::vector<std::string>;
 
 using Facade = FacadeFixture;
 
-TEST_F(Facade, KitEventsAreQueuedNeverDeliveredInsideTheKitsCall) {
+TEST_F(Facade, KitEventsAreQueuedAndReachOnlyALiveDelegate) {
     makeFacade();
     auto& kit = *plenk->rosta();
     plenk->rostaWeightDidUpdate(12.5f);
@@ -25,6 +25,19 @@ TEST_F(Facade, KitEventsAreQueuedNeverDeliveredInsideTheKitsCall) {
     EXPECT_EQ(host->snapshot(), (std::vector<std::string>{"weight 12.5", "error 109", "button 1",
                                                           "disconnected", "connected"}));
     EXPECT_TRUE(isKind<RKErrorLEWriteC>(host->errors().at(0)));
+
+    // A host delegate released or cleared before queued work runs hears nothing.
+    plenk->rostaWeightDidUpdate(1.0f);
+    std::weak_ptr<RecordingDelegate> weak = host;
+    host.reset();
+    h.mainLoop->runUntilIdle();
+    EXPECT_TRUE(weak.expired());
+    auto second = std::make_shared<RecordingDelegate>(h.mainLoop);
+    plenk->setDelegate(second);
+    plenk->rostaWeightDidUpdate(2.0f);
+    plenk->setDelegate({});
+    h.mainLoop->runUntilIdle();
+    EXPECT_TRUE(second->snapshot().empty());
 }
 
 // Events and completions reach the host on the main queue in the order they
@@ -86,22 +99,6 @@ TEST_F(Facade, FakeInterruptIsHeldAndDisconnectIsNot) {
     EXPECT_FALSE(plenk->isConnected());
     EXPECT_EQ(scale->linkCount(), 0u);
     EXPECT_EQ(host->snapshot(), (Log{"connected", "disconnected"}));
-}
-
-TEST_F(Facade, HostDelegateReleasedOrClearedBeforeQueuedWorkRunsHearsNothing) {
-    makeFacade();
-    plenk->rostaWeightDidUpdate(1.0f);
-    std::weak_ptr<RecordingDelegate> weak = host;
-    host.reset();
-    h.mainLoop->runUntilIdle();
-    EXPECT_TRUE(weak.expired());
-
-    auto second = std::make_shared<RecordingDelegate>(h.mainLoop);
-    plenk->setDelegate(second);
-    plenk->rostaWeightDidUpdate(2.0f);
-    plenk->setDelegate({});
-    h.mainLoop->runUntilIdle();
-    EXPECT_TRUE(second->snapshot().empty());
 }
 
 TEST_F(Facade, QueuedWorkKeepsAReleasedFacadeAliveUntilItHasRun) {

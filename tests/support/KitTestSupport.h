@@ -45,14 +45,6 @@ public:
         std::lock_guard lock(mutex_);
         return static_cast<std::size_t>(std::count(entries_.begin(), entries_.end(), entry));
     }
-    std::vector<std::string> entries() const {
-        std::lock_guard lock(mutex_);
-        return entries_;
-    }
-    void clear() {
-        std::lock_guard lock(mutex_);
-        entries_.clear();
-    }
 
 private:
     std::shared_ptr<NotificationCenter> center_;
