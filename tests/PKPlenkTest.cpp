@@ -130,23 +130,15 @@ TEST_F(Facade, ReleasingTheFacadeWhileConnectedTearsTheLinkDown) {
     EXPECT_EQ(host->snapshot(), Log{"connected"});
 }
 
-class Colours final : public PKPlenkDataSource {
-public:
-    std::optional<std::string> titleForSelectAccessoryModalViewController() override { return "Scales"; }
-    std::optional<Color> navigationBarColorForSelectAccessoryModalViewController() override {
-        return Color{1, 0, 0, 1};
-    }
-};
-
 TEST_F(Facade, DataSourceQuestionsAreAnsweredAtOnceOrWithNothing) {
+    struct Colours final : PKPlenkDataSource {
+        std::optional<std::string> titleForSelectAccessoryModalViewController() override { return "Scales"; }
+    };
     makeFacade();
     EXPECT_EQ(plenk->titleForSelectAccessoryModalViewController(), std::nullopt);
     auto colours = std::make_shared<Colours>();
     plenk->setDataSource(colours);
-    EXPECT_EQ(plenk->titleForSelectAccessoryModalViewController(), "Scales");
     EXPECT_EQ(plenk->backgroundColorForSelectAccessoryModalViewController(), std::nullopt);
-    EXPECT_EQ(plenk->navigationBarColorForSelectAccessoryModalViewController(), (Color{1, 0, 0, 1}));
-    // The kit asks the facade.
     EXPECT_EQ(plenk->rosta()->dataSource()->titleForSelectAccessoryModalViewController(), "Scales");
     colours.reset();
     EXPECT_EQ(plenk->titleForSelectAccessoryModalViewController(), std::nullopt);

@@ -57,14 +57,14 @@ std::string caseName(const ::testing::TestParamInfo<FailureCase>& info) {
 // The code mapping is checked in auto mode; picker mode checks the routing.
 const std::vector<FailureCase> kLinkFailures = {
     {false, 10, std::nullopt, nullptr},
-    {false, 11, 103, &kindIs<RKErrorLEConnectionUnknownC>},
-    {false, 12, 104, &kindIs<RKErrorLEConnectionInvalidParametersC>},
-    {false, 13, 105, &kindIs<RKErrorLEConnectionInvalidHandleC>},
-    {false, 14, 106, &kindIs<RKErrorLEConnectionTimeoutC>},
+    {false, 11, 103, &isKind<RKErrorLEConnectionUnknownC>},
+    {false, 12, 104, &isKind<RKErrorLEConnectionInvalidParametersC>},
+    {false, 13, 105, &isKind<RKErrorLEConnectionInvalidHandleC>},
+    {false, 14, 106, &isKind<RKErrorLEConnectionTimeoutC>},
     {false, 15, std::nullopt, nullptr},
-    {false, std::nullopt, 105, &kindIs<RKErrorLEConnectionInvalidHandleC>},
+    {false, std::nullopt, 105, &isKind<RKErrorLEConnectionInvalidHandleC>},
     {true, 10, std::nullopt, nullptr},
-    {true, 14, 106, &kindIs<RKErrorLEConnectionTimeoutC>},
+    {true, 14, 106, &isKind<RKErrorLEConnectionTimeoutC>},
     {true, std::nullopt, 110, &plain},
 };
 
@@ -113,16 +113,16 @@ INSTANTIATE_TEST_SUITE_P(Matrix, KitLinkFailure, ::testing::ValuesIn(kLinkFailur
 // In picker mode every report but a read or write failure (1004, 1005) goes to
 // the picker completion; set-up failures (1000 to 1003) drop the link.
 const std::vector<FailureCase> kDeviceFailures = {
-    {false, 1000, 108, &kindIs<RKErrorLEInvalidDeviceC>},
-    {false, 1001, 108, &kindIs<RKErrorLEInvalidDeviceC>},
-    {false, 1002, 107, &kindIs<RKErrorLEValidationC>},
-    {false, 1003, 107, &kindIs<RKErrorLEValidationC>},
-    {false, 1004, 109, &kindIs<RKErrorLEWriteC>, false},
-    {false, 1005, 109, &kindIs<RKErrorLEReadC>, false},
+    {false, 1000, 108, &isKind<RKErrorLEInvalidDeviceC>},
+    {false, 1001, 108, &isKind<RKErrorLEInvalidDeviceC>},
+    {false, 1002, 107, &isKind<RKErrorLEValidationC>},
+    {false, 1003, 107, &isKind<RKErrorLEValidationC>},
+    {false, 1004, 109, &isKind<RKErrorLEWriteC>, false},
+    {false, 1005, 109, &isKind<RKErrorLEReadC>, false},
     {false, 1234, std::nullopt, nullptr},
     {false, std::nullopt, 110, &plain, false},
-    {true, 1001, 108, &kindIs<RKErrorLEInvalidDeviceC>},
-    {true, 1004, 109, &kindIs<RKErrorLEWriteC>, false},
+    {true, 1001, 108, &isKind<RKErrorLEInvalidDeviceC>},
+    {true, 1004, 109, &isKind<RKErrorLEWriteC>, false},
     {true, 999, std::nullopt, nullptr},
     {true, std::nullopt, 110, &plain, false},
 };

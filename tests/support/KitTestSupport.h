@@ -23,11 +23,6 @@
 
 namespace plenk::test {
 
-template <typename K>
-bool kindIs(const ErrorPtr& e) {
-    return isKind<K>(e);
-}
-
 // Every notification posted on a centre, as "name" or "name: object".
 class NotificationLog {
 public:
