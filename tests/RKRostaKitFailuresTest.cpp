@@ -2,7 +2,6 @@
 // whom (delegate on the main queue, or the picker completion on the event's
 // queue), and what it tears down and restarts afterwards.
 
-#include <functional>
 #include <typeinfo>
 
 #include "support/KitTestSupport.h"
@@ -12,6 +11,7 @@ namespace plenk::test {
 namespace {
 
 using KindTest = bool (*)(const ErrorPtr&);
+using Log = std::vector<std::string>;
 
 // The kindless error: exactly an Error, no subclass.
 bool plain(const ErrorPtr& e) {
@@ -20,16 +20,11 @@ bool plain(const ErrorPtr& e) {
     return typeid(error) == typeid(Error);
 }
 
-enum class Mode { Auto, Picker };
-
-std::string modeName(Mode mode) {
-    return mode == Mode::Auto ? "Auto" : "Picker";
-}
-
-// Opens the picker (auto-connect off) and waits for the scale to be listed.
+// Connected by auto-connect, or by choosing the first row of an open picker.
 class FailureFixture : public KitFixture {
 protected:
     void openPicker() {
+        makeKit(false);
         h.settle();
         kit->showDevicePickerOnViewContoller(presenter, outcome.completion(h.mainLoop));
         h.settle();
@@ -39,59 +34,53 @@ protected:
         presenter->presented->tableViewDidSelectRowAtIndexPath({0, 0});
         h.settle();
     }
-    // Connected in the given mode; in picker mode the completion has had its nullptr.
-    void connectIn(Mode mode) {
-        makeKit(mode == Mode::Auto);
-        if (mode == Mode::Auto) {
-            h.settle();
-        } else {
-            openPicker();
-            chooseFirstRow();
-        }
-        ASSERT_TRUE(kit->isConnected());
-    }
 
     std::shared_ptr<RecordingPresenter> presenter = std::make_shared<RecordingPresenter>();
     PickerOutcome outcome;
 };
 
-// --- Link failures -----------------------------------------------------------------------------------
-
-struct LinkFailureCase {
-    Mode mode;
-    std::optional<std::int64_t> platformCode;  // nullopt: a failure without an error
-    std::optional<std::int64_t> reported;      // nullopt: nothing reported
+// A failure code (nullopt: no error), what is reported (nullopt: nothing), its kind.
+struct FailureCase {
+    bool picker;
+    std::optional<std::int64_t> code;
+    std::optional<std::int64_t> reported;
     KindTest kind;
+    bool dropped = true;  // device failures only
 };
+
+std::string caseName(const ::testing::TestParamInfo<FailureCase>& info) {
+    const auto& c = info.param;
+    return std::string(c.picker ? "Picker" : "Auto") +
+           (c.code ? "Code" + std::to_string(*c.code) : "NoError");
+}
 
 // The code mapping is checked in auto mode; picker mode checks the routing.
-const std::vector<LinkFailureCase> kLinkFailures = {
-    {Mode::Auto, 10, std::nullopt, nullptr},
-    {Mode::Auto, 11, 103, &kindIs<RKErrorLEConnectionUnknownC>},
-    {Mode::Auto, 12, 104, &kindIs<RKErrorLEConnectionInvalidParametersC>},
-    {Mode::Auto, 13, 105, &kindIs<RKErrorLEConnectionInvalidHandleC>},
-    {Mode::Auto, 14, 106, &kindIs<RKErrorLEConnectionTimeoutC>},
-    {Mode::Auto, 15, std::nullopt, nullptr},
-    {Mode::Auto, std::nullopt, 105, &kindIs<RKErrorLEConnectionInvalidHandleC>},
-    {Mode::Picker, 10, std::nullopt, nullptr},
-    {Mode::Picker, 14, 106, &kindIs<RKErrorLEConnectionTimeoutC>},
-    {Mode::Picker, std::nullopt, 110, &plain},
+const std::vector<FailureCase> kLinkFailures = {
+    {false, 10, std::nullopt, nullptr},
+    {false, 11, 103, &isKind<RKErrorLEConnectionUnknownC>},
+    {false, 12, 104, &isKind<RKErrorLEConnectionInvalidParametersC>},
+    {false, 13, 105, &isKind<RKErrorLEConnectionInvalidHandleC>},
+    {false, 14, 106, &isKind<RKErrorLEConnectionTimeoutC>},
+    {false, 15, std::nullopt, nullptr},
+    {false, std::nullopt, 105, &isKind<RKErrorLEConnectionInvalidHandleC>},
+    {true, 10, std::nullopt, nullptr},
+    {true, 14, 106, &isKind<RKErrorLEConnectionTimeoutC>},
+    {true, std::nullopt, 110, &plain},
 };
 
-class KitLinkFailure : public FailureFixture, public ::testing::WithParamInterface<LinkFailureCase> {};
+class KitLinkFailure : public FailureFixture, public ::testing::WithParamInterface<FailureCase> {};
 
 TEST_P(KitLinkFailure, IsReportedByModeAndRescannedOnlyInAutoMode) {
     const auto& c = GetParam();
     auto scale = h.addScale();
-    const auto result = c.platformCode ? sim::ConnectResult::failWithCode(*c.platformCode)
-                                       : sim::ConnectResult::fail(nullptr);
-
-    if (c.mode == Mode::Auto) {
+    const auto result =
+        c.code ? sim::ConnectResult::failWithCode(*c.code) : sim::ConnectResult::fail(nullptr);
+    if (!c.picker) {
         scale->queueConnectResult(result);
         makeKit();
         h.settle();
         // Reported first, then the rescan finds the scale again and connects.
-        std::vector<std::string> expected;
+        Log expected;
         if (c.reported) expected.push_back("error " + std::to_string(*c.reported));
         expected.push_back("connected");
         EXPECT_EQ(delegate->snapshot(), expected);
@@ -99,9 +88,7 @@ TEST_P(KitLinkFailure, IsReportedByModeAndRescannedOnlyInAutoMode) {
             EXPECT_TRUE(c.kind(delegate->errors().at(0)));
             EXPECT_EQ(delegate->errors().at(0)->domain(), "RKErrorDomain");
         }
-        EXPECT_EQ(outcome.calls(), 0u);
     } else {
-        makeKit(false);
         openPicker();
         scale->queueConnectResult(result);
         chooseFirstRow();
@@ -121,125 +108,79 @@ TEST_P(KitLinkFailure, IsReportedByModeAndRescannedOnlyInAutoMode) {
     EXPECT_EQ(delegate->offMainThread, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Matrix, KitLinkFailure, ::testing::ValuesIn(kLinkFailures), [](const auto& info) {
-    const auto& c = info.param;
-    return modeName(c.mode) + (c.platformCode ? "Code" + std::to_string(*c.platformCode) : "NoError");
-});
+INSTANTIATE_TEST_SUITE_P(Matrix, KitLinkFailure, ::testing::ValuesIn(kLinkFailures), caseName);
 
-// --- Device failures, as the kit receives them ------------------------------------------------------
-
-struct DeviceFailureCase {
-    Mode mode;
-    std::optional<std::int64_t> deviceCode;  // nullopt: a failure without an error
-    std::optional<std::int64_t> reported;
-    KindTest kind;
-    bool dropped;
+// In picker mode every report but a read or write failure (1004, 1005) goes to
+// the picker completion; set-up failures (1000 to 1003) drop the link.
+const std::vector<FailureCase> kDeviceFailures = {
+    {false, 1000, 108, &isKind<RKErrorLEInvalidDeviceC>},
+    {false, 1001, 108, &isKind<RKErrorLEInvalidDeviceC>},
+    {false, 1002, 107, &isKind<RKErrorLEValidationC>},
+    {false, 1003, 107, &isKind<RKErrorLEValidationC>},
+    {false, 1004, 109, &isKind<RKErrorLEWriteC>, false},
+    {false, 1005, 109, &isKind<RKErrorLEReadC>, false},
+    {false, 1234, std::nullopt, nullptr},
+    {false, std::nullopt, 110, &plain, false},
+    {true, 1001, 108, &isKind<RKErrorLEInvalidDeviceC>},
+    {true, 1004, 109, &isKind<RKErrorLEWriteC>, false},
+    {true, 999, std::nullopt, nullptr},
+    {true, std::nullopt, 110, &plain, false},
 };
 
-// Set-up failures (1000 to 1003) go to the picker completion in picker mode;
-// read and write failures always go to the delegate.
-bool toDelegate(const DeviceFailureCase& c) {
-    return c.mode == Mode::Auto || c.deviceCode.value_or(0) == 1004 || c.deviceCode.value_or(0) == 1005;
-}
-
-// The code mapping is checked in auto mode; picker mode checks the routing.
-const std::vector<DeviceFailureCase> kDeviceFailures = {
-    {Mode::Auto, 1000, 108, &kindIs<RKErrorLEInvalidDeviceC>, true},
-    {Mode::Auto, 1001, 108, &kindIs<RKErrorLEInvalidDeviceC>, true},
-    {Mode::Auto, 1002, 107, &kindIs<RKErrorLEValidationC>, true},
-    {Mode::Auto, 1003, 107, &kindIs<RKErrorLEValidationC>, true},
-    {Mode::Auto, 1004, 109, &kindIs<RKErrorLEWriteC>, false},
-    {Mode::Auto, 1005, 109, &kindIs<RKErrorLEReadC>, false},
-    {Mode::Auto, 1234, std::nullopt, nullptr, true},
-    {Mode::Auto, std::nullopt, 110, &plain, false},
-    {Mode::Picker, 1001, 108, &kindIs<RKErrorLEInvalidDeviceC>, true},
-    {Mode::Picker, 1003, 107, &kindIs<RKErrorLEValidationC>, true},
-    {Mode::Picker, 1004, 109, &kindIs<RKErrorLEWriteC>, false},
-    {Mode::Picker, 1005, 109, &kindIs<RKErrorLEReadC>, false},
-    {Mode::Picker, 999, std::nullopt, nullptr, true},
-    {Mode::Picker, std::nullopt, 110, &plain, false},
-};
-
-class KitDeviceFailure : public FailureFixture, public ::testing::WithParamInterface<DeviceFailureCase> {};
+class KitDeviceFailure : public FailureFixture, public ::testing::WithParamInterface<FailureCase> {};
 
 TEST_P(KitDeviceFailure, IsTranslatedAndTearsDownOnlySetUpFailures) {
     const auto& c = GetParam();
     auto scale = h.addScale();
-    connectIn(c.mode);
+    if (c.picker) {
+        openPicker();
+        chooseFirstRow();
+    } else {
+        makeKit();
+        h.settle();
+    }
     const auto device = kit->currentDevice();
     ASSERT_NE(device, nullptr);
     delegate->clear();
 
     // The kit looks at the code only, never at the domain.
-    const auto error = c.deviceCode ? Error::make("AnyDomain", *c.deviceCode) : nullptr;
-    core().deviceDidFailConfigureWithError(*device, error);
+    core().deviceDidFailConfigureWithError(*device, c.code ? Error::make("AnyDomain", *c.code) : nullptr);
     const std::size_t pickerCallsAtOnce = outcome.calls();
     h.settle();
 
-    std::vector<std::string> expected;
-    if (c.reported && toDelegate(c)) expected.push_back("error " + std::to_string(*c.reported));
-    if (c.dropped) {
-        // The link loss that follows finds no device to hold.
-        expected.push_back("disconnected");
-        if (c.mode == Mode::Auto) expected.push_back("connected");  // rescanned and found again
-    }
+    const bool readOrWrite = c.code == 1004 || c.code == 1005;
+    const bool toPicker = c.picker && c.reported && !readOrWrite;
+    Log expected;
+    if (c.reported && !toPicker) expected.push_back("error " + std::to_string(*c.reported));
+    if (c.dropped) expected.push_back("disconnected");            // the link loss finds no device to hold
+    if (c.dropped && !c.picker) expected.push_back("connected");  // rescanned and found again
     EXPECT_EQ(delegate->snapshot(), expected);
-    if (c.reported && toDelegate(c)) {
+    if (c.reported && !toPicker) {
         EXPECT_TRUE(c.kind(delegate->errors().at(0)));
     }
 
-    const std::size_t pickerBaseline = c.mode == Mode::Picker ? 1 : 0;  // the success of connecting
-    if (c.reported && !toDelegate(c)) {
-        // Synchronously, on the thread the failure arrived on.
-        EXPECT_EQ(pickerCallsAtOnce, pickerBaseline + 1);
+    const std::size_t pickerBaseline = c.picker ? 1 : 0;  // the success of connecting
+    // A picker report is synchronous, on the thread the failure arrived on.
+    EXPECT_EQ(pickerCallsAtOnce, pickerBaseline + (toPicker ? 1 : 0));
+    EXPECT_EQ(outcome.calls(), pickerCallsAtOnce);
+    if (toPicker) {
         std::lock_guard lock(outcome.mutex);
-        EXPECT_EQ(outcome.results.back()->code(), *c.reported);
         EXPECT_TRUE(c.kind(outcome.results.back()));
-    } else {
-        EXPECT_EQ(outcome.calls(), pickerBaseline);
     }
-
     if (!c.dropped) {
         EXPECT_EQ(kit->currentDevice(), device);
         EXPECT_EQ(scale->linkCount(), 1u);
-    } else if (c.mode == Mode::Picker) {
+    } else if (c.picker) {
         EXPECT_FALSE(kit->isConnected());
         EXPECT_FALSE(scanning());
     } else {
-        EXPECT_NE(kit->currentDevice(), device);
-        EXPECT_EQ(tares(scale), 2u);  // the new connection was tared too
+        EXPECT_EQ(tares(scale), 2u);  // every fresh connection is tared
     }
     EXPECT_EQ(delegate->offMainThread, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Matrix, KitDeviceFailure, ::testing::ValuesIn(kDeviceFailures),
-                         [](const auto& info) {
-                             const auto& c = info.param;
-                             return modeName(c.mode) +
-                                    (c.deviceCode ? "Code" + std::to_string(*c.deviceCode) : "NoError");
-                         });
+INSTANTIATE_TEST_SUITE_P(Matrix, KitDeviceFailure, ::testing::ValuesIn(kDeviceFailures), caseName);
 
-// --- Failures raised by a faulty scale, end to end ----------------------------------------------------
-
-// In picker mode a set-up failure reaches the completion and drops the link.
-TEST_F(FailureFixture, SetUpFailureOfARealScaleReachesThePickerAndDropsIt) {
-    auto scale = h.addScale();
-    makeKit(false);
-    openPicker();
-    scale->removeService(wire::kScaleService);
-    chooseFirstRow();
-    {
-        std::lock_guard lock(outcome.mutex);
-        ASSERT_EQ(outcome.results.size(), 1u);
-        EXPECT_TRUE(isKind<RKErrorLEInvalidDeviceC>(outcome.results[0]));
-        EXPECT_FALSE(outcome.onMainThread[0]);
-    }
-    EXPECT_EQ(kit->currentDevice(), nullptr);
-    EXPECT_EQ(scale->linkCount(), 0u);
-    EXPECT_EQ(delegate->snapshot(), (std::vector<std::string>{"disconnected"}));
-}
-
-// Write and read failures are reported and the link kept.
 TEST_F(FailureFixture, FailedWritesAndNotificationsAreReportedAndWeightsKeepFlowing) {
     auto scale = h.addScale();
     scale->failWrites(wire::kCommandCharacteristic, attError(kAttWriteNotPermitted));
@@ -248,52 +189,40 @@ TEST_F(FailureFixture, FailedWritesAndNotificationsAreReportedAndWeightsKeepFlow
     scale->notify(wire::kDataCharacteristic, {}, attError(kAttUnlikelyError));
     scale->notify(wire::kDataCharacteristic, weightPacket(scale, 3.0f));
     h.settle();
-    EXPECT_EQ(delegate->snapshot(),
-              (std::vector<std::string>{"connected", "error 109", "error 109", "weight 3"}));
+    EXPECT_EQ(delegate->snapshot(), (Log{"connected", "error 109", "error 109", "weight 3"}));
     EXPECT_TRUE(isKind<RKErrorLEWriteC>(delegate->errors().at(0)));  // the tare
     EXPECT_TRUE(isKind<RKErrorLEReadC>(delegate->errors().at(1)));
     const auto lines = h.log->lines();
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "\n write error"), 1);
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "\n read error"), 1);
-    EXPECT_EQ(scale->linkCount(), 1u);
 }
 
-TEST_F(FailureFixture, PickerModeFailureWithoutAnyCompletionCallsNothing) {
+TEST_F(FailureFixture, FailureOfAHeldDeviceWithoutACompletionOrOfAReleasedDevice) {
     auto scale = h.addScale();
-    connectHeld();  // auto-connect off, no picker ever shown
-    ASSERT_FALSE(kit->pickerCompletion());
-    core().deviceDidFailConfigureWithError(*kit->currentDevice(), Error::make(LEDeviceErrorDomain, 1000));
-    h.settle();
-    EXPECT_EQ(delegate->snapshot(), (std::vector<std::string>{"connected", "disconnected"}));
-}
-
-TEST_F(FailureFixture, FailureReportOfAReleasedDeviceIsIgnored) {
-    auto scale = h.addScale();
-    makeKit();
-    h.settle();
+    connectHeld();  // picker mode, no picker ever shown
     auto stale = kit->currentDevice();
-    scale->dropLink();
-    h.settle();  // torn down and connected afresh with a new device
-    ASSERT_NE(kit->currentDevice(), stale);
-    delegate->clear();
-
     core().deviceDidFailConfigureWithError(*stale, Error::make(LEDeviceErrorDomain, 1000));
     h.settle();
-    EXPECT_TRUE(delegate->snapshot().empty());
+    EXPECT_EQ(delegate->snapshot(), (Log{"connected", "disconnected"}));
+
+    kit->scanDeivces();
+    h.settle();
+    ASSERT_TRUE(kit->isConnected());
+    core().deviceDidFailConfigureWithError(*stale, Error::make(LEDeviceErrorDomain, 1000));
+    h.settle();
+    EXPECT_EQ(delegate->snapshot(), (Log{"connected", "disconnected", "connected"}));
     EXPECT_TRUE(kit->isConnected());
 }
 
-// A host may call into the kit from inside the picker-mode failure completion,
-// which runs on the Bluetooth queue.
+// The picker-mode failure completion runs on the Bluetooth queue; the host
+// may call into the kit from it.
 TEST_F(FailureFixture, HostMayCallTheKitFromInsideAFailureCompletion) {
     auto scale = h.addScale();
-    makeKit(false);
     openPicker();
     std::atomic<int> calls{0};
     kit->setPickerCompletion([&, weak = std::weak_ptr<RKRostaKit>(kit)](const ErrorPtr& error) {
         ++calls;
-        if (!error) return;
-        if (auto k = weak.lock()) {
+        if (auto k = weak.lock(); k && error) {
             k->scanDeivces();
             k->setIsAutoConnectEnabled(true);
             (void)k->isConnected();
@@ -301,7 +230,6 @@ TEST_F(FailureFixture, HostMayCallTheKitFromInsideAFailureCompletion) {
     });
     scale->queueConnectResult(sim::ConnectResult::failWithCode(14));
     chooseFirstRow();
-    // Auto-connect is back on: the scale is found and connected.
     EXPECT_EQ(calls, 1);
     EXPECT_TRUE(kit->isConnected());
 }

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 
 #include "support/KitTestSupport.h"
 #include "wire/GattUuids.h"
@@ -17,139 +18,94 @@ namespace {
 using namespace std::chrono_literals;
 
 int soakCycles() {
-    if (const char* env = std::getenv("PLENK_SOAK_CYCLES"); env != nullptr) {
-        const int n = std::atoi(env);
-        if (n > 0) return n;
-    }
-    return 300;
+    const char* env = std::getenv("PLENK_SOAK_CYCLES");
+    const int n = env ? std::atoi(env) : 0;
+    return n > 0 ? n : 300;
 }
 
-class Soak : public ::testing::Test {
+class Soak : public FacadeFixture {
 protected:
-    ~Soak() override {
-        plenk.reset();
-        h.settle();
-    }
-
-    void start(bool autoConnect) {
+    // Runs `cycles` rounds of five sequence-numbered weights and one `drop`,
+    // then checks every weight arrived once and in order, the reports, and
+    // that exactly one device and no stray work is left.
+    void run(bool autoConnect, const std::function<void(int)>& drop, int reconnects, int errors) {
         scale = h.addScale();
-        // With auto-connect off the radio reports nothing until the flag is off.
-        const auto radio = h.world->radioState();
-        if (!autoConnect) h.world->setRadioState(std::nullopt);
-        plenk = PKPlenk::create(h.context);
-        plenk->setDelegate(host);
-        plenk->setIsAutoConnectEnabled(autoConnect);
-        if (!autoConnect) {
-            h.world->setRadioState(radio);
-            plenk->rosta()->scanDeivces();
-        }
+        makeFacade(autoConnect);
+        if (!autoConnect) plenk->rosta()->scanDeivces();
         h.settle();
-    }
-
-    // Sends a few sequence-tagged weights; they must all arrive in order.
-    void streamWeights(int count) {
-        for (int i = 0; i < count; ++i) {
-            ++sent;
-            scale->notify(wire::kDataCharacteristic, weightPacket(scale, static_cast<float>(sent)));
+        std::vector<std::weak_ptr<RKDevice>> devices;
+        const auto recordDevice = [&] {
+            auto device = plenk->rosta()->currentDevice();
+            if (device && (devices.empty() || devices.back().lock() != device)) devices.push_back(device);
+        };
+        const auto liveDevices = [&] {
+            return std::count_if(devices.begin(), devices.end(), [](const auto& d) { return !d.expired(); });
+        };
+        int sent = 0;
+        for (int i = 0; i < cycles; ++i) {
+            ASSERT_TRUE(plenk->isConnected()) << "cycle " << i;
+            recordDevice();
+            for (int k = 0; k < 5; ++k) {
+                scale->notify(wire::kDataCharacteristic, weightPacket(scale, static_cast<float>(++sent)));
+            }
+            h.settle();
+            drop(i);
+            ASSERT_LE(liveDevices(), 1) << "cycle " << i;
         }
-    }
-
-    int liveDevices() const {
-        int live = 0;
-        for (const auto& d : devices) live += d.expired() ? 0 : 1;
-        return live;
-    }
-
-    void recordDevice() {
-        auto device = plenk->rosta()->currentDevice();
-        if (device && (devices.empty() || devices.back().lock() != device)) devices.push_back(device);
-    }
-
-    // Weights are sequence numbers: every one arrives once, in order.
-    void expectEveryWeightOnce() {
+        recordDevice();
         std::vector<float> expected(static_cast<std::size_t>(sent));
         for (int i = 0; i < sent; ++i) expected[static_cast<std::size_t>(i)] = static_cast<float>(i + 1);
         EXPECT_EQ(host->weights(), expected);
+        EXPECT_EQ(host->count("connected"), static_cast<std::size_t>(reconnects + 1));
+        EXPECT_EQ(host->count("disconnected"), static_cast<std::size_t>(reconnects));
+        EXPECT_EQ(host->errors().size(), static_cast<std::size_t>(errors));
+        EXPECT_EQ(host->count("error 105"), static_cast<std::size_t>(errors));
+        EXPECT_EQ(host->offMainThread, 0);
+        EXPECT_EQ(liveDevices(), 1);
+        EXPECT_EQ(devices.size(), static_cast<std::size_t>(reconnects + 1));
+        EXPECT_EQ(h.world->centralCount(), 1u);
+        EXPECT_EQ(h.clock->pendingTimers(), 0u);
+        EXPECT_EQ(h.mainLoop->pendingTasks(), 0u);
+        EXPECT_TRUE(plenk->rosta()->discoveredResults().empty());
     }
-    int heard(const std::string& event) const { return static_cast<int>(host->count(event)); }
 
-    SimHarness h;
-    std::shared_ptr<RecordingDelegate> host = std::make_shared<RecordingDelegate>(h.mainLoop);
+    const int cycles = soakCycles();
     std::shared_ptr<sim::VirtualPeripheral> scale;
-    std::shared_ptr<PKPlenk> plenk;
-    std::vector<std::weak_ptr<RKDevice>> devices;
-    int sent = 0;
 };
 
 // Auto-connect: every drop tears down and connects afresh; every fourth
 // reconnect fails once first and is retried by the rescan.
 TEST_F(Soak, AutoConnectDropsAndFailedReconnects) {
-    const int cycles = soakCycles();
-    start(true);
-    int failures = 0;
-    for (int i = 0; i < cycles; ++i) {
-        ASSERT_TRUE(plenk->isConnected()) << "cycle " << i;
-        recordDevice();
-        streamWeights(5);
-        h.settle();
-        if (i % 4 == 3) {
-            scale->queueConnectResult(sim::ConnectResult::failWithCode(13));
-            ++failures;
-        }
-        scale->dropLink(i % 2 == 0 ? platformError(kPlatformConnectionTimeout) : nullptr);
-        h.settle();
-        ASSERT_LE(liveDevices(), 1) << "cycle " << i;
-    }
-    recordDevice();
-    expectEveryWeightOnce();
-    EXPECT_EQ(heard("connected"), cycles + 1);
-    EXPECT_EQ(heard("disconnected"), cycles);
-    EXPECT_EQ(heard("error 105"), failures);
-    EXPECT_EQ(host->errors().size(), static_cast<std::size_t>(failures));
-    EXPECT_EQ(host->offMainThread, 0);
-    EXPECT_EQ(liveDevices(), 1);
-    EXPECT_EQ(static_cast<int>(devices.size()), cycles + 1);
-    EXPECT_EQ(h.world->centralCount(), 1u);
-    EXPECT_EQ(h.mainLoop->pendingTasks(), 0u);
-    EXPECT_TRUE(plenk->rosta()->discoveredResults().empty());
+    run(
+        true,
+        [this](int i) {
+            if (i % 4 == 3) scale->queueConnectResult(sim::ConnectResult::failWithCode(13));
+            scale->dropLink(i % 2 == 0 ? platformError(kPlatformConnectionTimeout) : nullptr);
+            h.settle();
+        },
+        cycles, cycles / 4);
 }
 
 // A held scale (auto-connect off): drops come back silently on the same
 // device; every fifth reconnect hangs, the watchdog gives up after three
 // seconds and the host connects afresh.
 TEST_F(Soak, HeldConnectionDropsAndWatchdogs) {
-    const int cycles = soakCycles();
-    start(false);
-    int hangs = 0;
-    for (int i = 0; i < cycles; ++i) {
-        ASSERT_TRUE(plenk->isConnected()) << "cycle " << i;
-        recordDevice();
-        streamWeights(5);
-        h.settle();
-        if (i % 5 == 4) {
+    run(
+        false,
+        [this](int i) {
+            if (i % 5 != 4) {
+                scale->dropLink(platformError(kPlatformConnectionTimeout));
+                h.advance(3s);  // the watchdog finds the link up
+                return;
+            }
             scale->queueConnectResult(sim::ConnectResult::hang());
             scale->dropLink();
             h.advance(3s);
             ASSERT_FALSE(plenk->isConnected()) << "cycle " << i;
-            ++hangs;
             plenk->rosta()->scanDeivces();
             h.settle();
-        } else {
-            scale->dropLink(platformError(kPlatformConnectionTimeout));
-            h.advance(3s);  // the watchdog finds the link up
-        }
-        ASSERT_LE(liveDevices(), 1) << "cycle " << i;
-    }
-    recordDevice();
-    expectEveryWeightOnce();
-    EXPECT_EQ(heard("connected"), hangs + 1);
-    EXPECT_EQ(heard("disconnected"), hangs);
-    EXPECT_TRUE(host->errors().empty());
-    EXPECT_EQ(host->offMainThread, 0);
-    EXPECT_EQ(liveDevices(), 1);
-    EXPECT_EQ(static_cast<int>(devices.size()), hangs + 1);
-    EXPECT_EQ(h.clock->pendingTimers(), 0u);
-    EXPECT_EQ(h.mainLoop->pendingTasks(), 0u);
+        },
+        cycles / 5, 0);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #pragma once
 
 // Shared pieces of the kit and facade tests: a notification log, a headless
-// picker presenter, scale helpers and a fixture with a simulated world.
+// picker presenter, scale helpers and fixtures with a simulated world.
 
 #include <gtest/gtest.h>
 
@@ -23,11 +23,6 @@
 
 namespace plenk::test {
 
-template <typename K>
-bool kindIs(const ErrorPtr& e) {
-    return isKind<K>(e);
-}
-
 // Every notification posted on a centre, as "name" or "name: object".
 class NotificationLog {
 public:
@@ -44,14 +39,6 @@ public:
     std::size_t count(const std::string& entry) const {
         std::lock_guard lock(mutex_);
         return static_cast<std::size_t>(std::count(entries_.begin(), entries_.end(), entry));
-    }
-    std::vector<std::string> entries() const {
-        std::lock_guard lock(mutex_);
-        return entries_;
-    }
-    void clear() {
-        std::lock_guard lock(mutex_);
-        entries_.clear();
     }
 
 private:
@@ -137,7 +124,7 @@ inline std::vector<std::vector<std::uint8_t>> commandFrames(
     return frames;
 }
 
-// Tare frames the scale's firmware has accepted.
+// Tares the scale's firmware has accepted.
 inline std::uint32_t tares(const std::shared_ptr<sim::VirtualPeripheral>& scale) {
     std::uint32_t n = 0;
     scale->withScale([&](emulator::ScaleEmulator& e) { n = e.counters().tares; });
@@ -191,6 +178,31 @@ public:
     NotificationLog notes{h.notifications};
     std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>(h.mainLoop);
     std::shared_ptr<RKRostaKit> kit;
+};
+
+// A simulated world and the public facade on it, reporting to a recording host.
+class FacadeFixture : public ::testing::Test {
+public:
+    ~FacadeFixture() override {
+        plenk.reset();
+        h.settle();
+    }
+
+    // As KitFixture::makeKit.
+    void makeFacade(bool autoConnect = true) {
+        const auto radio = h.world->radioState();
+        if (!autoConnect) h.world->setRadioState(std::nullopt);
+        plenk = PKPlenk::create(h.context);
+        plenk->setDelegate(host);
+        if (!autoConnect) {
+            plenk->setIsAutoConnectEnabled(false);
+            h.world->setRadioState(radio);
+        }
+    }
+
+    SimHarness h;
+    std::shared_ptr<RecordingDelegate> host = std::make_shared<RecordingDelegate>(h.mainLoop);
+    std::shared_ptr<PKPlenk> plenk;
 };
 
 }  // namespace plenk::test

@@ -22,13 +22,6 @@
 
 namespace plenk::test {
 
-// The shortest text that reads back as the same float: "weight 36.4".
-inline std::string weightEvent(float weight) {
-    char text[32];
-    const auto end = std::to_chars(text, text + sizeof text, weight).ptr;
-    return "weight " + std::string(text, end);
-}
-
 // Thread-safe. Given a main loop, it counts the reports that arrive off it
 // (the kit and the facade promise the main queue; a device reports on the
 // Bluetooth queue, so it is recorded without one).
@@ -106,7 +99,8 @@ private:
             std::lock_guard lock(mutex_);
             weights_.push_back(weight);
         }
-        add(weightEvent(weight));
+        char text[32];  // the shortest text that reads back as the same float
+        add("weight " + std::string(text, std::to_chars(text, text + sizeof text, weight).ptr));
     }
 
     std::shared_ptr<RunLoop> main_;
