@@ -26,9 +26,9 @@
 #include <PlenkKit/CSRSelectDeviceViewController.h>
 #include <PlenkKit/PKPlenk.h>
 #include <PlenkKit/Peripheral.h>
-#include <PlenkKit/RadioState.h>
 #include <PlenkKit/RKDevice.h>
 #include <PlenkKit/RKRostaKit.h>
+#include <PlenkKit/RadioState.h>
 
 // Testing without a scale: the simulated world.
 #include <PlenkKit/Simulator.h>
