@@ -150,11 +150,16 @@ TEST_F(RKDeviceTest, WriteResultsFeedSlotsInPriorityOrderNotByFrame) {
 
     scale->failWrites(wire::kCommandCharacteristic, nullptr);
     scale->clearWrites();
+    // Results take a while, as on a real link: all four slots are armed
+    // before the first answer comes back.
+    auto timings = sim::Timings::zero();
+    timings.gattLatency = std::chrono::milliseconds(10);
+    h.world->setTimings(timings);
     device->setInitCompletion(result("init"));
     device->tare();
     device->tare();
     device->enableDFUMode(result("dfu"));
-    h.settle();
+    h.advance(std::chrono::milliseconds(100));
     EXPECT_EQ(commandFrames(), (Frames{{0x10}, {0x10}, {0xAA, 0x55}}));
     EXPECT_EQ(delegate->snapshot(), (Log{"discovered", "sync failed with error", "error 1004", "error 1004",
                                          "dfu ok", "pending ok", "init ok"}));
