@@ -239,8 +239,10 @@ TEST_F(RKDeviceTest, DestructionClearsThePeripheralsDelegateUnlessTakenOver) {
     start();
     auto successor = RKDeviceCore::create(link.peripheral, h.log);
     device.reset();
+    h.settle();  // a discovery result in flight holds its device until delivered
     EXPECT_EQ(link.peripheral->delegate(), successor);
     successor.reset();
+    h.settle();
     EXPECT_EQ(link.peripheral->delegate(), nullptr);
 }
 
