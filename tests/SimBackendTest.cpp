@@ -208,7 +208,7 @@ TEST(SimRadio, NothingBeforeTheWorldHasAStateThenEveryChangeReachesEveryCentralI
     auto other = r.attach(second);
     r.h.advance(5s);
     EXPECT_EQ(r.central->state(), ManagerState::Unknown);
-    using enum ManagerState;
+    using enum RadioState;
     for (auto s : {PoweredOn, PoweredOff, PoweredOff, Unauthorized, Resetting, PoweredOn}) {
         r.h.world->setRadioState(s);
     }
