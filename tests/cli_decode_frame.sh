@@ -29,12 +29,9 @@ while IFS='|' read -r expected args; do
     fail "$args -> rc=$rc out=[$out] err=[$err], expected [$expected]"
 done <<'TABLE'
 0a 31|frame timer-auto-start off
-0a 01|frame timer-auto-start on
 10|frame tare
 ca ff|frame calibrate 0xFF
-ca 07|frame calibrate 7
 03|frame unit 1
-02|frame unit 2
 02|frame unit -1
 ec\ned|frame display on
 ee|frame display off
