@@ -9,8 +9,7 @@
 
 namespace {
 
-// An output area with guard bytes on both sides, to prove that nothing is written
-// outside the n/2 bytes the caller provides.
+// Guard bytes on both sides prove nothing is written outside the n/2 bytes given.
 struct GuardedBuffer {
     static constexpr std::size_t kGuard = 16;
     explicit GuardedBuffer(std::size_t n) : storage(n + 2 * kGuard, 0xA5) {}
@@ -43,8 +42,7 @@ TEST(HexConverterTest, ConvertsPairsInWrittenOrderAndStaysInBounds) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
-        // The text follows other characters: a literal reading of the loop on an
-        // odd length would pick up the byte before the text and write before `out`.
+        // Preceded by a character: an odd length must not read it or write before `out`.
         const std::string padded = "F" + c.text;
         GuardedBuffer buffer(c.bytes.size());
         EXPECT_TRUE(stringToHexConverter(padded.c_str() + 1, buffer.out()));

@@ -174,6 +174,16 @@ TEST(SimRadio, NothingBeforeTheWorldHasAStateThenEveryChangeReachesEveryCentralI
     EXPECT_EQ(second->log(), expected);
 }
 
+TEST(SimRadio, APlatformThatReportsNoDisconnectOnPowerOffStillDropsTheLinks) {
+    Rig r(test::SimHarnessOptions{.disconnectOnPowerOff = false});
+    auto scale = r.h.addScale();
+    r.connect(scale);
+    r.h.world->setRadioState(ManagerState::PoweredOff);
+    r.h.settle();
+    EXPECT_EQ(r.rec->log(), (Log{"state PoweredOn", "connect", "state PoweredOff"}));
+    EXPECT_EQ(scale->linkCount(), 0u);
+}
+
 TEST(SimScan, EachAdvertiserOncePerScanOrEveryIntervalWithDuplicatesAndFiltersAnyOfTheirServices) {
     Rig r(test::SimHarnessOptions{.timings = sim::Timings{100ms, 0ms, 0ms}});
     r.h.addScale();

