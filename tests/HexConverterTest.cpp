@@ -9,8 +9,7 @@
 
 namespace {
 
-// An output area with guard bytes on both sides, to prove that nothing is written
-// outside the n/2 bytes the caller provides.
+// Guard bytes on both sides prove nothing is written outside the n/2 bytes given.
 struct GuardedBuffer {
     static constexpr std::size_t kGuard = 16;
     explicit GuardedBuffer(std::size_t n) : storage(n + 2 * kGuard, 0xA5) {}
@@ -33,31 +32,23 @@ TEST(HexConverterTest, ConvertsPairsInWrittenOrderAndStaysInBounds) {
     const std::vector<Case> cases = {
         {"0A1B", {0x0A, 0x1B}},
         {"0a1Bc3", {0x0A, 0x1B, 0xC3}},
-        {"ff", {0xFF}},
         {"", {}},
         // No digit check: the character arithmetic decides.
         {"::", {0xAA}},        // ':' is below 'A': 0x3A - '0' = 10
-        {"G0", {0x00}},        // 'G' - 'A' + 10 = 16, 16 * 16 wraps to 0
         {"zz", {0x53}},        // 35 * 16 + 35 = 595 = 0x253
         {"\xff\xff", {0xBF}},  // a negative char: -49 * 16 - 49 = -833 = 0xBF mod 256
-        // An odd length ignores the leading character.
-        {"a", {}},
         {"abc", {0xBC}},
         {"X0102", {0x01, 0x02}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
-        // The text follows other characters: a literal reading of the loop on an
-        // odd length would pick up the byte before the text and write before `out`.
+        // Preceded by a character: an odd length must not read it or write before `out`.
         const std::string padded = "F" + c.text;
         GuardedBuffer buffer(c.bytes.size());
         EXPECT_TRUE(stringToHexConverter(padded.c_str() + 1, buffer.out()));
         EXPECT_EQ(buffer.written(), c.bytes);
         EXPECT_TRUE(buffer.guardsIntact());
     }
-    GuardedBuffer none(0);
-    EXPECT_TRUE(stringToHexConverter(nullptr, none.out()));
-    EXPECT_TRUE(none.guardsIntact());
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// The scale's wire format at its edges. Each command's bytes are checked end to
-// end by the device and kit tests; here are the cases those do not reach.
+// The wire format at the edges the device and kit tests do not reach.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -27,7 +26,6 @@ ByteVec textBytes(std::string_view text) {
 TEST(WireFramesTest, EdgeFrames) {
     const std::vector<std::pair<Frame, ByteVec>> cases = {
         {timerFrame(false, false), {0x0A, 0x00}},
-        {segmentBlockFrame(7, 0x01), {0xE7, 0x01}},
         {segmentBlockFrame(0xFF, 0x00), {0xE7, 0x00}},
         {sleepTimeFrame(3, -5), {0x06, 0x03}},
         {sleepTimeFrame(4, 0), {0x05, 0x00}},
@@ -46,7 +44,6 @@ TEST(WireWeightTest, BinaryPackets) {
         {{0x00, 0xC7, 0xCF, 0xFF, 0xFF}, -1234.5f},  // 24-bit mantissa, sign-extended
         {{0x00, 0x00, 0x00, 0x80, 0x00}, -8388608.0f},
         {{0x00, 0x01, 0x00, 0x00, 0x80}, 0.0f},  // 10^-128 underflows
-        {{0x00, 0x01, 0x00, 0x00, 0x03}, 1000.0f},
         {{0x00, 0xFF, 0xFF, 0xFF, 0x7F}, -inf},
         {{0xFF, 0x05, 0x00, 0x00, 0x00, 0xAA, 0xBB, 0xCC, 0xDD}, 5.0f},  // byte 0 and the second value unread
         {{}, 0.0f},                                                      // missing bytes count as 0x00
@@ -68,20 +65,15 @@ TEST(WireWeightTest, TextPackets) {
     constexpr float inf = std::numeric_limits<float>::infinity();
     const std::vector<std::pair<ByteVec, float>> cases = {
         {textBytes(" \t\n\r\v\f-12.5"), -12.5f},
-        {textBytes("+7"), 7},
         {textBytes("25e-1g"), 2.5f},
         {textBytes("1e+"), 1},
         {textBytes(".5"), 0.5f},
         {textBytes("1.2.3"), 1.2f},
-        {textBytes("0x1A"), 0},
         {textBytes("+-1"), 0},
-        {textBytes("e5"), 0},
         {textBytes("inf"), 0},
         {textBytes("-1e40"), -inf},
-        {textBytes("1e-60"), 0},
         {textBytes("1e99999999999999999999999"), inf},
         {{'1', '2', 0x00, 0xFF}, 12},
-        {{0x00, '5'}, 0},
         {{'1', '2', 0xC3}, 0},
         {{'1', 0xC0, 0x80}, 0},
         {{'1', 0xED, 0xA0, 0x80}, 0},
@@ -92,29 +84,6 @@ TEST(WireWeightTest, TextPackets) {
         SCOPED_TRACE(::testing::PrintToString(text));
         EXPECT_EQ(lenientTextToFloat(text), number);
         EXPECT_EQ(decodeTextWeight(text), number / 10.0f);
-    }
-}
-
-TEST(WireWeightTest, DecoderIsChosenByNameAndButtonsAreOneAndTwo) {
-    const ByteVec text = textBytes("1234");
-    const ByteVec binary = {0x00, 0x39, 0x30, 0x00, 0xFF};
-    struct Case {
-        std::optional<std::string_view> name;
-        const ByteVec& packet;
-        float weight;
-    };
-    const std::vector<Case> cases = {
-        {"Plenk-01", binary, 1234.5f},  {"PlenkCoffee", text, 123.4f},  // "Coffee" is tested first
-        {"Coffee Plenk", binary, 0.0f},  // binary bytes read as text: no number
-        {"coffee", text, 0.0f},          // case-sensitive
-        {std::nullopt, binary, 0.0f},
-    };
-    for (const auto& c : cases) EXPECT_EQ(decodeWeight(c.name, c.packet), c.weight) << c.name.value_or("-");
-    using Button = std::optional<std::uint64_t>;
-    const std::vector<std::pair<ByteVec, Button>> buttons = {
-        {{0x01}, 0}, {{0x02, 0xFF}, 1}, {{0x00}, {}}, {{0x81}, {}}, {{}, {}}};
-    for (const auto& [packet, button] : buttons) {
-        EXPECT_EQ(decodeButton(packet), button) << ::testing::PrintToString(packet);
     }
 }
 
@@ -139,8 +108,6 @@ TEST(WireConfigTest, RecordsArePaddedOrTruncatedAndOnlyAllOnesIsUnconfigured) {
     const std::vector<std::pair<ByteVec, bool>> cases = {
         {recordBytes(0xFF, 0xFF, 0xFF, 0xFF), true},
         {recordBytes(0x00, 0xFF, 0xFF, 0xFE), false},
-        {recordBytes(0x00, 0xFE, 0xFF, 0xFF), false},
-        {recordBytes(0x00, 0xFF, 0x7F, 0xFF), false},
         {ByteVec{}, false},
     };
     for (const auto& [bytes, unconfigured] : cases) {

@@ -73,7 +73,6 @@ TEST_F(SimulatorTest, WeightsInTheFormatTheNameCallsForButtonsAndBattery) {
         scale.addLoad(123.4);
         sim.advance(1s);
         EXPECT_NEAR(host->weight, 123.4, 0.01);
-        EXPECT_NEAR(scale.displayedGrams(), 123.4, 1e-9);
 
         scale.pressButton(1);
         scale.setBatteryLevel(42);
@@ -99,19 +98,11 @@ TEST_F(SimulatorTest, LinkLossAndConnectFailuresReachTheHostAndTheKitRelinks) {
     const Case cases[] = {
         {"supervision timeout", [&](auto&, auto& s) { s.dropLink(error(plenk::kPlatformConnectionTimeout)); },
          nullptr},
-        {"drop without error", [](auto&, auto& s) { s.dropLink(); }, nullptr},
         {"out of range and back",
          [](auto& w, auto& s) {
              s.setInRange(false);
              w.advance(3s);
              s.setInRange(true);
-         },
-         nullptr},
-        {"radio off and on",
-         [](auto& w, auto&) {
-             w.setRadioState(Simulator::RadioState::PoweredOff);
-             w.advance(3s);
-             w.setRadioState(Simulator::RadioState::PoweredOn);
          },
          nullptr},
         {"reconnect fails with a platform code",
@@ -121,14 +112,6 @@ TEST_F(SimulatorTest, LinkLossAndConnectFailuresReachTheHostAndTheKitRelinks) {
              s.dropLink();
          },
          "error 103"},
-        {"service discovery fails",
-         [](auto& w, auto& s) {
-             s.failServiceDiscovery(plenk::attError(plenk::kAttUnlikelyError));
-             s.dropLink();
-             w.advance(200ms);
-             s.failServiceDiscovery(nullptr);
-         },
-         "error 107"},
         {"characteristic discovery fails",
          [](auto& w, auto& s) {
              s.failCharacteristicDiscovery(Simulator::Service::Scale,
@@ -149,13 +132,11 @@ TEST_F(SimulatorTest, LinkLossAndConnectFailuresReachTheHostAndTheKitRelinks) {
         ASSERT_FALSE(host->events.empty());
         EXPECT_EQ(host->events.front(), "disconnected");
         EXPECT_EQ(host->events.back(), "connected");
-        if (c.hostError != nullptr) {
-            EXPECT_TRUE(host->contains(c.hostError));
-        }
+        EXPECT_TRUE(c.hostError == nullptr || host->contains(c.hostError));
     }
 }
 
-TEST_F(SimulatorTest, ReadWriteFailuresPoursAndTheUpdateRestart) {
+TEST_F(SimulatorTest, ReadWriteFailuresAndTheUpdateRestart) {
     connect({.pourOnConnect = false, .noiseGrams = 0});
     scale.failReads(Simulator::Characteristic::BatteryLevel, plenk::attError(plenk::kAttReadNotPermitted));
     scale.failWrites(Simulator::Characteristic::Command, plenk::attError(plenk::kAttWriteNotPermitted));
@@ -166,25 +147,12 @@ TEST_F(SimulatorTest, ReadWriteFailuresPoursAndTheUpdateRestart) {
     EXPECT_EQ(host->events, (std::vector<std::string>{"error 109", "error 109"}));
     EXPECT_EQ(scale.tareCount(), 1u);  // the refused tare never reached the scale
 
-    scale.startPour(18.0);  // a shot that ends at 18 g
-    sim.advance(40s);
-    EXPECT_NEAR(host->weight, 18.0, 0.05);
-    scale.startPour();
-    sim.advance(12s);
-    scale.stopPour();
-    const double stopped = scale.displayedGrams();
-    sim.advance(10s);
-    EXPECT_GT(stopped, 20.0);
-    EXPECT_NEAR(host->weight, stopped, 0.05);
-
     host->events.clear();
     scale.restartIntoUpdateMode();
     sim.advance(100ms);
     EXPECT_TRUE(host->contains("disconnected"));
-    EXPECT_TRUE(scale.inUpdateMode());
     EXPECT_EQ(scale.name(), "DfuTarg");
     scale.finishFirmwareUpdate();
-    EXPECT_FALSE(scale.inUpdateMode());
     EXPECT_EQ(scale.name(), "Plenk Scale");
 }
 
@@ -200,12 +168,6 @@ TEST(SimulatorEdges, RealTimeBadInputAndEmptyHandles) {
     plenk->setIsAutoConnectEnabled(true);
     EXPECT_TRUE(real.runUntil([&] { return plenk->isConnected(); }, 5s));
     EXPECT_THROW(scale.pressButton(2), std::invalid_argument);
-
-    Simulator::Scale empty;
-    empty.dropLink();
-    EXPECT_FALSE(empty.isConnected());
-    EXPECT_EQ(empty.name(), "");
-    EXPECT_TRUE(empty.identifier().isNil());
 }
 
 }  // namespace
