@@ -154,23 +154,5 @@ TEST_F(CSRDeviceTest, WithoutStandardServicesNothingIsReadAndFirmwareFailsAtOnce
     EXPECT_FALSE(device->fwVersionBlock());
 }
 
-// Renewing keeps the first name and the characteristics found before: a
-// firmware request is armed, not refused.
-TEST_F(CSRDeviceTest, RenewKeepsTheFirstNameAndTheKnownCharacteristics) {
-    auto scale = h.addScale("Plenk Scale");
-    start(scale);
-    scale->setName("Plenk Renamed");
-    link.central->cancelPeripheralConnection(link.peripheral);
-    h.settle();
-    auto again = test::connect(h, scale);
-    device->renewPeripheral(again.peripheral);
-    device->renewPeripheral(nullptr);  // ignored
-    EXPECT_EQ(device->peripheral(), again.peripheral);
-    EXPECT_EQ(again.peripheral->delegate(), device);
-    EXPECT_EQ(device->deviceName(), "Plenk Scale");
-    device->readFirmwareVersionWithCompletion([](auto, auto) {});
-    EXPECT_TRUE(device->fwVersionBlock());
-}
-
 }  // namespace
 }  // namespace plenk

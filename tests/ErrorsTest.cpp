@@ -1,7 +1,5 @@
 #include <PlenkKit/RKErrors.h>
-#include <PlenkKit/Version.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -61,16 +59,6 @@ TEST(ErrorsTest, EveryKindHasItsExactDescriptionAndParent) {
     EXPECT_FALSE(isKind<RKErrorLEWriteC>(Error::make<RKErrorLEReadC>(rk, 109)));
     EXPECT_FALSE(isKind<RKErrorLEReadC>(write));
     EXPECT_FALSE(isKind<Error>(nullptr));
-}
-
-TEST(ErrorsTest, ExportedConstants) {
-    EXPECT_STREQ(LEErrorDomain, "LEErrorDomain");
-    EXPECT_STREQ(RKErrorDomain, "RKErrorDomain");
-    EXPECT_STREQ(LEDeviceErrorDomain, "DeviceErrorDomain");  // the value has no "LE" prefix
-    EXPECT_EQ(kDeviceDomain, "DeviceDomain");
-    EXPECT_EQ(PlenkKitVersionNumber, 1.0);
-    const char version[] = "@(#)PROGRAM:PlenkKit  PROJECT:PlenkKit-1\n";
-    EXPECT_EQ(std::memcmp(PlenkKitVersionString, version, sizeof version), 0);  // with its NUL
 }
 
 }  // namespace

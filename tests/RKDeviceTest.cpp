@@ -55,19 +55,6 @@ protected:
     std::shared_ptr<RKDeviceCore> device;
 };
 
-TEST_F(RKDeviceTest, DiscoveryIsReportedBeforeNotificationsAreSwitchedOn) {
-    std::atomic<std::size_t> listenersAtDiscovery{99};
-    delegate->onDiscoverAll = [&] {
-        listenersAtDiscovery = scale->subscriberCount(wire::kDataCharacteristic);
-    };
-    start();
-    EXPECT_EQ(delegate->snapshot(), Log{"discovered"});
-    EXPECT_EQ(listenersAtDiscovery, 0u);
-    EXPECT_EQ(scale->subscriberCount(wire::kDataCharacteristic), 1u);
-    EXPECT_EQ(scale->subscriberCount(wire::kControlCharacteristic), 1u);
-    EXPECT_TRUE(commandFrames().empty());
-}
-
 // A failure on another service does not stop the scale service, nor does a
 // missing button or configuration characteristic.
 TEST_F(RKDeviceTest, DiscoveryFailuresReportTheirCodes) {
@@ -122,19 +109,6 @@ TEST_F(RKDeviceTest, CommandsWriteTheirFrames) {
     }
 }
 
-TEST_F(RKDeviceTest, CommandsWithoutTheCommandCharacteristicAreDroppedSilently) {
-    scale->removeCharacteristic(wire::kScaleService, wire::kCommandCharacteristic);
-    start();
-    device->tare();
-    device->synchronize(result("sync"));
-    device->enableDFUMode(result("dfu"));
-    device->initializeConfiguration(result("init"));  // reads, then cannot write
-    h.settle();
-    EXPECT_TRUE(scale->writes().empty());
-    EXPECT_EQ(delegate->snapshot(), Log{"error 1001"});
-    EXPECT_FALSE(device->syncCompletion() || device->dfuCompletion() || device->initCompletion());
-}
-
 // A failure with no slot pending is a write error; on another characteristic
 // it is one even with a slot pending. Results are not matched to frames:
 // each one feeds the first pending slot (dfu, sync, init).
@@ -164,21 +138,6 @@ TEST_F(RKDeviceTest, WriteResultsFeedSlotsInPriorityOrderNotByFrame) {
     EXPECT_EQ(delegate->snapshot(), (Log{"discovered", "sync failed with error", "error 1004", "error 1004",
                                          "dfu ok", "pending ok", "init ok"}));
     EXPECT_TRUE(scale->inUpdateMode());
-}
-
-TEST_F(RKDeviceTest, InitialisingAnUnconfiguredScaleWritesTheDefaults) {
-    start();
-    device->initializeConfiguration(result("init"));
-    h.settle();
-    EXPECT_EQ(commandFrames(), (Frames{{0x03},
-                                       {0x0A, 0x00},
-                                       {0x06, 0x00},
-                                       {0x05, 0x00},
-                                       {0x08, 0x00},
-                                       {0x07, 0x00},
-                                       {0x09, 0x01},
-                                       {0x04}}));
-    EXPECT_FALSE(device->syncCompletion() || device->initCompletion());
 }
 
 // A raw read takes the next value; otherwise values go to the decoded
@@ -220,41 +179,6 @@ TEST_F(RKDeviceTest, NotificationsBecomeWeightsButtonsOrErrors) {
     EXPECT_EQ(delegate->snapshot(), (Log{"discovered", "weight 1234.5", "weight 36.4", "weight 0", "button 0",
                                          "button 1", "error 1005", "error 1005"}));
     EXPECT_TRUE(device->configValueCompletion());  // still waiting
-}
-
-TEST_F(RKDeviceTest, RenewRediscoversOnTheNewPeripheral) {
-    start();
-    link.central->cancelPeripheralConnection(link.peripheral);
-    h.settle();
-    auto again = test::connect(h, scale);
-    device->renewPeripheral(again.peripheral);
-    h.settle();
-    device->tare();
-    h.settle();
-    EXPECT_EQ(commandFrames(), (Frames{{0x10}}));
-    EXPECT_EQ(delegate->snapshot(), (Log{"discovered", "discovered"}));
-}
-
-TEST_F(RKDeviceTest, DestructionClearsThePeripheralsDelegateUnlessTakenOver) {
-    start();
-    auto successor = RKDeviceCore::create(link.peripheral, h.log);
-    device.reset();
-    h.settle();  // a discovery result in flight holds its device until delivered
-    EXPECT_EQ(link.peripheral->delegate(), successor);
-    successor.reset();
-    h.settle();
-    EXPECT_EQ(link.peripheral->delegate(), nullptr);
-}
-
-TEST_F(RKDeviceTest, ADelegateSetThroughTheBaseReachesTheScaleReports) {
-    start();
-    auto other = std::make_shared<test::RecordingDelegate>();
-    static_cast<CSRDevice&>(*device).setDelegate(other);
-    scale->pressButton(0);
-    scale->setBatteryLevel(50);
-    device->readBatteryState();
-    h.settle();
-    EXPECT_EQ(other->snapshot(), (Log{"button 0", "battery 50"}));
 }
 
 }  // namespace
