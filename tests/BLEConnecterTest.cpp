@@ -20,9 +20,19 @@ using Log = std::vector<std::string>;
 
 // Central calls and delegate calls land in one log, so their order shows.
 // Everything runs on the test thread: the tests deliver the events themselves.
-class RecordingCentral final : public bt::Central {
+// The backend makes itself the central.
+class RecordingCentral final : public bt::Backend,
+                               public bt::Central,
+                               public std::enable_shared_from_this<RecordingCentral> {
 public:
     explicit RecordingCentral(Log& log) : log_(log) {}
+    std::string name() const override { return "recording"; }
+    std::shared_ptr<bt::Central> makeCentral(std::weak_ptr<bt::CentralDelegate> delegate,
+                                             const std::string& label, const Context&) override {
+        log_.push_back("central " + label);
+        setDelegate(std::move(delegate));
+        return shared_from_this();
+    }
     bt::ManagerState state() const override { return state_; }
     void setDelegate(std::weak_ptr<bt::CentralDelegate> delegate) override {
         delegate_ = std::move(delegate);
@@ -56,23 +66,6 @@ public:
 private:
     Log& log_;
     std::weak_ptr<bt::CentralDelegate> delegate_;
-};
-
-class RecordingBackend final : public bt::Backend {
-public:
-    explicit RecordingBackend(Log& log) : log_(log) {}
-    std::string name() const override { return "recording"; }
-    std::shared_ptr<bt::Central> makeCentral(std::weak_ptr<bt::CentralDelegate> delegate,
-                                             const std::string& label, const Context&) override {
-        log_.push_back("central " + label);
-        central = std::make_shared<RecordingCentral>(log_);
-        central->setDelegate(std::move(delegate));
-        return central;
-    }
-    std::shared_ptr<RecordingCentral> central;
-
-private:
-    Log& log_;
 };
 
 class RecordingDelegate final : public BLEConnecterDelegate {
@@ -110,14 +103,14 @@ protected:
     Context context() const {
         Context c;
         c.log = LogSink::discard();
-        c.backend = backend;
+        c.backend = central;
         return c;
     }
-    bt::CentralDelegate& events() { return backend->central->events(); }
+    bt::CentralDelegate& events() { return central->events(); }
     Log take() { return std::exchange(log, {}); }
 
     Log log;
-    std::shared_ptr<RecordingBackend> backend = std::make_shared<RecordingBackend>(log);
+    std::shared_ptr<RecordingCentral> central = std::make_shared<RecordingCentral>(log);
     std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>(log);
     std::shared_ptr<BLEConnecterCore> connecter = BLEConnecterCore::create(delegate, context());
     test::SimHarness h;
@@ -169,14 +162,14 @@ TEST_F(Connecter, RadioStatesMapToKeysAndStopTheScanFirst) {
     };
     for (const auto& [state, expected] : cases) {
         take();
-        backend->central->state_ = state;
-        events().centralManagerDidUpdateState(*backend->central);
+        central->state_ = state;
+        events().centralManagerDidUpdateState(*central);
         EXPECT_EQ(take(), expected) << static_cast<int>(state);
     }
     for (const auto& info : delegate->infos) EXPECT_EQ(info.connecter(), connecter.get());
     connecter->setDelegate({});
-    backend->central->state_ = bt::ManagerState::PoweredOff;
-    events().centralManagerDidUpdateState(*backend->central);
+    central->state_ = bt::ManagerState::PoweredOff;
+    events().centralManagerDidUpdateState(*central);
     EXPECT_EQ(take(), Log{"stopScan"});
 }
 
@@ -187,17 +180,16 @@ TEST_F(Connecter, LinkEventsReachTheDelegateWithOneKeyEach) {
     const auto timeout = platformError(kPlatformConnectionTimeout);
     const auto port = bt::portPeripheral(peripheral);
     auto& e = events();
-    auto& central = *backend->central;
-    RecordingCentral other(log);
+    auto other = std::make_shared<RecordingCentral>(log);
     take();
-    e.centralManagerDidDiscoverPeripheralAdvertisementDataRSSI(central, port, {}, -50);
-    e.centralManagerDidFailToConnectPeripheralError(central, port, timeout);
-    e.centralManagerDidFailToConnectPeripheralError(central, port, nullptr);
-    e.centralManagerDidConnectPeripheral(central, port);
-    e.centralManagerDidDisconnectPeripheralError(central, port, timeout);
-    e.centralManagerDidDisconnectPeripheralError(central, port, nullptr);
-    e.centralManagerDidRetrievePeripherals(other, {port, nullptr});
-    e.centralManagerDidRetrieveConnectedPeripherals(other, {port});
+    e.centralManagerDidDiscoverPeripheralAdvertisementDataRSSI(*central, port, {}, -50);
+    e.centralManagerDidFailToConnectPeripheralError(*central, port, timeout);
+    e.centralManagerDidFailToConnectPeripheralError(*central, port, nullptr);
+    e.centralManagerDidConnectPeripheral(*central, port);
+    e.centralManagerDidDisconnectPeripheralError(*central, port, timeout);
+    e.centralManagerDidDisconnectPeripheralError(*central, port, nullptr);
+    e.centralManagerDidRetrievePeripherals(*other, {port, nullptr});
+    e.centralManagerDidRetrieveConnectedPeripherals(*other, {port});
     EXPECT_EQ(take(), (Log{"discover", "fail ble_error_connection_error", "fail", "connect ble_conneted",
                            "disconnect ble_error_disconnected", "disconnect ble_disconnected",
                            "connect onDisconnect"}));
