@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "ble/BLEConnecterCore.h"
@@ -18,14 +16,15 @@ namespace {
 
 using Log = std::vector<std::string>;
 
-// Central calls and delegate calls land in one log, so their order shows.
-// Everything runs on the test thread: the tests deliver the events themselves.
-// The backend makes itself the central.
-class RecordingCentral final : public bt::Backend,
-                               public bt::Central,
-                               public std::enable_shared_from_this<RecordingCentral> {
+// Backend, central and connecter delegate in one: central calls and delegate
+// calls land in one log, so their order shows. Everything runs on the test
+// thread: the tests deliver the central's events themselves.
+class Recorder final : public bt::Backend,
+                       public bt::Central,
+                       public BLEConnecterDelegate,
+                       public std::enable_shared_from_this<Recorder> {
 public:
-    explicit RecordingCentral(Log& log) : log_(log) {}
+    explicit Recorder(Log& log) : log_(log) {}
     std::string name() const override { return "recording"; }
     std::shared_ptr<bt::Central> makeCentral(std::weak_ptr<bt::CentralDelegate> delegate,
                                              const std::string& label, const Context&) override {
@@ -61,16 +60,6 @@ public:
     }
     bt::CentralDelegate& events() const { return *delegate_.lock(); }
 
-    bt::ManagerState state_ = bt::ManagerState::Unknown;
-
-private:
-    Log& log_;
-    std::weak_ptr<bt::CentralDelegate> delegate_;
-};
-
-class RecordingDelegate final : public BLEConnecterDelegate {
-public:
-    explicit RecordingDelegate(Log& log) : log_(log) {}
     void connecterDidDiscoverPeripheral(BLEConnecter&, const PeripheralPtr&) override { add("discover", {}); }
     void connecterDidConnectPeripheralUserInfo(BLEConnecter&, const PeripheralPtr&,
                                                const ConnecterUserInfo& info) override {
@@ -88,6 +77,7 @@ public:
                                                 const std::optional<ConnecterUserInfo>& info) override {
         add("state", info);
     }
+    bt::ManagerState state_ = bt::ManagerState::Unknown;
     std::vector<ConnecterUserInfo> infos;
 
 private:
@@ -96,24 +86,23 @@ private:
         if (info) infos.push_back(*info);
     }
     Log& log_;
+    std::weak_ptr<bt::CentralDelegate> delegate_;
 };
 
 class Connecter : public ::testing::Test {
 protected:
     Context context() const {
-        Context c;
-        c.log = LogSink::discard();
+        auto c = h.context;
         c.backend = central;
         return c;
     }
     bt::CentralDelegate& events() { return central->events(); }
     Log take() { return std::exchange(log, {}); }
 
-    Log log;
-    std::shared_ptr<RecordingCentral> central = std::make_shared<RecordingCentral>(log);
-    std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>(log);
-    std::shared_ptr<BLEConnecterCore> connecter = BLEConnecterCore::create(delegate, context());
     test::SimHarness h;
+    Log log;
+    std::shared_ptr<Recorder> central = std::make_shared<Recorder>(log);
+    std::shared_ptr<BLEConnecterCore> connecter = BLEConnecterCore::create(central, context());
     PeripheralPtr peripheral = test::connect(h, h.addScale()).peripheral;
 };
 
@@ -166,7 +155,7 @@ TEST_F(Connecter, RadioStatesMapToKeysAndStopTheScanFirst) {
         events().centralManagerDidUpdateState(*central);
         EXPECT_EQ(take(), expected) << static_cast<int>(state);
     }
-    for (const auto& info : delegate->infos) EXPECT_EQ(info.connecter(), connecter.get());
+    for (const auto& info : central->infos) EXPECT_EQ(info.connecter(), connecter.get());
     connecter->setDelegate({});
     central->state_ = bt::ManagerState::PoweredOff;
     events().centralManagerDidUpdateState(*central);
@@ -180,7 +169,7 @@ TEST_F(Connecter, LinkEventsReachTheDelegateWithOneKeyEach) {
     const auto timeout = platformError(kPlatformConnectionTimeout);
     const auto port = bt::portPeripheral(peripheral);
     auto& e = events();
-    auto other = std::make_shared<RecordingCentral>(log);
+    Recorder other(log);
     take();
     e.centralManagerDidDiscoverPeripheralAdvertisementDataRSSI(*central, port, {}, -50);
     e.centralManagerDidFailToConnectPeripheralError(*central, port, timeout);
@@ -188,15 +177,15 @@ TEST_F(Connecter, LinkEventsReachTheDelegateWithOneKeyEach) {
     e.centralManagerDidConnectPeripheral(*central, port);
     e.centralManagerDidDisconnectPeripheralError(*central, port, timeout);
     e.centralManagerDidDisconnectPeripheralError(*central, port, nullptr);
-    e.centralManagerDidRetrievePeripherals(*other, {port, nullptr});
-    e.centralManagerDidRetrieveConnectedPeripherals(*other, {port});
+    e.centralManagerDidRetrievePeripherals(other, {port, nullptr});
+    e.centralManagerDidRetrieveConnectedPeripherals(other, {port});
     EXPECT_EQ(take(), (Log{"discover", "fail ble_error_connection_error", "fail", "connect ble_conneted",
                            "disconnect ble_error_disconnected", "disconnect ble_disconnected",
                            "connect onDisconnect"}));
-    ASSERT_EQ(delegate->infos.size(), 4u);
-    EXPECT_EQ(delegate->infos[0].error()->code(), kPlatformConnectionTimeout);
-    EXPECT_EQ(delegate->infos[1].peripheral(), peripheral);
-    EXPECT_EQ(delegate->infos[2].error(), nullptr);
+    ASSERT_EQ(central->infos.size(), 4u);
+    EXPECT_EQ(central->infos[0].error()->code(), kPlatformConnectionTimeout);
+    EXPECT_EQ(central->infos[1].peripheral(), peripheral);
+    EXPECT_EQ(central->infos[2].error(), nullptr);
 }
 
 TEST(BLEConnecterCBUUIDToInt, SignExtendsEachByte) {

@@ -69,10 +69,9 @@ TEST_F(RKDeviceTest, DiscoveryFailuresReportTheirCodes) {
         {[&](auto& s) { s.failCharacteristicDiscovery(wire::kScaleService, platform); }, {"error 1003"}},
         {[&](auto& s) { s.failCharacteristicDiscovery(wire::kBatteryService, platform); },
          {"error 1003", "discovered"}},
-        {[](auto& s) {
-             s.removeCharacteristic(wire::kScaleService, wire::kControlCharacteristic);
-             s.removeCharacteristic(wire::kScaleService, wire::kInfoCharacteristic);
-         },
+        {[](auto& s) { s.removeCharacteristic(wire::kScaleService, wire::kControlCharacteristic); },
+         {"discovered"}},
+        {[](auto& s) { s.removeCharacteristic(wire::kScaleService, wire::kInfoCharacteristic); },
          {"discovered"}},
     };
     for (std::size_t i = 0; i < cases.size(); ++i) {
@@ -117,11 +116,8 @@ TEST_F(RKDeviceTest, WriteResultsFeedSlotsInPriorityOrderNotByFrame) {
 
     scale->failWrites(wire::kCommandCharacteristic, nullptr);
     scale->clearWrites();
-    // Results take a while, as on a real link: all four slots are armed
-    // before the first answer comes back.
-    auto timings = sim::Timings::zero();
-    timings.gattLatency = std::chrono::milliseconds(10);
-    h.world->setTimings(timings);
+    // Results take a while, as on a real link: every slot is armed before the first answer.
+    h.world->setTimings(sim::Timings{{}, {}, std::chrono::milliseconds(10)});
     device->setInitCompletion(result("init"));
     device->tare();
     device->tare();
