@@ -15,10 +15,6 @@ using test::SimHarness;
 using Log = std::vector<std::string>;
 namespace em = emulator;
 
-std::vector<std::uint8_t> bytesOf(std::string_view text) {
-    return {text.begin(), text.end()};
-}
-
 class CSRDeviceTest : public ::testing::Test {
 protected:
     // Links `peripheral`, wraps it and runs a full discovery.
@@ -41,8 +37,7 @@ protected:
 // Cached texts are decoded up to the first zero; uncached ones are empty,
 // not null.
 TEST_F(CSRDeviceTest, DiscoveryDecodesTheCachedTexts) {
-    scale->setCharacteristicValue(wire::kManufacturerName, bt::Bytes(bytesOf(std::string("1.2.3\0xyz", 9))),
-                                  true);
+    scale->setCharacteristicValue(wire::kManufacturerName, bt::Bytes{'1', '.', '2', '.', '3', 0, 'x'}, true);
     scale->setCharacteristicValue(wire::kModelNumber, bt::Bytes{0xC3, 0x28}, true);
     start(scale);
     EXPECT_EQ(device->manufacturer(), "1.2.3");
@@ -112,7 +107,7 @@ TEST_F(CSRDeviceTest, WithoutStandardServicesNothingIsReadAndFirmwareFailsAtOnce
         em::ServiceDefinition{bt::Uuid::from16(0x1234),
                               true,
                               {{wire::kBatteryLevel, em::kGattRead, bt::Bytes{0x42}, true},
-                               {wire::kFirmwareRevision, em::kGattRead, bt::Bytes(bytesOf("9.9")), true}}});
+                               {wire::kFirmwareRevision, em::kGattRead, bt::Bytes{'9', '.', '9'}, true}}});
     start(h.world->addPeripheral(std::move(options)));
     device->readBatteryState();
     h.settle();

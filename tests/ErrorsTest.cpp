@@ -1,6 +1,7 @@
 #include <PlenkKit/RKErrors.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -9,13 +10,8 @@ namespace plenk {
 namespace {
 
 TEST(ErrorsTest, EveryKindHasItsExactDescriptionAndParent) {
-    struct Case {
-        ErrorPtr error;
-        const char* description;
-        bool notAvailable;
-    };
     const std::string rk = RKErrorDomain;
-    const std::vector<Case> cases = {
+    const std::vector<std::tuple<ErrorPtr, const char*, bool>> cases = {
         {Error::make<RKErrorLECancelC>(rk, 100), "Device BLE Connection Cancelled", false},
         {Error::make<RKErrorLENotAvailableCUnknown>(rk, 101), "Device BLE unknown state", true},
         {Error::make<RKErrorLENotAvailableCOff>(rk, 101), "Device BLE power off", true},
@@ -43,10 +39,9 @@ TEST(ErrorsTest, EveryKindHasItsExactDescriptionAndParent) {
         {Error::make(LEDeviceErrorDomain, -1),
          "The operation couldn\u2019t be completed. (DeviceErrorDomain error -1.)", false},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.description);
-        EXPECT_EQ(c.error->localizedDescription(), c.description);
-        EXPECT_EQ(isKind<RKErrorLENotAvailableC>(c.error), c.notAvailable);
+    for (const auto& [error, description, notAvailable] : cases) {
+        EXPECT_EQ(error->localizedDescription(), description);
+        EXPECT_EQ(isKind<RKErrorLENotAvailableC>(error), notAvailable) << description;
     }
     // The description belongs to the kind, not its domain and code; write
     // and read share a code, not a kind.
