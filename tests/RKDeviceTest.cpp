@@ -55,19 +55,6 @@ protected:
     std::shared_ptr<RKDeviceCore> device;
 };
 
-TEST_F(RKDeviceTest, DiscoveryIsReportedBeforeNotificationsAreSwitchedOn) {
-    std::atomic<std::size_t> listenersAtDiscovery{99};
-    delegate->onDiscoverAll = [&] {
-        listenersAtDiscovery = scale->subscriberCount(wire::kDataCharacteristic);
-    };
-    start();
-    EXPECT_EQ(delegate->snapshot(), Log{"discovered"});
-    EXPECT_EQ(listenersAtDiscovery, 0u);
-    EXPECT_EQ(scale->subscriberCount(wire::kDataCharacteristic), 1u);
-    EXPECT_EQ(scale->subscriberCount(wire::kControlCharacteristic), 1u);
-    EXPECT_TRUE(commandFrames().empty());
-}
-
 // A failure on another service does not stop the scale service, nor does a
 // missing button or configuration characteristic.
 TEST_F(RKDeviceTest, DiscoveryFailuresReportTheirCodes) {
@@ -82,10 +69,9 @@ TEST_F(RKDeviceTest, DiscoveryFailuresReportTheirCodes) {
         {[&](auto& s) { s.failCharacteristicDiscovery(wire::kScaleService, platform); }, {"error 1003"}},
         {[&](auto& s) { s.failCharacteristicDiscovery(wire::kBatteryService, platform); },
          {"error 1003", "discovered"}},
-        {[](auto& s) {
-             s.removeCharacteristic(wire::kScaleService, wire::kControlCharacteristic);
-             s.removeCharacteristic(wire::kScaleService, wire::kInfoCharacteristic);
-         },
+        {[](auto& s) { s.removeCharacteristic(wire::kScaleService, wire::kControlCharacteristic); },
+         {"discovered"}},
+        {[](auto& s) { s.removeCharacteristic(wire::kScaleService, wire::kInfoCharacteristic); },
          {"discovered"}},
     };
     for (std::size_t i = 0; i < cases.size(); ++i) {
@@ -104,35 +90,15 @@ TEST_F(RKDeviceTest, DiscoveryFailuresReportTheirCodes) {
 // Frames the kit's own table does not reach.
 TEST_F(RKDeviceTest, CommandsWriteTheirFrames) {
     start();
-    const std::vector<std::pair<std::function<void(RKDevice&)>, Frames>> cases = {
-        {[](auto& d) { d.setLEDDisplayOn(true); }, {{0xEC}, {0xED}}},
-        {[](auto& d) { d.setTimerOn(false, true); }, {{0x0A, 0x00}}},
-        {[](auto& d) { d.setTimerOn(true, false); }, {{0x0A, 0x01}}},
-        {[](auto& d) { d.setTimerAutoStart(true); }, {{0x0A, 0x01}}},
-        {[](auto& d) { d.setBLEPowerEnhanced(false); }, {{0x0B, 0x00}}},
-        {[](auto& d) { d.setSleepTime(1000, 1); }, {{0x06, 0x00}}},
-        {[](auto& d) { d.setAdvertisingTime(-1, 0); }, {{0x07, 0x00}}},
-        {[](auto& d) { d.setAdvertisingTime(3, 5); }, {{0x08, 0x03}}},
-    };
-    for (std::size_t i = 0; i < cases.size(); ++i) {
-        scale->clearWrites();
-        cases[i].first(*device);
-        h.settle();
-        EXPECT_EQ(commandFrames(), cases[i].second) << i;
-    }
-}
-
-TEST_F(RKDeviceTest, CommandsWithoutTheCommandCharacteristicAreDroppedSilently) {
-    scale->removeCharacteristic(wire::kScaleService, wire::kCommandCharacteristic);
-    start();
-    device->tare();
-    device->synchronize(result("sync"));
-    device->enableDFUMode(result("dfu"));
-    device->initializeConfiguration(result("init"));  // reads, then cannot write
+    device->setLEDDisplayOn(true);
+    device->setTimerOn(false, true);
+    device->setTimerAutoStart(true);
+    device->setBLEPowerEnhanced(false);
+    device->setSleepTime(1000, 1);
+    device->setAdvertisingTime(3, 5);
     h.settle();
-    EXPECT_TRUE(scale->writes().empty());
-    EXPECT_EQ(delegate->snapshot(), Log{"error 1001"});
-    EXPECT_FALSE(device->syncCompletion() || device->dfuCompletion() || device->initCompletion());
+    EXPECT_EQ(commandFrames(),
+              (Frames{{0xEC}, {0xED}, {0x0A, 0x00}, {0x0A, 0x01}, {0x0B, 0x00}, {0x06, 0x00}, {0x08, 0x03}}));
 }
 
 // A failure with no slot pending is a write error; on another characteristic
@@ -150,11 +116,8 @@ TEST_F(RKDeviceTest, WriteResultsFeedSlotsInPriorityOrderNotByFrame) {
 
     scale->failWrites(wire::kCommandCharacteristic, nullptr);
     scale->clearWrites();
-    // Results take a while, as on a real link: all four slots are armed
-    // before the first answer comes back.
-    auto timings = sim::Timings::zero();
-    timings.gattLatency = std::chrono::milliseconds(10);
-    h.world->setTimings(timings);
+    // Results take a while, as on a real link: every slot is armed before the first answer.
+    h.world->setTimings(sim::Timings{{}, {}, std::chrono::milliseconds(10)});
     device->setInitCompletion(result("init"));
     device->tare();
     device->tare();
@@ -164,21 +127,6 @@ TEST_F(RKDeviceTest, WriteResultsFeedSlotsInPriorityOrderNotByFrame) {
     EXPECT_EQ(delegate->snapshot(), (Log{"discovered", "sync failed with error", "error 1004", "error 1004",
                                          "dfu ok", "pending ok", "init ok"}));
     EXPECT_TRUE(scale->inUpdateMode());
-}
-
-TEST_F(RKDeviceTest, InitialisingAnUnconfiguredScaleWritesTheDefaults) {
-    start();
-    device->initializeConfiguration(result("init"));
-    h.settle();
-    EXPECT_EQ(commandFrames(), (Frames{{0x03},
-                                       {0x0A, 0x00},
-                                       {0x06, 0x00},
-                                       {0x05, 0x00},
-                                       {0x08, 0x00},
-                                       {0x07, 0x00},
-                                       {0x09, 0x01},
-                                       {0x04}}));
-    EXPECT_FALSE(device->syncCompletion() || device->initCompletion());
 }
 
 // A raw read takes the next value; otherwise values go to the decoded
@@ -220,41 +168,6 @@ TEST_F(RKDeviceTest, NotificationsBecomeWeightsButtonsOrErrors) {
     EXPECT_EQ(delegate->snapshot(), (Log{"discovered", "weight 1234.5", "weight 36.4", "weight 0", "button 0",
                                          "button 1", "error 1005", "error 1005"}));
     EXPECT_TRUE(device->configValueCompletion());  // still waiting
-}
-
-TEST_F(RKDeviceTest, RenewRediscoversOnTheNewPeripheral) {
-    start();
-    link.central->cancelPeripheralConnection(link.peripheral);
-    h.settle();
-    auto again = test::connect(h, scale);
-    device->renewPeripheral(again.peripheral);
-    h.settle();
-    device->tare();
-    h.settle();
-    EXPECT_EQ(commandFrames(), (Frames{{0x10}}));
-    EXPECT_EQ(delegate->snapshot(), (Log{"discovered", "discovered"}));
-}
-
-TEST_F(RKDeviceTest, DestructionClearsThePeripheralsDelegateUnlessTakenOver) {
-    start();
-    auto successor = RKDeviceCore::create(link.peripheral, h.log);
-    device.reset();
-    h.settle();  // a discovery result in flight holds its device until delivered
-    EXPECT_EQ(link.peripheral->delegate(), successor);
-    successor.reset();
-    h.settle();
-    EXPECT_EQ(link.peripheral->delegate(), nullptr);
-}
-
-TEST_F(RKDeviceTest, ADelegateSetThroughTheBaseReachesTheScaleReports) {
-    start();
-    auto other = std::make_shared<test::RecordingDelegate>();
-    static_cast<CSRDevice&>(*device).setDelegate(other);
-    scale->pressButton(0);
-    scale->setBatteryLevel(50);
-    device->readBatteryState();
-    h.settle();
-    EXPECT_EQ(other->snapshot(), (Log{"button 0", "battery 50"}));
 }
 
 }  // namespace

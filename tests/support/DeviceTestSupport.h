@@ -6,14 +6,12 @@
 
 #include <memory>
 
-#include "RostaKit/RKDeviceCore.h"
 #include "bt/Central.h"
 #include "support/RecordingDelegate.h"
 #include "support/SimHarness.h"
 
 namespace plenk::test {
 
-// A central with one simulated device connected through it.
 struct Link {
     std::shared_ptr<bt::CentralDelegate> events = std::make_shared<bt::CentralDelegate>();
     std::shared_ptr<bt::Central> central;
