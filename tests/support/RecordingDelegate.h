@@ -9,7 +9,6 @@
 #include <atomic>
 #include <charconv>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -44,10 +43,7 @@ public:
     void batteryLifeOnDevice(std::int64_t level, CSRDevice&) override {
         add("battery " + std::to_string(level));
     }
-    void deviceDidDiscoverAllCharacteristic(RKDevice&) override {
-        if (onDiscoverAll) onDiscoverAll();
-        add("discovered");
-    }
+    void deviceDidDiscoverAllCharacteristic(RKDevice&) override { add("discovered"); }
     void deviceDidUpdateWeight(RKDevice&, float weight) override { addWeight(weight); }
     void deviceDidClickButton(RKDevice&, std::uint64_t button) override {
         add("button " + std::to_string(button));
@@ -83,8 +79,6 @@ public:
     }
 
     std::atomic<int> offMainThread{0};
-    // Runs inside deviceDidDiscoverAllCharacteristic (set before connecting).
-    std::function<void()> onDiscoverAll;
 
 private:
     void addError(const ErrorPtr& error) {
