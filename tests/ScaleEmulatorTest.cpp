@@ -60,7 +60,8 @@ TEST(ScaleEmulatorConfig, RecordCarriesTheSettingsVersionBatteryAndChecksum) {
     ScaleEmulator scale(options);
     send(scale, wire::frame(wire::kOpTimer, 0x90));  // the timer byte is kept even before configuration
     EXPECT_EQ(recordBytes(scale)[9], 0x90);
-    for (const auto& frame : wire::defaultConfigurationFrames().span()) send(scale, frame);
+    const auto defaults = wire::defaultConfigurationFrames();
+    for (const auto& frame : defaults.span()) send(scale, frame);
     for (const auto& frame : {wire::unitFrame(0), wire::sleepTimeFrame(2, 0), wire::sleepTimeFrame(3, 1),
                               wire::advertisingTimeFrame(1, 0), wire::advertisingTimeFrame(2, 7),
                               wire::powerEnhancedFrame(true), wire::timerAutoStartFrame(false)}) {

@@ -69,9 +69,9 @@ public:
     }
     void peripheralDidUpdateValueForCharacteristicError(bt::Peripheral&, const bt::CharacteristicPtr& c,
                                                         const ErrorPtr& e) override {
-        std::string hex = c->value().size() == 0 ? "" : " ";
-        for (std::uint8_t b : c->value().span())
-            hex += {"0123456789ABCDEF"[b >> 4], "0123456789ABCDEF"[b & 15]};
+        const auto value = c->value();
+        std::string hex = value.size() == 0 ? "" : " ";
+        for (std::uint8_t b : value.span()) hex += {"0123456789ABCDEF"[b >> 4], "0123456789ABCDEF"[b & 15]};
         add("value " + c->uuid().toString() + hex + describe(e));
     }
     void peripheralDidWriteValueForCharacteristicError(bt::Peripheral&, const bt::CharacteristicPtr& c,
