@@ -138,6 +138,22 @@ inline bt::Bytes weightPacket(const std::shared_ptr<sim::VirtualPeripheral>& sca
     return packet;
 }
 
+// A kit or facade on the harness, reporting to `delegate`. With auto-connect
+// off the radio reports nothing until the flag is off, so it never starts a
+// scan of its own.
+template <typename Object, typename Delegate>
+std::shared_ptr<Object> createOn(SimHarness& h, const std::shared_ptr<Delegate>& delegate, bool autoConnect) {
+    const auto radio = h.world->radioState();
+    if (!autoConnect) h.world->setRadioState(std::nullopt);
+    auto object = Object::create(h.context);
+    object->setDelegate(delegate);
+    if (!autoConnect) {
+        object->setIsAutoConnectEnabled(false);
+        h.world->setRadioState(radio);
+    }
+    return object;
+}
+
 // A simulated world, one kit on it and a recording delegate.
 class KitFixture : public ::testing::Test {
 public:
@@ -148,18 +164,7 @@ public:
         h.settle();
     }
 
-    // With auto-connect off the radio reports nothing until the flag is off,
-    // so the kit never starts a scan of its own.
-    void makeKit(bool autoConnect = true) {
-        const auto radio = h.world->radioState();
-        if (!autoConnect) h.world->setRadioState(std::nullopt);
-        kit = RKRostaKit::create(h.context);
-        kit->setDelegate(delegate);
-        if (!autoConnect) {
-            kit->setIsAutoConnectEnabled(false);
-            h.world->setRadioState(radio);
-        }
-    }
+    void makeKit(bool autoConnect = true) { kit = createOn<RKRostaKit>(h, delegate, autoConnect); }
 
     RKRostaKitCore& core() { return RKRostaKitCore::of(*kit); }
     bool scanning() { return BLEConnecterCore::of(*kit->connecter()).cbManager()->isScanning(); }
@@ -188,17 +193,7 @@ public:
         h.settle();
     }
 
-    // As KitFixture::makeKit.
-    void makeFacade(bool autoConnect = true) {
-        const auto radio = h.world->radioState();
-        if (!autoConnect) h.world->setRadioState(std::nullopt);
-        plenk = PKPlenk::create(h.context);
-        plenk->setDelegate(host);
-        if (!autoConnect) {
-            plenk->setIsAutoConnectEnabled(false);
-            h.world->setRadioState(radio);
-        }
-    }
+    void makeFacade(bool autoConnect = true) { plenk = createOn<PKPlenk>(h, host, autoConnect); }
 
     SimHarness h;
     std::shared_ptr<RecordingDelegate> host = std::make_shared<RecordingDelegate>(h.mainLoop);
