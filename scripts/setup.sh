@@ -8,6 +8,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev
   python3 binutils
+  libsdbus-c++-dev libsystemd-dev dbus-daemon python3-bleak python3-dbus
 )
 # --if-needed: do nothing when every package is already installed.
 if [ "${1:-}" = "--if-needed" ] &&
