@@ -10,8 +10,12 @@ fail() { echo "FAIL: $*"; cat "$out"; exit 1; }
 
 # 1. --duration, JSON events.
 timeout 30 "$plenk" watch --sim --duration 4 --json >"$out"
-head -n1 "$out" | grep -qx '{"event":"connected"}' || fail "first event is not connected"
-tail -n1 "$out" | grep -qx '{"event":"disconnected"}' || fail "last event is not disconnected"
+events() { grep -v '"event":"state"' "$out"; }
+events | head -n1 | grep -qx '{"event":"connected"}' || fail "first event is not connected"
+events | tail -n1 | grep -qx '{"event":"disconnected"}' || fail "last event is not disconnected"
+[ "$(grep '"event":"state"' "$out" | tail -n3 | tr -d '\n')" = \
+  '{"event":"state","value":"connecting"}{"event":"state","value":"connected"}{"event":"state","value":"disconnected"}' ] ||
+  fail "link states are not connecting, connected, disconnected"
 weights=$(grep -c '"event":"weight"' "$out")
 [ "$weights" -ge 20 ] || fail "only $weights weights in 4 s at 10 Hz"
 grep -q '{"event":"battery","value":85}' "$out" || fail "no battery reading"
@@ -23,7 +27,7 @@ pid=$!
 for _ in $(seq 1 100); do grep -q '"event":"weight"' "$out" && break; sleep 0.1; done
 kill -INT "$pid"
 wait "$pid" || fail "exit status $? after Ctrl-C"
-tail -n1 "$out" | grep -qx '{"event":"disconnected"}' || fail "no clean disconnect on Ctrl-C"
+events | tail -n1 | grep -qx '{"event":"disconnected"}' || fail "no clean disconnect on Ctrl-C"
 
 # 3. Text mode shows grams with one decimal, state and battery.
 timeout 30 "$plenk" watch --sim --duration 2 >"$out"
@@ -35,7 +39,7 @@ err=$(mktemp)
 trap 'rm -f "$out" "$err"' EXIT
 PLENK_BACKEND=nosuch timeout 30 "$plenk" watch --sim --duration 1 --verbose >"$out" 2>"$err" ||
   fail "verbose watch exited with $?"
-grep -Evq '^ *(-?[0-9]+\.[0-9]|--\.-) g  [a-z]+ +battery [0-9-]+%?$' "$out" && fail "stray text on stdout"
+grep -Evq '^ *(-?[0-9]+\.[0-9]|--\.-) g  [A-Za-z ]+ +battery [0-9-]+%?$' "$out" && fail "stray text on stdout"
 grep -q '^plenk: library: .*disconnection' "$err" || fail "no library diagnostic on stderr: $(cat "$err")"
 
 # 5. Bad arguments: one line on stderr, status 2, nothing started.

@@ -30,7 +30,8 @@ struct PLENK_EXPORT Context {
     // An explicit backend instance (tests, embedding) wins over any name.
     std::shared_ptr<bt::Backend> backend;
     // The adapter a backend uses: an object path ("/org/bluez/hci1") or a name
-    // ("hci1"); empty = the first powered adapter. The simulator ignores it.
+    // ("hci1"); empty = the PLENK_ADAPTER environment variable, else the first
+    // powered adapter. The simulator ignores it.
     std::string adapter;
 
     // A copy with every empty member filled in. Throws std::invalid_argument

@@ -17,6 +17,10 @@ Context Context::resolved() const {
     if (!out.mainQueue) out.mainQueue = RunLoop::main();
     if (!out.notifications) out.notifications = NotificationCenter::defaultCenter();
     if (!out.log) out.log = LogSink::standardOutput();
+    if (out.adapter.empty()) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): read once per context, never written by the library
+        if (const char* env = std::getenv("PLENK_ADAPTER"); env != nullptr) out.adapter = env;
+    }
     if (!out.backend) {
         std::string name = out.backendName;
         // NOLINTNEXTLINE(concurrency-mt-unsafe): read once per context, never written by the library

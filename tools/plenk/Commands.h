@@ -1,6 +1,7 @@
 #pragma once
 
 #include <stdexcept>
+#include <string>
 
 namespace CLI {
 class App;
@@ -19,6 +20,20 @@ class UsageError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
+
+// A verb that could not do its work for a reason outside the command line:
+// main prints the message as one line on standard error and exits with `status`.
+class RunError : public std::runtime_error {
+public:
+    RunError(int status, const std::string& message) : std::runtime_error(message), status_(status) {}
+    int status() const noexcept { return status_; }
+
+private:
+    int status_;
+};
+
+// Exit statuses besides 0 (done), 1 (internal error) and 2 (bad usage or input).
+inline constexpr int kExitNoBluetooth = 3;  // no usable adapter, or no bluetoothd
 
 // One registration function per verb. Each adds its subcommand to `app` and runs
 // from the subcommand's callback; `options` is read when the callback runs, after

@@ -1,154 +1,36 @@
 // plenk watch: connects to the first scale found, through PKPlenk alone, and
-// shows its live weight until Ctrl-C or --duration.
+// shows its live weight and the link's state until Ctrl-C or --duration.
 
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
-#include <csignal>
-#include <cstdio>
 #include <memory>
-#include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
-#include <string_view>
-#include <thread>
 
 #include <PlenkKit/PlenkKit.h>
 #include <CLI/CLI.hpp>
 
 #include "Arguments.h"
 #include "Commands.h"
-#include "JsonWriter.h"
+#include "LinkMonitor.h"
+#include "SignalWatcher.h"
+#include "WatchPrinter.h"
 
 namespace plenk::cli {
 namespace {
 
+// How long a real backend may go without a usable radio before the tool gives
+// up: bluetoothd answers within milliseconds when it runs.
+constexpr auto kRadioGrace = std::chrono::seconds(3);
+
 struct WatchOptions {
     bool sim = false;
     std::string backend;
+    std::string adapter;
     std::optional<std::string> duration;  // seconds; none = until Ctrl-C
     bool verbose = false;
-};
-
-// Prints what the host hears: one updating line on a terminal, one line per
-// event otherwise, or one JSON object per event. Events come from the main
-// loop; the library's diagnostics (with --verbose) from any thread, so every
-// entry takes the printer's lock.
-class WatchPrinter {
-public:
-    WatchPrinter(bool json, bool tty) : json_(json), tty_(tty) {}
-
-    void connected() { event("connected", "connected"); }
-    void disconnected() { event("disconnected", "disconnected"); }
-    void weight(float grams) {
-        std::lock_guard lock(mutex_);
-        weight_ = grams;
-        haveWeight_ = true;
-        if (json_) return emit(JsonObject().string("event", "weight").number("value", grams).str());
-        status();
-    }
-    void battery(std::int64_t level) {
-        std::lock_guard lock(mutex_);
-        battery_ = level;
-        if (json_) return emit(JsonObject().string("event", "battery").integer("value", level).str());
-        status();
-    }
-    void button(std::uint64_t number) {
-        std::lock_guard lock(mutex_);
-        if (json_) return emit(JsonObject().string("event", "button").unsignedInteger("value", number).str());
-        note("button " + std::to_string(number));
-    }
-    void error(const Error& e) {
-        std::lock_guard lock(mutex_);
-        if (json_) {
-            return emit(JsonObject()
-                            .string("event", "error")
-                            .string("domain", e.domain())
-                            .integer("code", e.code())
-                            .string("description", e.localizedDescription())
-                            .str());
-        }
-        note("error " + e.domain() + " " + std::to_string(e.code()) + ": " + e.localizedDescription());
-    }
-    void finish() {
-        std::lock_guard lock(mutex_);
-        if (!json_ && tty_ && drawn_) std::fputc('\n', stdout);
-        drawn_ = false;
-        std::fflush(stdout);
-    }
-    // A diagnostic text of the library: its lines go to standard error, each
-    // on a line of its own, with the live line cleared first and drawn again
-    // after, so the two never run together on a terminal.
-    void diagnostic(std::string_view text) {
-        std::lock_guard lock(mutex_);
-        const bool redraw = tty_ && drawn_;
-        if (redraw) {
-            std::fputs("\r\x1b[K", stdout);
-            std::fflush(stdout);
-            drawn_ = false;
-        }
-        while (!text.empty()) {
-            const auto end = text.find('\n');
-            auto line = text.substr(0, end);
-            const auto first = line.find_first_not_of(" \t\r");
-            if (first != std::string_view::npos) {
-                line = line.substr(first, line.find_last_not_of(" \t\r") - first + 1);
-                std::fprintf(stderr, "plenk: library: %.*s\n", static_cast<int>(line.size()), line.data());
-            }
-            text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-        }
-        std::fflush(stderr);
-        if (redraw) status();
-    }
-
-private:
-    void event(const char* name, const char* state) {
-        std::lock_guard lock(mutex_);
-        state_ = state;
-        if (json_) return emit(JsonObject().string("event", name).str());
-        status();
-    }
-    void emit(const std::string& line) {
-        std::fputs(line.c_str(), stdout);
-        std::fputc('\n', stdout);
-        std::fflush(stdout);
-    }
-    void note(const std::string& text) {
-        if (tty_ && drawn_) std::fputs("\r\x1b[K", stdout);
-        emit(text);
-        drawn_ = false;
-        status();
-    }
-    void status() {
-        char line[128];
-        const std::string grams = haveWeight_ ? formatGrams(weight_) : std::string("    --.- g");
-        const std::string battery = battery_ >= 0 ? std::to_string(battery_) + "%" : std::string("--");
-        std::snprintf(line, sizeof line, "%s  %-12s battery %s", grams.c_str(), state_.c_str(),
-                      battery.c_str());
-        if (tty_) {
-            std::fputs("\r\x1b[K", stdout);
-            std::fputs(line, stdout);
-            std::fflush(stdout);
-            drawn_ = true;
-        } else {
-            emit(line);
-        }
-    }
-    static std::string formatGrams(float grams) {
-        char text[32];
-        std::snprintf(text, sizeof text, "%8.1f g", static_cast<double>(grams));
-        return text;
-    }
-
-    std::mutex mutex_;
-    bool json_;
-    bool tty_;
-    bool drawn_ = false;
-    bool haveWeight_ = false;
-    float weight_ = 0;
-    std::int64_t battery_ = -1;
-    std::string state_ = "scanning";
 };
 
 class WatchDelegate final : public PKPlenkDelegate {
@@ -179,48 +61,6 @@ private:
     std::function<void()> onDisconnected_;
 };
 
-// Ctrl-C and SIGTERM are taken by a thread of their own (sigwait) and turned
-// into a task on the main loop; no work happens in a signal handler.
-class SignalWatcher {
-public:
-    explicit SignalWatcher(std::function<void()> onSignal) {
-        thread_ = std::thread([this, onSignal = std::move(onSignal)] {
-            sigset_t set = signals();
-            int received = 0;
-            while (sigwait(&set, &received) == 0) {
-                if (received == SIGUSR2 && stopping_) return;
-                if (received != SIGUSR2) onSignal();
-            }
-        });
-    }
-    ~SignalWatcher() {
-        stopping_ = true;
-        pthread_kill(thread_.native_handle(), SIGUSR2);
-        thread_.join();
-    }
-    SignalWatcher(const SignalWatcher&) = delete;
-    SignalWatcher& operator=(const SignalWatcher&) = delete;
-
-    // Blocks the signals in the calling thread and every thread it starts later.
-    static void blockInThisProcess() {
-        sigset_t set = signals();
-        pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    }
-
-private:
-    static sigset_t signals() {
-        sigset_t set;
-        sigemptyset(&set);
-        sigaddset(&set, SIGINT);
-        sigaddset(&set, SIGTERM);
-        sigaddset(&set, SIGUSR2);
-        return set;
-    }
-
-    std::atomic<bool> stopping_{false};
-    std::thread thread_;
-};
-
 // The library's diagnostics, through the printer.
 class PrinterLogSink final : public LogSink {
 public:
@@ -230,6 +70,50 @@ public:
 private:
     std::shared_ptr<WatchPrinter> printer_;
 };
+
+// Why a real radio cannot be used, as a user can act on it.
+std::string radioProblem(LinkMonitor::State state, const Context& context) {
+    const std::string adapter = context.adapter.empty() ? "" : " '" + context.adapter + "'";
+    const std::string suggestion = "; use --sim for the simulated scale";
+    switch (state) {
+        case LinkMonitor::State::NoAdapter:
+            return "no Bluetooth adapter" + adapter + " found through " + context.backendName + suggestion;
+        case LinkMonitor::State::NotAllowed:
+            return "not allowed to use Bluetooth through " + context.backendName +
+                   " (the system bus denied access)" + suggestion;
+        default:
+            return "Bluetooth is not available through " + context.backendName + " (is bluetoothd running?)" +
+                   suggestion;
+    }
+}
+
+// The context to run on: the public simulator for --sim (its explicit backend
+// wins over PLENK_BACKEND), else the named or default backend on the adapter.
+Context makeContext(const WatchOptions& options, const std::shared_ptr<LogSink>& log,
+                    std::unique_ptr<Simulator>& simulator) {
+    Context context;
+    if (options.sim) {
+        // One scale as the demo has it ("Plenk Scale", binary weights at 10 Hz,
+        // a 36 g shot after the tare), on real time.
+        Simulator::Options simulatorOptions;
+        simulatorOptions.clock = Clock::steady();
+        simulatorOptions.log = log;
+        simulator = std::make_unique<Simulator>(simulatorOptions);
+        simulator->addScale();
+        context = simulator->context();
+    } else {
+        context.mainQueue = std::make_shared<RunLoop>();
+        context.backendName = options.backend;
+        context.adapter = options.adapter;
+    }
+    context.log = log;
+    context.notifications = std::make_shared<NotificationCenter>();
+    try {
+        return context.resolved();
+    } catch (const std::invalid_argument& e) {
+        throw UsageError(e.what());
+    }
+}
 
 void runWatch(const WatchOptions& options, const GlobalOptions& global) {
     if (options.sim && !options.backend.empty() && options.backend != "sim") {
@@ -245,37 +129,14 @@ void runWatch(const WatchOptions& options, const GlobalOptions& global) {
     const std::shared_ptr<LogSink> log =
         options.verbose ? std::make_shared<PrinterLogSink>(printerOwner) : LogSink::discard();
 
-    // --sim: the public simulator on real time, with one scale as the demo has
-    // it ("Plenk Scale", binary weights at 10 Hz, a 36 g shot after the tare).
-    // Its explicit backend wins over PLENK_BACKEND.
     std::unique_ptr<Simulator> simulator;
-    std::shared_ptr<RunLoop> loop;
-    Context context;
-    if (options.sim) {
-        Simulator::Options simulatorOptions;
-        simulatorOptions.clock = Clock::steady();
-        simulatorOptions.log = log;
-        simulator = std::make_unique<Simulator>(simulatorOptions);
-        simulator->addScale();
-        context = simulator->context();
-        loop = simulator->mainLoop();
-    } else {
-        loop = std::make_shared<RunLoop>();
-        context.mainQueue = loop;
-        context.log = log;
-        context.backendName = options.backend;
-    }
-    std::shared_ptr<PKPlenk> plenk;
-    try {
-        plenk = PKPlenk::create(context);
-    } catch (const std::invalid_argument& e) {
-        throw UsageError(e.what());
-    }
+    const Context context = makeContext(options, log, simulator);
+    const auto loop =
+        simulator ? simulator->mainLoop() : std::static_pointer_cast<RunLoop>(context.mainQueue);
+    auto plenk = PKPlenk::create(context);
 
     bool finishing = false;
-    auto readBattery = [&] {
-        plenk->readPlenkBatteryLifeWithCompletion([&printer](std::int64_t level) { printer.battery(level); });
-    };
+    std::optional<std::string> failure;
     auto finish = [&] {
         if (finishing) return;
         finishing = true;
@@ -283,11 +144,34 @@ void runWatch(const WatchOptions& options, const GlobalOptions& global) {
         plenk->disconnect();
         loop->postAfter(std::chrono::seconds(2), [&] { loop->stop(); });  // the link may already be gone
     };
-    auto delegate = std::make_shared<WatchDelegate>(printer, readBattery, [&] {
-        if (finishing) loop->stop();
-    });
+    auto monitor = std::make_shared<LinkMonitor>(
+        plenk, loop, [&](LinkMonitor::State state) { printer.linkState(LinkMonitor::describe(state)); });
+    auto delegate = std::make_shared<WatchDelegate>(
+        printer,
+        [&] {
+            monitor->connected();
+            plenk->readPlenkBatteryLifeWithCompletion(
+                [&printer](std::int64_t level) { printer.battery(level); });
+        },
+        [&] {
+            monitor->disconnected();
+            if (finishing) loop->stop();
+        });
     plenk->setDelegate(delegate);
+    monitor->start(context.notifications);
     plenk->setIsAutoConnectEnabled(true);
+
+    // A real radio that stays unusable ends the watch with advice; a radio
+    // that is merely off is waited for (the kit resumes when it comes on).
+    std::function<void()> checkRadio = [&] {
+        if (finishing) return;
+        if (monitor->unavailableFor() >= kRadioGrace) {
+            failure = radioProblem(monitor->state(), context);
+            return finish();
+        }
+        loop->postAfter(std::chrono::milliseconds(250), checkRadio);
+    };
+    if (!simulator) loop->post(checkRadio);
 
     SignalWatcher signals([&loop, &finish] { loop->post([&finish] { finish(); }); });
     if (seconds > 0) {
@@ -297,8 +181,10 @@ void runWatch(const WatchOptions& options, const GlobalOptions& global) {
     }
     loop->run();
     printer.finish();
+    monitor.reset();
     plenk.reset();
     loop->runUntilIdle();
+    if (failure) throw RunError(kExitNoBluetooth, *failure);
 }
 
 }  // namespace
@@ -308,18 +194,25 @@ void addWatchCommand(CLI::App& app, const GlobalOptions& options) {
     auto* watch = app.add_subcommand("watch", "Connect to the first scale found and show its live weight");
     watch->add_flag("--sim", watchOptions->sim, "Use the simulated scale (the embedded 'sim' backend)");
     watch->add_option("--backend", watchOptions->backend,
-                      "Bluetooth backend by name (PLENK_BACKEND overrides; 'sim' is --sim)");
+                      "Bluetooth backend: bluez (real Bluetooth, the default when built in) or sim;\n"
+                      "PLENK_BACKEND overrides it");
+    watch->add_option("--adapter", watchOptions->adapter,
+                      "The Bluetooth adapter, by name (hci1) or object path (/org/bluez/hci1);\n"
+                      "default: PLENK_ADAPTER, else the first powered adapter");
     watch->add_option("--duration", watchOptions->duration,
                       "Stop after this many seconds, e.g. 40 or 2.5 (default: until Ctrl-C)");
     watch->add_flag("--verbose", watchOptions->verbose, "Show the library's diagnostic lines on stderr");
     watch->footer(
-        "Shows grams with one decimal, the connection state and the battery level on one line;\n"
-        "with --json one object per event: {\"event\":\"weight\",\"value\":12.5}, connected,\n"
-        "disconnected, button, battery, error (domain, code, description).\n"
-        "Ctrl-C disconnects cleanly.\n"
+        "Shows grams with one decimal, the link's state and the battery level on one line.\n"
+        "States: waiting for Bluetooth, Bluetooth off, scanning, connecting, connected,\n"
+        "reconnecting (a dropped link is being brought back), disconnected.\n"
+        "With --json one object per event: {\"event\":\"weight\",\"value\":12.5}, state (value),\n"
+        "connected, disconnected, button, battery, error (domain, code, description).\n"
+        "Ctrl-C disconnects cleanly. Exit status 3: no usable Bluetooth adapter or no bluetoothd.\n"
         "The simulated scale pours a 36 g espresso shot: first drops after about 4 s,\n"
         "about 36 g by 35 s.\n"
-        "Example: plenk watch --sim --duration 40");
+        "Examples: plenk watch --sim --duration 40\n"
+        "          plenk watch --adapter hci0");
     watch->callback([watchOptions, &options] { runWatch(*watchOptions, options); });
 }
 

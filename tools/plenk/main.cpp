@@ -80,6 +80,9 @@ int run(int argc, char** argv) {
     } catch (const UsageError& e) {
         std::cerr << "plenk: " << oneLine(e.what()) << '\n';
         return 2;
+    } catch (const RunError& e) {
+        std::cerr << "plenk: " << oneLine(e.what()) << '\n';
+        return e.status();
     } catch (const std::exception& e) {
         std::cerr << "plenk: internal error: " << oneLine(e.what()) << '\n';
         return 1;
