@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# Notification latency and CPU per notification on the BlueZ D-Bus path:
+# PlenkKit (StartNotify and AcquireNotify) against a minimal bleak client, each
+# in turn on the same fake bluetoothd (its own process on a private bus)
+# streaming sequence-numbered weights at 100 Hz and 1 kHz. Prints Markdown
+# table rows (bench/notify_stats.py explains the columns).
+#
+#   bash scripts/build.sh release && bash bench/bluez_notify.sh [SECONDS]
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${PLENK_BUILD_DIR:-$root/build/release}
+seconds=${1:-10}
+fake=$build/tests/fakebluez/fake-bluetoothd
+client=$build/bench/bluez_notify_bench
+python=/usr/bin/python3  # Debian's, with python3-bleak
+for needed in "$fake" "$client"; do
+  [ -x "$needed" ] || { echo "missing $needed: build the release preset first" >&2; exit 2; }
+done
+work=$(mktemp -d)
+fake_pid=
+cleanup() {
+  [ -n "$fake_pid" ] && kill "$fake_pid" 2>/dev/null && wait "$fake_pid" 2>/dev/null
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+# CPU seconds (user + system) a process has used so far.
+cpu_of() { awk -v hz="$(getconf CLK_TCK)" '{ print ($14 + $15) / hz }' "/proc/$1/stat"; }
+
+echo "| client | rate Hz | notifications | p50 µs | p99 µs | max µs | client CPU µs/notification | bus CPU µs/notification | lost/repeated |"
+echo "|---|---|---|---|---|---|---|---|---|"
+for rate in 100 1000; do
+  coproc FAKE { exec "$fake" --private --scale "Plenk Scale" --rate "$rate" --sequence --stamps "$work/stamps.$rate"; }
+  fake_pid=$FAKE_PID
+  read -r address <&"${FAKE[0]}"
+  bus_pid=$(pgrep -P "$fake_pid" dbus-daemon)
+  export DBUS_SYSTEM_BUS_ADDRESS=$address
+  for run in plenkkit-start plenkkit-acquire bleak; do
+    out=$work/$run.$rate
+    bus_before=$(cpu_of "$bus_pid")
+    case $run in
+      plenkkit-start) PLENK_BACKEND=bluez PLENK_BLUEZ_NOTIFY=start "$client" "$out" "$seconds" ;;
+      plenkkit-acquire) PLENK_BACKEND=bluez PLENK_BLUEZ_NOTIFY=acquire "$client" "$out" "$seconds" ;;
+      bleak) "$python" "$root/bench/bleak_client.py" --duration "$seconds" --out "$out" ;;
+    esac
+    # The bus daemon's share, over the whole run of the client (connect included).
+    bus_cpu=$(awk -v a="$bus_before" -v b="$(cpu_of "$bus_pid")" 'BEGIN { print b - a }')
+    "$python" "$root/bench/notify_stats.py" "$work/stamps.$rate" "$out" "$run" "$rate" "$bus_cpu"
+  done
+  kill "$fake_pid"
+  wait "$fake_pid" 2>/dev/null || true
+  fake_pid=
+done
