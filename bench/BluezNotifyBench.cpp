@@ -3,17 +3,21 @@
 // scale through the public API and records, for every weight the delegate
 // hears, the weight (the sequence number the fake put in it) and the
 // CLOCK_MONOTONIC time of the host callback. After the warm-up it measures the
-// process's CPU time over the window and writes "# cpu_seconds weights" last.
+// process's CPU time and the bus daemon's (BENCH_BUS_PID) over the window and
+// writes "# cpu_seconds weights bus_cpu_seconds" last.
 //
 //   bluez_notify_bench OUT [SECONDS] [WARMUP_SECONDS]
 
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <memory>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -26,6 +30,28 @@ double cpuSeconds() {
     getrusage(RUSAGE_SELF, &usage);
     const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+// CPU seconds of the bus daemon named by BENCH_BUS_PID; 0 without one.
+double busCpuSeconds() {
+    const char* pid =
+        std::getenv("BENCH_BUS_PID");  // NOLINT(concurrency-mt-unsafe): read before threads matter
+    if (pid == nullptr) return 0;
+    std::FILE* stat = std::fopen((std::string("/proc/") + pid + "/stat").c_str(), "r");
+    if (stat == nullptr) return 0;
+    char text[1024] = {};
+    const std::size_t length = std::fread(text, 1, sizeof text - 1, stat);
+    std::fclose(stat);
+    // Fields after the command's closing parenthesis: utime and stime are the 12th and 13th.
+    const char* rest = std::strrchr(text, ')');
+    unsigned long long user = 0;
+    unsigned long long system = 0;
+    if (length == 0 || rest == nullptr ||
+        std::sscanf(rest + 1, " %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %llu %llu", &user, &system) !=
+            2) {
+        return 0;
+    }
+    return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 std::int64_t monotonicNanoseconds() {
@@ -70,16 +96,19 @@ int main(int argc, char** argv) {
     loop->runFor(std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(warmup)));
     recorder->measuring = true;
     const double start = cpuSeconds();
-    loop->runFor(std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds)));
+    const double busStart = busCpuSeconds();
+    loop->runFor(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds)));
     recorder->measuring = false;
     const double used = cpuSeconds() - start;
+    const double busUsed = busCpuSeconds() - busStart;
 
     std::FILE* out = std::fopen(argv[1], "w");
     if (out == nullptr) return 1;
     for (const auto& [sequence, at] : recorder->received) {
         std::fprintf(out, "%lld %lld\n", static_cast<long long>(sequence), static_cast<long long>(at));
     }
-    std::fprintf(out, "# %.6f %zu\n", used, recorder->received.size());
+    std::fprintf(out, "# %.6f %zu %.6f\n", used, recorder->received.size(), busUsed);
     std::fclose(out);
     plenk->disconnect();
     loop->runFor(std::chrono::milliseconds(300));

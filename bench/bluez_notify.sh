@@ -24,28 +24,22 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# CPU seconds (user + system) a process has used so far.
-cpu_of() { awk -v hz="$(getconf CLK_TCK)" '{ print ($14 + $15) / hz }' "/proc/$1/stat"; }
-
 echo "| client | rate Hz | notifications | p50 µs | p99 µs | max µs | client CPU µs/notification | bus CPU µs/notification | lost/repeated |"
 echo "|---|---|---|---|---|---|---|---|---|"
 for rate in 100 1000; do
   coproc FAKE { exec "$fake" --private --scale "Plenk Scale" --rate "$rate" --sequence --stamps "$work/stamps.$rate"; }
   fake_pid=$FAKE_PID
   read -r address <&"${FAKE[0]}"
-  bus_pid=$(pgrep -P "$fake_pid" dbus-daemon)
-  export DBUS_SYSTEM_BUS_ADDRESS=$address
+  BENCH_BUS_PID=$(pgrep -P "$fake_pid" dbus-daemon)
+  export DBUS_SYSTEM_BUS_ADDRESS=$address BENCH_BUS_PID
   for run in plenkkit-start plenkkit-acquire bleak; do
     out=$work/$run.$rate
-    bus_before=$(cpu_of "$bus_pid")
     case $run in
       plenkkit-start) PLENK_BACKEND=bluez PLENK_BLUEZ_NOTIFY=start "$client" "$out" "$seconds" ;;
       plenkkit-acquire) PLENK_BACKEND=bluez PLENK_BLUEZ_NOTIFY=acquire "$client" "$out" "$seconds" ;;
       bleak) "$python" "$root/bench/bleak_client.py" --duration "$seconds" --out "$out" ;;
     esac
-    # The bus daemon's share, over the whole run of the client (connect included).
-    bus_cpu=$(awk -v a="$bus_before" -v b="$(cpu_of "$bus_pid")" 'BEGIN { print b - a }')
-    "$python" "$root/bench/notify_stats.py" "$work/stamps.$rate" "$out" "$run" "$rate" "$bus_cpu"
+    "$python" "$root/bench/notify_stats.py" "$work/stamps.$rate" "$out" "$run" "$rate"
   done
   kill "$fake_pid"
   wait "$fake_pid" 2>/dev/null || true

@@ -1,10 +1,10 @@
 #!/usr/bin/python3
 """Joins a client's receive log with the fake bluetoothd's emission stamps.
 
-Usage: notify_stats.py STAMPS RECEIVED LABEL RATE [BUS_CPU_SECONDS]
+Usage: notify_stats.py STAMPS RECEIVED LABEL RATE
 Prints one Markdown table row: label, rate, notifications, p50/p99/max latency
 (emission to host callback, µs), client CPU per notification (µs), the bus
-daemon's CPU per notification when given, and how many were lost or repeated.
+daemon's CPU per notification, and how many were lost or repeated.
 """
 import statistics
 import sys
@@ -29,18 +29,16 @@ def percentile(values, fraction):
 
 def main():
     stamps_path, received_path, label, rate = sys.argv[1:5]
-    bus_cpu = float(sys.argv[5]) if len(sys.argv) > 5 else None
     emitted = dict(read_pairs(stamps_path)[0])
     received, summary = read_pairs(received_path)
-    cpu, count = float(summary[0]), int(summary[1])
+    cpu, count, bus_cpu = float(summary[0]), int(summary[1]), float(summary[2])
     latencies = [(at - emitted[seq]) / 1000.0 for seq, at in received if seq in emitted]
     sequences = [seq for seq, _ in received]
     repeated = len(sequences) - len(set(sequences))
     lost = (max(sequences) - min(sequences) + 1 - len(set(sequences))) if sequences else 0
-    bus = f"{bus_cpu / count * 1e6:.1f}" if bus_cpu is not None and count else "-"
     print(f"| {label} | {rate} | {count} | {statistics.median(latencies):.0f} | "
           f"{percentile(latencies, 0.99):.0f} | {max(latencies):.0f} | "
-          f"{cpu / count * 1e6:.1f} | {bus} | {lost}/{repeated} |")
+          f"{cpu / count * 1e6:.1f} | {bus_cpu / count * 1e6:.1f} | {lost}/{repeated} |")
 
 
 if __name__ == "__main__":
