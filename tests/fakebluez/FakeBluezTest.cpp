@@ -217,11 +217,11 @@ TEST_F(FakeBluezTest, ConnectRepliesAtLinkUpWritesAreSerialisedAndDisconnectKeep
     Client client(bus_->address());
     const auto device = FakeBluez::devicePath("hci0", kScale);
     client.watch(device);
-    client.at(device).callMethod("Connect").onInterface(kDevice);
-    client.pump([] { return true; });
-    EXPECT_EQ(client.events, std::vector<std::string>{"Connected=true"});  // services resolve later
-    ASSERT_TRUE(client.pump([&] { return client.events.size() == 2; }));
-    EXPECT_EQ(client.events.back(), "ServicesResolved=true");
+    client.at(device).callMethodAsync("Connect").onInterface(kDevice).uponReplyInvoke(
+        [&](const sdbus::Error* error) { client.events.push_back(error ? error->getName() : "reply"); });
+    // Connect answers at link-up; services resolve after it.
+    ASSERT_TRUE(client.pump([&] { return client.events.size() == 3; }));
+    EXPECT_EQ(client.events, (std::vector<std::string>{"Connected=true", "reply", "ServicesResolved=true"}));
 
     // Two writes at once on one characteristic: the second is refused while the first is pending.
     auto& command = client.at(client.characteristic(wire::kCommandCharacteristic));
