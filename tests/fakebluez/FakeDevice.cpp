@@ -218,7 +218,6 @@ void FakeDevice::clientGone(const std::string& client) {
 void FakeDevice::remove() {
     linkDown(nullptr, "le-connection-abort-by-local");
     unexportGatt();
-    gattKnown_ = false;
     serviceUuids_.clear();
     context_.tree.remove(path_);
     temporary_ = true;
@@ -540,7 +539,6 @@ void FakeDevice::exportGatt() {
             characteristics_.push_back(std::move(characteristic));
         }
     }
-    gattKnown_ = true;
     tree.set(path_, kDeviceInterface, "UUIDs", uuidStrings());
 }
 

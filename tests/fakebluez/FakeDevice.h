@@ -179,7 +179,6 @@ private:
 
     Link link_ = Link::Disconnected;
     bool servicesResolved_ = false;
-    bool gattKnown_ = false;  // discovered once: objects stay exported (the GATT cache)
     CallPtr pendingConnect_;
     bool waiting_ = false;  // Connect() waits for the device to advertise
     std::vector<CallPtr> pendingDisconnects_;

@@ -115,7 +115,13 @@ PrivateBus::PrivateBus() : directory_(temporaryDirectory()) {
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setsigdefault(&attributes, &defaults);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    const int spawned = ::posix_spawnp(&pid_, kDaemon, nullptr, &attributes, argv.data(), environ);
+    // The daemon's own messages go to a log that a failed start reports.
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, logPath().c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0600);
+    const int spawned = ::posix_spawnp(&pid_, kDaemon, &actions, &attributes, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
     ::close(pipeFds[1]);
     if (spawned != 0) {
@@ -131,8 +137,10 @@ PrivateBus::PrivateBus() : directory_(temporaryDirectory()) {
         ::kill(pid_, SIGKILL);
         ::waitpid(pid_, nullptr, 0);
         pid_ = -1;
+        std::stringstream log;
+        log << std::ifstream(logPath()).rdbuf();
         removeDirectory();
-        throw std::runtime_error("PrivateBus: dbus-daemon printed no address");
+        throw std::runtime_error("PrivateBus: dbus-daemon printed no address: " + log.str());
     }
 }
 
@@ -144,7 +152,12 @@ PrivateBus::~PrivateBus() {
     removeDirectory();
 }
 
+std::string PrivateBus::logPath() const {
+    return directory_ + "/daemon.log";
+}
+
 void PrivateBus::removeDirectory() {
+    ::unlink(logPath().c_str());
     ::unlink((directory_ + "/system_bus_socket").c_str());
     ::unlink((directory_ + "/bus.conf").c_str());
     ::rmdir(directory_.c_str());

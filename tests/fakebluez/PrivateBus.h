@@ -26,6 +26,7 @@ public:
     static bool available();
 
 private:
+    std::string logPath() const;
     void removeDirectory();
 
     std::string directory_;
