@@ -396,7 +396,13 @@ void FakeDevice::linkDown(const CallPtr& disconnectCall, const std::string& conn
 
 void FakeDevice::setInRange(bool inRange) {
     setup_.inRange = inRange;
-    if (!inRange) linkLost();
+    if (!inRange && link_ == Link::Connecting && connectTimer_ != 0) {
+        // Gone before the link came up: the attempt waits for it again.
+        cancelTimer(connectTimer_);
+        startLink();
+    } else if (!inRange) {
+        linkLost();
+    }
     reachabilityChanged();
 }
 
@@ -689,8 +695,7 @@ void FakeDevice::writeValue(Characteristic& characteristic, const CallPtr& call)
             c->pendingWrite.reset();
             std::uint8_t error = 0;
             if (auto found = writeErrors_.find(c->uuid); found != writeErrors_.end()) error = found->second;
-            if ((c->properties & (emulator::kGattWrite | emulator::kGattWriteWithoutResponse)) == 0)
-                error = kAttWriteNotPermitted;
+            if ((c->properties & emulator::kGattWrite) == 0) error = kAttWriteNotPermitted;
             if (error == 0 && offset != 0) error = kAttInvalidOffset;
             if (error != 0) {
                 const auto dbusError = attErrorToDbus(error);
