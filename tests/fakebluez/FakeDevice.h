@@ -22,6 +22,11 @@
 // behind it is the firmware emulator. Loop thread only.
 namespace plenk::fakebluez {
 
+// The emulator's time: the steady clock it shares with the fake's timers.
+inline Clock::TimePoint emulatorNow() {
+    return std::chrono::time_point_cast<Clock::Duration>(std::chrono::steady_clock::now());
+}
+
 // What devices share with the daemon around them.
 struct DeviceContext {
     EventLoop& loop;
