@@ -39,9 +39,12 @@ for rate in 100 1000; do
       plenkkit-acquire) PLENK_BACKEND=bluez PLENK_BLUEZ_NOTIFY=acquire "$client" "$out" "$seconds" ;;
       bleak) "$python" "$root/bench/bleak_client.py" --duration "$seconds" --out "$out" ;;
     esac
-    "$python" "$root/bench/notify_stats.py" "$work/stamps.$rate" "$out" "$run" "$rate"
   done
+  # The fake writes its emission stamps when it stops.
   kill "$fake_pid"
   wait "$fake_pid" 2>/dev/null || true
   fake_pid=
+  for run in plenkkit-start plenkkit-acquire bleak; do
+    "$python" "$root/bench/notify_stats.py" "$work/stamps.$rate" "$work/$run.$rate" "$run" "$rate"
+  done
 done
