@@ -1,0 +1,292 @@
+#include "DbusValue.h"
+
+#include <systemd/sd-bus.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <string_view>
+
+namespace plenk::fakebluez {
+
+namespace {
+
+template <class... Ts>
+struct Overloaded : Ts... {
+    using Ts::operator()...;
+};
+template <class... Ts>
+Overloaded(Ts...) -> Overloaded<Ts...>;
+
+int appendStrings(sd_bus_message* m, char type, const std::vector<std::string>& items) {
+    const char contents[2] = {type, '\0'};
+    int r = sd_bus_message_open_container(m, 'a', contents);
+    for (const auto& item : items) {
+        if (r < 0) return r;
+        r = sd_bus_message_append_basic(m, type, item.c_str());
+    }
+    return r < 0 ? r : sd_bus_message_close_container(m);
+}
+
+std::string hex(const void* data, std::size_t size) {
+    static constexpr char kDigits[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(size * 2);
+    const auto* bytes = static_cast<const std::uint8_t*>(data);
+    for (std::size_t i = 0; i < size; ++i) {
+        out += kDigits[bytes[i] >> 4];
+        out += kDigits[bytes[i] & 0x0F];
+    }
+    return out;
+}
+
+bool isContainer(char type) {
+    return type == 'a' || type == 'v' || type == 'r' || type == 'e';
+}
+
+// Renders what is left in the current container, comma-separated.
+void summarize(sd_bus_message* m, std::string& out, int depth) {
+    bool first = true;
+    for (;;) {
+        char type = 0;
+        const char* contents = nullptr;
+        if (sd_bus_message_peek_type(m, &type, &contents) <= 0) return;
+        if (!first) out += ", ";
+        first = false;
+        if (type == 'a' && contents != nullptr && std::string_view(contents) == "y") {
+            const void* data = nullptr;
+            std::size_t size = 0;
+            if (sd_bus_message_read_array(m, 'y', &data, &size) < 0) return;
+            out += hex(data, size);
+            continue;
+        }
+        if (isContainer(type)) {
+            if (depth > 8 || sd_bus_message_enter_container(m, type, contents) < 0) {
+                out += "...";
+                sd_bus_message_skip(m, nullptr);
+                continue;
+            }
+            const bool dictionary = type == 'a' && contents != nullptr && contents[0] == '{';
+            out += dictionary ? "{" : type == 'a' ? "[" : "";
+            if (type == 'e') {
+                summarize(m, out, depth + 1);  // "key, value"
+                const auto comma = out.rfind(", ");
+                if (comma != std::string::npos) out.replace(comma, 2, ": ");
+            } else {
+                summarize(m, out, depth + 1);
+            }
+            out += dictionary ? "}" : type == 'a' ? "]" : "";
+            sd_bus_message_exit_container(m);
+            continue;
+        }
+        union {
+            std::uint8_t y;
+            int b;
+            std::int16_t n;
+            std::uint16_t q;
+            std::int32_t i;
+            std::uint32_t u;
+            std::int64_t x;
+            std::uint64_t t;
+            double d;
+            const char* s;
+        } v{};
+        if (sd_bus_message_read_basic(m, type, &v) < 0) return;
+        char buffer[32];
+        switch (type) {
+            case 'y':
+                std::snprintf(buffer, sizeof buffer, "%u", v.y);
+                break;
+            case 'b':
+                std::snprintf(buffer, sizeof buffer, "%s", v.b ? "true" : "false");
+                break;
+            case 'n':
+                std::snprintf(buffer, sizeof buffer, "%d", v.n);
+                break;
+            case 'q':
+                std::snprintf(buffer, sizeof buffer, "%u", v.q);
+                break;
+            case 'i':
+                std::snprintf(buffer, sizeof buffer, "%" PRId32, v.i);
+                break;
+            case 'u':
+                std::snprintf(buffer, sizeof buffer, "%" PRIu32, v.u);
+                break;
+            case 'x':
+                std::snprintf(buffer, sizeof buffer, "%" PRId64, v.x);
+                break;
+            case 't':
+                std::snprintf(buffer, sizeof buffer, "%" PRIu64, v.t);
+                break;
+            case 'd':
+                std::snprintf(buffer, sizeof buffer, "%g", v.d);
+                break;
+            case 'h':
+                std::snprintf(buffer, sizeof buffer, "fd");
+                break;
+            case 's':
+                out += '"';
+                out += v.s;
+                out += '"';
+                continue;
+            default:  // 'o', 'g'
+                out += v.s;
+                continue;
+        }
+        out += buffer;
+    }
+}
+
+}  // namespace
+
+const char* signatureOf(const Value& value) {
+    return std::visit(Overloaded{
+                          [](bool) { return "b"; },
+                          [](std::int16_t) { return "n"; },
+                          [](std::uint16_t) { return "q"; },
+                          [](std::uint32_t) { return "u"; },
+                          [](const std::string&) { return "s"; },
+                          [](const ObjectPath&) { return "o"; },
+                          [](const std::vector<std::string>&) { return "as"; },
+                          [](const std::vector<std::uint8_t>&) { return "ay"; },
+                          [](const std::vector<ObjectPath>&) { return "ao"; },
+                      },
+                      value);
+}
+
+int appendValue(sd_bus_message* m, const Value& value) {
+    return std::visit(
+        Overloaded{
+            [&](bool b) {
+                const int v = b ? 1 : 0;
+                return sd_bus_message_append_basic(m, 'b', &v);
+            },
+            [&](std::int16_t v) { return sd_bus_message_append_basic(m, 'n', &v); },
+            [&](std::uint16_t v) { return sd_bus_message_append_basic(m, 'q', &v); },
+            [&](std::uint32_t v) { return sd_bus_message_append_basic(m, 'u', &v); },
+            [&](const std::string& v) { return sd_bus_message_append_basic(m, 's', v.c_str()); },
+            [&](const ObjectPath& v) { return sd_bus_message_append_basic(m, 'o', v.value.c_str()); },
+            [&](const std::vector<std::string>& v) { return appendStrings(m, 's', v); },
+            [&](const std::vector<std::uint8_t>& v) {
+                return sd_bus_message_append_array(m, 'y', v.data(), v.size());
+            },
+            [&](const std::vector<ObjectPath>& v) {
+                std::vector<std::string> paths;
+                for (const auto& p : v) paths.push_back(p.value);
+                return appendStrings(m, 'o', paths);
+            },
+        },
+        value);
+}
+
+int appendVariant(sd_bus_message* m, const Value& value) {
+    int r = sd_bus_message_open_container(m, 'v', signatureOf(value));
+    if (r >= 0) r = appendValue(m, value);
+    return r < 0 ? r : sd_bus_message_close_container(m);
+}
+
+int appendProperties(sd_bus_message* m, const Properties& properties) {
+    int r = sd_bus_message_open_container(m, 'a', "{sv}");
+    for (const auto& [name, value] : properties) {
+        if (r >= 0) r = sd_bus_message_open_container(m, 'e', "sv");
+        if (r >= 0) r = sd_bus_message_append_basic(m, 's', name.c_str());
+        if (r >= 0) r = appendVariant(m, value);
+        if (r >= 0) r = sd_bus_message_close_container(m);
+    }
+    return r < 0 ? r : sd_bus_message_close_container(m);
+}
+
+int appendInterfaces(sd_bus_message* m, const Interfaces& interfaces) {
+    int r = sd_bus_message_open_container(m, 'a', "{sa{sv}}");
+    for (const auto& [name, properties] : interfaces) {
+        if (r >= 0) r = sd_bus_message_open_container(m, 'e', "sa{sv}");
+        if (r >= 0) r = sd_bus_message_append_basic(m, 's', name.c_str());
+        if (r >= 0) r = appendProperties(m, properties);
+        if (r >= 0) r = sd_bus_message_close_container(m);
+    }
+    return r < 0 ? r : sd_bus_message_close_container(m);
+}
+
+std::optional<Value> readVariant(sd_bus_message* m) {
+    char type = 0;
+    const char* contents = nullptr;
+    if (sd_bus_message_peek_type(m, &type, &contents) <= 0 || type != 'v' || contents == nullptr)
+        return std::nullopt;
+    const std::string signature = contents;
+    if (sd_bus_message_enter_container(m, 'v', contents) < 0) return std::nullopt;
+    std::optional<Value> out;
+    int r = 0;
+    if (signature == "b") {
+        int v = 0;
+        if ((r = sd_bus_message_read_basic(m, 'b', &v)) > 0) out = Value(v != 0);
+    } else if (signature == "n") {
+        std::int16_t v = 0;
+        if ((r = sd_bus_message_read_basic(m, 'n', &v)) > 0) out = Value(v);
+    } else if (signature == "q") {
+        std::uint16_t v = 0;
+        if ((r = sd_bus_message_read_basic(m, 'q', &v)) > 0) out = Value(v);
+    } else if (signature == "u") {
+        std::uint32_t v = 0;
+        if ((r = sd_bus_message_read_basic(m, 'u', &v)) > 0) out = Value(v);
+    } else if (signature == "s" || signature == "o") {
+        const char* v = nullptr;
+        if ((r = sd_bus_message_read_basic(m, signature[0], &v)) > 0) {
+            out = signature == "s" ? Value(std::string(v)) : Value(ObjectPath{v});
+        }
+    } else if (signature == "as") {
+        char** strv = nullptr;
+        if ((r = sd_bus_message_read_strv(m, &strv)) >= 0) {
+            std::vector<std::string> items;
+            for (char** s = strv; s != nullptr && *s != nullptr; ++s) {
+                items.emplace_back(*s);
+                std::free(*s);
+            }
+            std::free(strv);
+            out = Value(std::move(items));
+        }
+    } else if (signature == "ay") {
+        const void* data = nullptr;
+        std::size_t size = 0;
+        if ((r = sd_bus_message_read_array(m, 'y', &data, &size)) >= 0) {
+            const auto* bytes = static_cast<const std::uint8_t*>(data);
+            out = Value(std::vector<std::uint8_t>(bytes, bytes + size));
+        }
+    } else {
+        r = sd_bus_message_skip(m, contents);
+    }
+    if (r < 0) return std::nullopt;
+    sd_bus_message_exit_container(m);
+    return out;
+}
+
+std::optional<std::map<std::string, Value>> readDictionary(sd_bus_message* m,
+                                                           std::vector<std::string>* unknown) {
+    if (sd_bus_message_enter_container(m, 'a', "{sv}") <= 0) return std::nullopt;
+    std::map<std::string, Value> out;
+    for (;;) {
+        const int r = sd_bus_message_enter_container(m, 'e', "sv");
+        if (r < 0) return std::nullopt;
+        if (r == 0) break;
+        const char* key = nullptr;
+        if (sd_bus_message_read_basic(m, 's', &key) <= 0) return std::nullopt;
+        std::string name = key;
+        auto value = readVariant(m);
+        if (value) {
+            out[name] = std::move(*value);
+        } else if (unknown != nullptr) {
+            unknown->push_back(name);
+        }
+        sd_bus_message_exit_container(m);
+    }
+    sd_bus_message_exit_container(m);
+    return out;
+}
+
+std::string summarizeBody(sd_bus_message* m) {
+    std::string out;
+    sd_bus_message_rewind(m, 1);
+    summarize(m, out, 0);
+    sd_bus_message_rewind(m, 1);
+    return out;
+}
+
+}  // namespace plenk::fakebluez

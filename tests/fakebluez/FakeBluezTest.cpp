@@ -1,0 +1,304 @@
+// The fake bluetoothd seen from plain D-Bus clients: what the library's own
+// tests cannot show (several clients at once, replies racing each other, the
+// notification socket, the daemon's restart).
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "BluezNames.h"
+#include "FakeBluez.h"
+#include "PrivateBus.h"
+#include "wire/GattUuids.h"
+
+namespace plenk::fakebluez {
+namespace {
+
+using namespace std::chrono_literals;
+using Dict = std::map<std::string, sdbus::Variant>;
+using InterfaceMap = std::map<std::string, Dict>;
+using ManagedObjects = std::map<sdbus::ObjectPath, InterfaceMap>;
+
+constexpr const char* kObjectManager = "org.freedesktop.DBus.ObjectManager";
+constexpr const char* kAdapter = "org.bluez.Adapter1";
+constexpr const char* kDevice = "org.bluez.Device1";
+constexpr const char* kCharacteristic = "org.bluez.GattCharacteristic1";
+constexpr const char* kScale = "C0:FF:EE:00:00:01";
+constexpr const char* kOther = "C0:FF:EE:00:00:02";
+
+// A D-Bus client on its own connection, pumped on the test thread.
+class Client {
+public:
+    explicit Client(const std::string& address)
+        : connection_(sdbus::createSessionBusConnectionWithAddress(address)),
+          root_(sdbus::createProxy(*connection_, "org.bluez", "/")),
+          bus_(sdbus::createProxy(*connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus")) {
+        root_->uponSignal("InterfacesAdded")
+            .onInterface(kObjectManager)
+            .call([this](const sdbus::ObjectPath& path, const InterfaceMap&) { added.insert(path); });
+        root_->finishRegistration();
+        bus_->uponSignal("NameOwnerChanged")
+            .onInterface("org.freedesktop.DBus")
+            .call([this](const std::string& name, const std::string& oldOwner, const std::string& newOwner) {
+                if (name == "org.bluez") owners.emplace_back(oldOwner, newOwner);
+            });
+        bus_->finishRegistration();
+    }
+
+    std::string name() const { return connection_->getUniqueName(); }
+
+    sdbus::IProxy& at(const std::string& path) {
+        auto& proxy = proxies_[path];
+        if (!proxy) {
+            proxy = sdbus::createProxy(*connection_, "org.bluez", path);
+            proxy->finishRegistration();
+        }
+        return *proxy;
+    }
+
+    // Records the boolean PropertiesChanged of `path` as "Name=value" in `events`.
+    void watch(const std::string& path) {
+        auto proxy = sdbus::createProxy(*connection_, "org.bluez", path);
+        proxy->uponSignal("PropertiesChanged")
+            .onInterface("org.freedesktop.DBus.Properties")
+            .call([this](const std::string&, const Dict& changed, const std::vector<std::string>&) {
+                for (const auto& [name, value] : changed) {
+                    if (value.containsValueOfType<bool>()) {
+                        events.push_back(name + (value.get<bool>() ? "=true" : "=false"));
+                    }
+                }
+            });
+        proxy->finishRegistration();
+        watchers_.push_back(std::move(proxy));
+    }
+
+    // The error name of a call ("" on success).
+    static std::string errorOf(const std::function<void()>& call) {
+        try {
+            call();
+        } catch (const sdbus::Error& error) {
+            return error.getName() + ": " + error.getMessage();
+        }
+        return "";
+    }
+
+    bool pump(const std::function<bool()>& done, std::chrono::milliseconds timeout = 3s) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        for (;;) {
+            while (connection_->processPendingRequest()) {
+            }
+            if (done()) return true;
+            if (std::chrono::steady_clock::now() >= deadline) return false;
+            const auto data = connection_->getEventLoopPollData();
+            pollfd wait{data.fd, static_cast<short>(data.events), 0};
+            ::poll(&wait, 1, 5);
+        }
+    }
+
+    ManagedObjects objects() {
+        ManagedObjects objects;
+        root_->callMethod("GetManagedObjects").onInterface(kObjectManager).storeResultsTo(objects);
+        return objects;
+    }
+
+    // The path of the characteristic with this UUID.
+    std::string characteristic(const bt::Uuid& uuid) {
+        const std::string text = uuidString(uuid);
+        for (const auto& [path, interfaces] : objects()) {
+            auto found = interfaces.find(kCharacteristic);
+            if (found != interfaces.end() && found->second.at("UUID").get<std::string>() == text) return path;
+        }
+        return "";
+    }
+
+    std::set<std::string> added;
+    std::vector<std::pair<std::string, std::string>> owners;
+    std::vector<std::string> events;
+
+private:
+    std::unique_ptr<sdbus::IConnection> connection_;
+    std::unique_ptr<sdbus::IProxy> root_;
+    std::unique_ptr<sdbus::IProxy> bus_;
+    std::map<std::string, std::unique_ptr<sdbus::IProxy>> proxies_;
+    std::vector<std::unique_ptr<sdbus::IProxy>> watchers_;
+};
+
+class FakeBluezTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!PrivateBus::available()) GTEST_SKIP() << "dbus-daemon is not installed";
+        bus_ = std::make_unique<PrivateBus>();
+    }
+
+    // A fake with hci0 and one scale known from an earlier scan.
+    std::unique_ptr<FakeBluez> fakeWithScale(bool streamWeights = true) {
+        auto bluez = std::make_unique<FakeBluez>(bus_->address());
+        bluez->addAdapter({});
+        bluez->addScale({.address = kScale, .cached = true, .streamWeights = streamWeights});
+        return bluez;
+    }
+
+    // Connects `client` to the scale and waits for ServicesResolved.
+    static void connect(Client& client) {
+        const auto device = FakeBluez::devicePath("hci0", kScale);
+        client.watch(device);
+        client.at(device).callMethod("Connect").onInterface(kDevice);
+        ASSERT_TRUE(client.pump(
+            [&] { return !client.events.empty() && client.events.back() == "ServicesResolved=true"; }));
+    }
+
+    std::unique_ptr<PrivateBus> bus_;
+};
+
+TEST_F(FakeBluezTest, DiscoverySessionsMergeTheirFiltersAndEveryClientSeesTheUnion) {
+    const std::string scaleUuid = "0000ff08-0000-1000-8000-00805f9b34fb";
+    const std::string dfuUuid = "00001530-1212-efde-1523-785feabcd123";
+    const auto scalePath = FakeBluez::devicePath("hci0", kScale);
+    const auto targetPath = FakeBluez::devicePath("hci0", kOther);
+    struct Case {
+        const char* name;
+        std::optional<std::vector<std::string>> filterB;  // nullopt: B scans unfiltered
+        bool startB;
+        std::set<std::string> expected;
+    };
+    const Case cases[] = {
+        {"A alone", std::vector<std::string>{dfuUuid}, false, {scalePath}},
+        {"A and a filtered B", std::vector<std::string>{dfuUuid}, true, {scalePath, targetPath}},
+        {"A and an unfiltered B", std::nullopt, true, {scalePath, targetPath}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        FakeBluez bluez(bus_->address());
+        bluez.addAdapter({});
+        bluez.addScale({.address = kScale});
+        bluez.addScale({.address = kOther});
+        bluez.withScale(kOther, [](emulator::ScaleEmulator& scale) { scale.enterUpdateMode(); });
+        Client a(bus_->address()), b(bus_->address()), observer(bus_->address());
+        auto& adapterA = a.at("/org/bluez/hci0");
+        auto& adapterB = b.at("/org/bluez/hci0");
+        adapterA.callMethod("SetDiscoveryFilter")
+            .onInterface(kAdapter)
+            .withArguments(
+                Dict{{"UUIDs", std::vector<std::string>{scaleUuid}}, {"Transport", std::string("le")}});
+        if (c.filterB) {
+            adapterB.callMethod("SetDiscoveryFilter")
+                .onInterface(kAdapter)
+                .withArguments(Dict{{"UUIDs", *c.filterB}});
+        }
+        adapterA.callMethod("StartDiscovery").onInterface(kAdapter);
+        if (c.startB) adapterB.callMethod("StartDiscovery").onInterface(kAdapter);
+
+        // InterfacesAdded is broadcast: a client without a session sees the union too.
+        observer.pump([&] { return observer.added.size() >= c.expected.size(); });
+        observer.pump([] { return false; }, 250ms);  // two more advertising intervals
+        EXPECT_EQ(observer.added, c.expected);
+        a.pump([] { return true; });
+        EXPECT_EQ(a.added, c.expected);
+        EXPECT_EQ(Client::errorOf([&] {
+                      observer.at("/org/bluez/hci0").callMethod("StopDiscovery").onInterface(kAdapter);
+                  }),
+                  "org.bluez.Error.Failed: No discovery started");
+    }
+}
+
+TEST_F(FakeBluezTest, ConnectRepliesAtLinkUpWritesAreSerialisedAndDisconnectKeepsItsOrder) {
+    auto bluez = fakeWithScale();
+    Client client(bus_->address());
+    const auto device = FakeBluez::devicePath("hci0", kScale);
+    client.watch(device);
+    client.at(device).callMethod("Connect").onInterface(kDevice);
+    client.pump([] { return true; });
+    EXPECT_EQ(client.events, std::vector<std::string>{"Connected=true"});  // services resolve later
+    ASSERT_TRUE(client.pump([&] { return client.events.size() == 2; }));
+    EXPECT_EQ(client.events.back(), "ServicesResolved=true");
+
+    // Two writes at once on one characteristic: the second is refused while the first is pending.
+    auto& command = client.at(client.characteristic(wire::kCommandCharacteristic));
+    std::vector<std::string> results(2, "pending");
+    for (std::size_t i = 0; i < 2; ++i) {
+        command.callMethodAsync("WriteValue")
+            .onInterface(kCharacteristic)
+            .withArguments(std::vector<std::uint8_t>{0x55, static_cast<std::uint8_t>(i)},
+                           Dict{{"type", std::string("request")}})
+            .uponReplyInvoke(
+                [&results, i](const sdbus::Error* error) { results[i] = error ? error->getName() : ""; });
+    }
+    ASSERT_TRUE(client.pump([&] { return results[0] != "pending" && results[1] != "pending"; }));
+    EXPECT_EQ(results, (std::vector<std::string>{"", "org.bluez.Error.InProgress"}));
+    ASSERT_EQ(bluez->writes(kScale).size(), 1u);
+    EXPECT_EQ(bluez->writes(kScale)[0].value, (std::vector<std::uint8_t>{0x55, 0x00}));
+
+    client.events.clear();
+    client.at(device)
+        .callMethodAsync("Disconnect")
+        .onInterface(kDevice)
+        .uponReplyInvoke([&](const sdbus::Error*) { client.events.push_back("reply"); });
+    ASSERT_TRUE(client.pump([&] { return client.events.size() == 3; }));
+    EXPECT_EQ(client.events,
+              (std::vector<std::string>{"ServicesResolved=false", "reply", "Connected=false"}));
+    EXPECT_EQ(Client::errorOf([&] {
+                  client.at(client.characteristic(wire::kInfoCharacteristic))
+                      .callMethod("ReadValue")
+                      .onInterface(kCharacteristic)
+                      .withArguments(Dict{});
+              }),
+              "org.bluez.Error.Failed: Not connected");
+}
+
+TEST_F(FakeBluezTest, AcquireNotifyPassesOnePacketPerNotificationUntilTheLinkDrops) {
+    auto bluez = fakeWithScale(false);
+    Client client(bus_->address());
+    connect(client);
+    auto& data = client.at(client.characteristic(wire::kDataCharacteristic));
+    sdbus::UnixFd fd;
+    std::uint16_t mtu = 0;
+    data.callMethod("AcquireNotify")
+        .onInterface(kCharacteristic)
+        .withArguments(Dict{})
+        .storeResultsTo(fd, mtu);
+    EXPECT_EQ(mtu, 247);
+    EXPECT_EQ(Client::errorOf([&] { data.callMethod("StartNotify").onInterface(kCharacteristic); }),
+              "org.bluez.Error.NotPermitted: Notify acquired");
+
+    bluez->notify(kScale, wire::kDataCharacteristic, {1, 2, 3});
+    bluez->notify(kScale, wire::kDataCharacteristic, {4});
+    auto receive = [&]() -> long {
+        pollfd wait{fd.get(), POLLIN, 0};
+        if (::poll(&wait, 1, 2000) <= 0) return -1;
+        std::uint8_t buffer[64];
+        return static_cast<long>(::recv(fd.get(), buffer, sizeof buffer, 0));
+    };
+    EXPECT_EQ(receive(), 3);
+    EXPECT_EQ(receive(), 1);
+    bluez->dropLink(kScale);
+    EXPECT_EQ(receive(), 0);  // the socket closes with the link
+}
+
+TEST_F(FakeBluezTest, RestartHandsOrgBluezToANewConnectionThatExportsOnlyKnownObjects) {
+    auto bluez = fakeWithScale();
+    bluez->addScale({.address = kOther});  // never scanned: not known after a restart
+    Client client(bus_->address());
+    const std::string before = bluez->uniqueName();
+    bluez->restart();
+    ASSERT_TRUE(client.pump([&] { return client.owners.size() == 2; }));
+    const std::string after = bluez->uniqueName();
+    EXPECT_NE(after, before);
+    EXPECT_EQ(client.owners, (std::vector<std::pair<std::string, std::string>>{{before, ""}, {"", after}}));
+    std::set<std::string> paths;
+    for (const auto& [path, interfaces] : client.objects()) paths.insert(path);
+    EXPECT_EQ(paths, (std::set<std::string>{"/org/bluez/hci0", FakeBluez::devicePath("hci0", kScale)}));
+}
+
+}  // namespace
+}  // namespace plenk::fakebluez

@@ -1,0 +1,200 @@
+#include "ObjectTree.h"
+
+#include <systemd/sd-bus.h>
+
+#include <set>
+
+namespace plenk::fakebluez {
+
+namespace {
+
+constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
+constexpr const char* kIntrospectable = "org.freedesktop.DBus.Introspectable";
+constexpr const char* kObjectManager = "org.freedesktop.DBus.ObjectManager";
+constexpr const char* kInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
+
+// bluetoothd lists the two standard interfaces of every object with no properties.
+Interfaces withStandardInterfaces(Interfaces interfaces) {
+    interfaces.emplace(kIntrospectable, Properties{});
+    interfaces.emplace(kProperties, Properties{});
+    return interfaces;
+}
+
+bool isBelow(const std::string& path, const std::string& parent) {
+    const std::string prefix = parent == "/" ? "/" : parent + "/";
+    return path.size() > prefix.size() && path.compare(0, prefix.size(), prefix) == 0;
+}
+
+}  // namespace
+
+void ObjectTree::add(const std::string& path, Interfaces interfaces) {
+    auto& object = objects_[path];
+    object = withStandardInterfaces(std::move(interfaces));
+    if (bus_ != nullptr) bus_->emitInterfacesAdded(path, object);
+}
+
+void ObjectTree::addInterfaces(const std::string& path, Interfaces interfaces) {
+    auto found = objects_.find(path);
+    if (found == objects_.end()) {
+        add(path, std::move(interfaces));
+        return;
+    }
+    for (auto& [name, properties] : interfaces) found->second[name] = properties;
+    if (bus_ != nullptr) bus_->emitInterfacesAdded(path, interfaces);
+}
+
+void ObjectTree::remove(const std::string& path) {
+    auto found = objects_.find(path);
+    if (found == objects_.end()) return;
+    std::vector<std::string> names;
+    for (const auto& [name, properties] : found->second) names.push_back(name);
+    objects_.erase(found);
+    if (bus_ != nullptr) bus_->emitInterfacesRemoved(path, names);
+}
+
+void ObjectTree::removeBelow(const std::string& path) {
+    std::vector<std::string> below;
+    for (const auto& [candidate, interfaces] : objects_) {
+        if (isBelow(candidate, path)) below.push_back(candidate);
+    }
+    // Reverse lexical order removes characteristics before their service.
+    for (auto it = below.rbegin(); it != below.rend(); ++it) remove(*it);
+}
+
+const Value* ObjectTree::get(const std::string& path, const std::string& interface,
+                             const std::string& name) const {
+    auto object = objects_.find(path);
+    if (object == objects_.end()) return nullptr;
+    auto properties = object->second.find(interface);
+    if (properties == object->second.end()) return nullptr;
+    auto value = properties->second.find(name);
+    return value == properties->second.end() ? nullptr : &value->second;
+}
+
+void ObjectTree::set(const std::string& path, const std::string& interface, const std::string& name,
+                     Value value, bool always) {
+    auto object = objects_.find(path);
+    if (object == objects_.end()) return;
+    auto& properties = object->second[interface];
+    auto previous = properties.find(name);
+    const bool changed = previous == properties.end() || !(previous->second == value);
+    auto& slot = properties[name];
+    slot = std::move(value);
+    if ((changed || always) && bus_ != nullptr) bus_->emitPropertiesChanged(path, interface, {{name, slot}});
+}
+
+void ObjectTree::unset(const std::string& path, const std::string& interface, const std::string& name) {
+    auto object = objects_.find(path);
+    if (object == objects_.end()) return;
+    auto properties = object->second.find(interface);
+    if (properties == object->second.end() || properties->second.erase(name) == 0) return;
+    if (bus_ != nullptr) bus_->emitPropertiesChanged(path, interface, {}, {name});
+}
+
+bool ObjectTree::handle(const CallPtr& call) {
+    if (call->interface() == kObjectManager && call->member() == "GetManagedObjects" && call->path() == "/") {
+        getManagedObjects(call);
+        return true;
+    }
+    if (call->interface() == kProperties) {
+        properties(call);
+        return true;
+    }
+    if (call->interface() == kIntrospectable && call->member() == "Introspect") {
+        introspect(call);
+        return true;
+    }
+    return false;
+}
+
+void ObjectTree::getManagedObjects(const CallPtr& call) {
+    call->reply([&](sd_bus_message* m) {
+        int r = sd_bus_message_open_container(m, 'a', "{oa{sa{sv}}}");
+        for (const auto& [path, interfaces] : objects_) {
+            if (r >= 0) r = sd_bus_message_open_container(m, 'e', "oa{sa{sv}}");
+            if (r >= 0) r = sd_bus_message_append_basic(m, 'o', path.c_str());
+            if (r >= 0) r = appendInterfaces(m, interfaces);
+            if (r >= 0) r = sd_bus_message_close_container(m);
+        }
+        return r < 0 ? r : sd_bus_message_close_container(m);
+    });
+}
+
+void ObjectTree::properties(const CallPtr& call) {
+    auto object = objects_.find(call->path());
+    if (object == objects_.end()) {
+        call->replyError("org.freedesktop.DBus.Error.UnknownObject",
+                         "No such object path '" + call->path() + "'");
+        return;
+    }
+    sd_bus_message* m = call->message();
+    const char* interface = nullptr;
+    if (sd_bus_message_read_basic(m, 's', &interface) <= 0) {
+        call->replyError(kInvalidArgs, "Invalid arguments in method call");
+        return;
+    }
+    const std::string interfaceName = interface;
+    auto properties = object->second.find(interfaceName);
+    if (properties == object->second.end()) {
+        call->replyError(kInvalidArgs, "No such interface '" + interfaceName + "'");
+        return;
+    }
+    if (call->member() == "GetAll") {
+        call->reply([&](sd_bus_message* reply) { return appendProperties(reply, properties->second); });
+        return;
+    }
+    const char* name = nullptr;
+    if (sd_bus_message_read_basic(m, 's', &name) <= 0) {
+        call->replyError(kInvalidArgs, "Invalid arguments in method call");
+        return;
+    }
+    auto value = properties->second.find(name);
+    if (value == properties->second.end()) {
+        call->replyError(kInvalidArgs, std::string("No such property '") + name + "'");
+        return;
+    }
+    if (call->member() == "Get") {
+        call->reply([&](sd_bus_message* reply) { return appendVariant(reply, value->second); });
+        return;
+    }
+    if (call->member() != "Set") {
+        call->replyError("org.freedesktop.DBus.Error.UnknownMethod", "Unknown method " + call->member());
+        return;
+    }
+    auto newValue = readVariant(m);
+    if (!newValue || signatureOf(*newValue) != std::string(signatureOf(value->second))) {
+        call->replyError(kInvalidArgs, "Invalid arguments in method call");
+        return;
+    }
+    if (!setter_) {
+        call->replyError("org.freedesktop.DBus.Error.PropertyReadOnly", "Property is read-only");
+        return;
+    }
+    if (auto error = setter_(call->path(), interfaceName, name, *newValue)) {
+        call->replyError(error->name, error->text);
+    } else {
+        call->replyEmpty();
+    }
+}
+
+void ObjectTree::introspect(const CallPtr& call) {
+    const std::string& path = call->path();
+    std::string xml =
+        "<!DOCTYPE node PUBLIC \"-//freedesktop//DTD D-BUS Object Introspection 1.0//EN\"\n"
+        "\"http://www.freedesktop.org/standards/dbus/1.0/introspect.dtd\">\n<node>\n";
+    if (auto object = objects_.find(path); object != objects_.end()) {
+        for (const auto& [name, properties] : object->second) xml += "  <interface name=\"" + name + "\"/>\n";
+    }
+    if (path == "/") xml += std::string("  <interface name=\"") + kObjectManager + "\"/>\n";
+    std::set<std::string> children;
+    const std::string prefix = path == "/" ? "/" : path + "/";
+    for (const auto& [candidate, interfaces] : objects_) {
+        if (!isBelow(candidate, path)) continue;
+        children.insert(candidate.substr(prefix.size(), candidate.find('/', prefix.size()) - prefix.size()));
+    }
+    for (const auto& child : children) xml += "  <node name=\"" + child + "\"/>\n";
+    xml += "</node>\n";
+    call->reply([&](sd_bus_message* m) { return sd_bus_message_append_basic(m, 's', xml.c_str()); });
+}
+
+}  // namespace plenk::fakebluez
