@@ -18,7 +18,7 @@ void BluezRig::start() {
     Context context;
     context.mainQueue = loop;
     context.log = captured;
-    context.notifications = std::make_shared<NotificationCenter>();
+    context.notifications = notifications;
     context.backend = std::make_shared<bluez::BluezBackend>(backend);
     plenk = PKPlenk::create(context);
     plenk->setDelegate(host);
@@ -26,7 +26,13 @@ void BluezRig::start() {
 }
 
 bool BluezRig::waitFor(const std::function<bool()>& done, std::chrono::nanoseconds timeout) {
-    return loop->runUntil(done, timeout);
+    // The main queue wakes only for its own tasks: conditions on the fake's
+    // state are polled.
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!loop->runUntil(done, 10ms)) {
+        if (std::chrono::steady_clock::now() >= deadline) return done();
+    }
+    return true;
 }
 
 void BluezRig::runFor(std::chrono::nanoseconds duration) {

@@ -9,7 +9,10 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <string_view>
+#include <thread>
 #include <vector>
 
 #include <PlenkKit/PKPlenk.h>
@@ -18,32 +21,13 @@
 #include "FakeBluez.h"
 #include "PrivateBus.h"
 #include "backends/bluez/BluezBackend.h"
+#include "support/RecordingDelegate.h"
 
 namespace plenk::test {
 
 using namespace std::chrono_literals;
 
 inline constexpr const char* kScaleAddress = "C0:FF:EE:00:00:01";
-
-// What the host heard, in order (the main queue runs on the test thread).
-struct BluezHost : PKPlenkDelegate {
-    std::vector<std::string> events;  // "connected", "disconnected", "error <code>"
-    std::vector<float> weights;
-    int connections = 0;
-    int disconnections = 0;
-    void plenkDidConnected(PKPlenk&) override {
-        ++connections;
-        events.emplace_back("connected");
-    }
-    void plenkDidDisconnected(PKPlenk&) override {
-        ++disconnections;
-        events.emplace_back("disconnected");
-    }
-    void plenkDidErrorOccur(PKPlenk&, const ErrorPtr& error) override {
-        events.push_back("error " + std::to_string(error ? error->code() : 0));
-    }
-    void plenkWeightDidUpdate(float weight) override { weights.push_back(weight); }
-};
 
 // A captured diagnostics stream: shows what the backend said when a test fails.
 struct CapturedLog : LogSink {
@@ -69,7 +53,8 @@ public:
 
     // The facade on the bluez backend with auto-connect on.
     void start();
-    // Runs the main queue until `done` holds (false after `timeout`).
+    // Runs the main queue until `done` holds (false after `timeout`); `done`
+    // may look at the fake.
     bool waitFor(const std::function<bool()>& done, std::chrono::nanoseconds timeout = 5s);
     // Runs the main queue for `duration`.
     void runFor(std::chrono::nanoseconds duration);
@@ -83,7 +68,8 @@ public:
     fakebluez::FakeBluez fake{bus.address(), options.timings};
     std::shared_ptr<RunLoop> loop = std::make_shared<RunLoop>();
     std::shared_ptr<CapturedLog> captured = std::make_shared<CapturedLog>();
-    std::shared_ptr<BluezHost> host = std::make_shared<BluezHost>();
+    std::shared_ptr<NotificationCenter> notifications = std::make_shared<NotificationCenter>();
+    std::shared_ptr<RecordingDelegate> host = std::make_shared<RecordingDelegate>(loop);
     std::shared_ptr<PKPlenk> plenk;
 };
 

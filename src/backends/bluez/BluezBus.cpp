@@ -183,7 +183,8 @@ void BluezBus::callRaw(const std::string& destination, const std::string& path, 
         auto& proxy = proxyFor(destination, path);
         auto message = proxy.createMethodCall(interface, method);
         fill(message);
-        proxy.callMethod(message, std::move(onReply), static_cast<std::uint64_t>(timeout.count()));
+        // A copy: when sending fails, the handler still answers below.
+        proxy.callMethod(message, onReply, static_cast<std::uint64_t>(timeout.count()));
     } catch (const sdbus::Error& e) {
         // Could not even be sent (a malformed path, a closed connection): answer
         // as the bus would, later, like any reply.

@@ -254,11 +254,16 @@ void CentralCore::objectsLoaded(std::vector<InterfaceUpdate> updates) {
     objects_.clear();
     for (const auto& update : updates) objects_.add(update.path, update.interface, update.properties);
     objectsKnown_ = true;
-    settleAdapter();
-    for (const auto& [path, device] :
-         objects_.all(kDeviceInterface, adapterPath_.empty() ? "/" : adapterPath_ + "/")) {
-        if (!adapterPath_.empty()) deviceUpdated(path, *device, true);
-    }
+    chooseAdapter();
+    // Devices first: a host that hears "powered on" may retrieve them at once.
+    registerDevices();
+    updateState();
+}
+
+void CentralCore::registerDevices() {
+    if (adapterPath_.empty()) return;
+    for (const auto& [path, device] : objects_.all(kDeviceInterface, adapterPath_ + "/"))
+        deviceUpdated(path, *device, true);
 }
 
 void CentralCore::objectsFailed(const BusError& error) {
@@ -267,19 +272,17 @@ void CentralCore::objectsFailed(const BusError& error) {
     updateState();
 }
 
-void CentralCore::settleAdapter() {
-    if (adapterPath_.empty()) {
-        std::vector<AdapterCandidate> candidates;
-        for (const auto& [path, adapter] : objects_.all(kAdapterInterface)) {
-            candidates.push_back({path, adapter->powered.value_or(false)});
-        }
-        if (auto chosen = chooseAdapter(options_.adapter, candidates)) {
-            const auto* adapter = objects_.find(*chosen, kAdapterInterface);
-            adapterPath_ = *chosen;
-            adapterAddress_ = adapter != nullptr ? adapter->address.value_or("") : "";
-        }
+void CentralCore::chooseAdapter() {
+    if (!adapterPath_.empty()) return;
+    std::vector<AdapterCandidate> candidates;
+    for (const auto& [path, adapter] : objects_.all(kAdapterInterface)) {
+        candidates.push_back({path, adapter->powered.value_or(false)});
     }
-    updateState();
+    if (auto chosen = bluez::chooseAdapter(options_.adapter, candidates)) {
+        const auto* adapter = objects_.find(*chosen, kAdapterInterface);
+        adapterPath_ = *chosen;
+        adapterAddress_ = adapter != nullptr ? adapter->address.value_or("") : "";
+    }
 }
 
 // --- changes of org.bluez's objects ----------------------------------------------------
@@ -289,9 +292,9 @@ void CentralCore::interfaceAdded(const InterfaceUpdate& update) {
     objects_.add(update.path, update.interface, update.properties);
     if (update.interface == kAdapterInterface) {
         if (adapterPath_.empty()) {
-            settleAdapter();
-            for (const auto& [path, device] : objects_.all(kDeviceInterface, adapterPath_ + "/"))
-                deviceUpdated(path, *device, true);
+            chooseAdapter();
+            registerDevices();
+            updateState();
         }
     } else if (update.interface == kDeviceInterface) {
         deviceUpdated(update.path, update.properties, true);
@@ -309,7 +312,9 @@ void CentralCore::interfacesRemoved(const std::string& path, const std::vector<s
     if (path == adapterPath_ && objects_.find(path, kAdapterInterface) == nullptr) {
         adapterPath_.clear();
         adapterAddress_.clear();
-        settleAdapter();  // another adapter, or none: unsupported
+        chooseAdapter();  // another adapter, or none: unsupported
+        registerDevices();
+        updateState();
     }
     if (bus_ && objects_.find(path, kDeviceInterface) == nullptr &&
         objects_.find(path, kCharacteristicInterface) == nullptr) {
@@ -323,7 +328,11 @@ void CentralCore::propertiesChanged(const std::string& path, const std::string& 
     const auto* merged = objects_.change(path, interface, change, invalidated);
     if (merged == nullptr) return;
     if (interface == kAdapterInterface) {
-        if (adapterPath_.empty() || path == adapterPath_) settleAdapter();
+        if (adapterPath_.empty()) {
+            chooseAdapter();
+            registerDevices();
+        }
+        if (path == adapterPath_) updateState();
     } else if (interface == kDeviceInterface) {
         deviceUpdated(path, change, false);
     } else if (interface == kCharacteristicInterface && change.value) {

@@ -86,8 +86,10 @@ private:
     void propertiesChanged(const std::string& path, const std::string& interface,
                            const BluezProperties& change, const std::vector<std::string>& invalidated);
 
-    // Chooses the adapter if none is chosen yet; reports the state it gives.
-    void settleAdapter();
+    // Chooses the adapter if none is chosen yet.
+    void chooseAdapter();
+    // Makes the peripherals of the adapter's known devices.
+    void registerDevices();
     void updateState();
     // Every link and attempt ends (the radio or bluetoothd went away).
     void dropLinks(bool report, const ErrorPtr& error);
