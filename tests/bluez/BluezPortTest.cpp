@@ -1,0 +1,201 @@
+// The bluez backend's port contract where the kit does not reach it: a
+// cancelled attempt is silent, a read is one event, a value is delivered once
+// per notification on every link, a central may be released inside its events.
+#include <PlenkKit/Context.h>
+
+#include <mutex>
+
+#include "backends/bluez/BluezGatt.h"
+#include "bluez/BluezRig.h"
+#include "wire/GattUuids.h"
+
+namespace plenk::test {
+namespace {
+
+using fakebluez::FakeBluez;
+
+// Records the port's events as text; runs on the central's queue.
+class PortRecorder final : public bt::CentralDelegate, public bt::PeripheralDelegate {
+public:
+    void centralManagerDidUpdateState(bt::Central& c) override {
+        if (c.state() == bt::ManagerState::PoweredOn) add("on");
+    }
+    void centralManagerDidDiscoverPeripheralAdvertisementDataRSSI(bt::Central&, const bt::PeripheralPtr& p,
+                                                                  const bt::AdvertisementData&,
+                                                                  int) override {
+        std::lock_guard lock(mutex_);
+        found = p;
+    }
+    void centralManagerDidConnectPeripheral(bt::Central&, const bt::PeripheralPtr&) override {
+        add("connected");
+        std::shared_ptr<bt::Central> last;
+        {
+            std::lock_guard lock(mutex_);
+            last = std::move(releaseOnConnect);
+        }
+        last.reset();  // the central's last owner lets go inside its own event
+    }
+    void centralManagerDidDisconnectPeripheralError(bt::Central&, const bt::PeripheralPtr&,
+                                                    const ErrorPtr&) override {
+        add("disconnected");
+    }
+    void centralManagerDidFailToConnectPeripheralError(bt::Central&, const bt::PeripheralPtr&,
+                                                       const ErrorPtr&) override {
+        add("failed");
+    }
+    void peripheralDidDiscoverServices(bt::Peripheral& p, const ErrorPtr&) override {
+        for (const auto& service : p.services()) p.discoverCharacteristics(std::nullopt, service);
+    }
+    void peripheralDidDiscoverCharacteristicsForServiceError(bt::Peripheral&, const bt::ServicePtr& service,
+                                                             const ErrorPtr&) override {
+        for (const auto& c : service->characteristics()) {
+            if (c->uuid() == wire::kBatteryLevel) {
+                std::lock_guard lock(mutex_);
+                battery = c;
+            }
+        }
+    }
+    void peripheralDidUpdateNotificationStateForCharacteristicError(bt::Peripheral&,
+                                                                    const bt::CharacteristicPtr&,
+                                                                    const ErrorPtr& error) override {
+        add(error ? "notify failed" : "notifying");
+    }
+    void peripheralDidUpdateValueForCharacteristicError(bt::Peripheral&, const bt::CharacteristicPtr& c,
+                                                        const ErrorPtr&) override {
+        // The value this event reports is the characteristic's value now.
+        const auto value = c->value();
+        add("value " + (value.empty() ? std::string("-") : std::to_string(value[0])));
+    }
+
+    void add(std::string event) {
+        std::lock_guard lock(mutex_);
+        events_.push_back(std::move(event));
+    }
+    std::vector<std::string> events() {
+        std::lock_guard lock(mutex_);
+        return events_;
+    }
+    std::size_t count(const std::string& event) {
+        auto all = events();
+        return static_cast<std::size_t>(std::count(all.begin(), all.end(), event));
+    }
+    void hold(std::shared_ptr<bt::Central> c) {
+        std::lock_guard lock(mutex_);
+        releaseOnConnect = std::move(c);
+    }
+    void clear() {
+        std::lock_guard lock(mutex_);
+        events_.clear();
+    }
+    template <typename T>
+    T get(T PortRecorder::*member) {
+        std::lock_guard lock(mutex_);
+        return this->*member;
+    }
+
+    bt::PeripheralPtr found;
+    bt::CharacteristicPtr battery;
+    std::shared_ptr<bt::Central> releaseOnConnect;
+
+private:
+    std::mutex mutex_;
+    std::vector<std::string> events_;
+};
+
+// A central of the bluez backend on the fake, with one scale that sends
+// notifications only when told to.
+class BluezPort : public ::testing::Test {
+protected:
+    void SetUp() override {
+        fake.addAdapter({});
+        fakebluez::ScaleSetup setup;
+        setup.address = kScaleAddress;
+        setup.streamWeights = false;
+        fake.addScale(setup);
+        Context context;
+        context.log = log;
+        central = bluez::BluezBackend({}).makeCentral(recorder, "Corebluetooth", context);
+        ASSERT_TRUE(wait([&] { return recorder->count("on") == 1; }));
+        central->scanForPeripheralsWithServices(std::vector{wire::kScaleService}, {});
+        ASSERT_TRUE(wait([&] { return recorder->get(&PortRecorder::found) != nullptr; }));
+        central->stopScan();
+        peripheral = bt::portPeripheral(recorder->get(&PortRecorder::found));
+        peripheral->setDelegate(recorder);
+        recorder->clear();
+    }
+    void TearDown() override { central.reset(); }
+
+    bool wait(const std::function<bool()>& done, fakebluez::Duration timeout = 5s) {
+        return FakeBluez::waitUntil(done, timeout);
+    }
+    std::size_t fakeCalls(const std::string& member) {
+        const auto calls = fake.calls();
+        return static_cast<std::size_t>(
+            std::count_if(calls.begin(), calls.end(), [&](const auto& c) { return c.member == member; }));
+    }
+    // Connects, discovers and subscribes to the battery level.
+    void link(int times) {
+        recorder->clear();
+        central->connectPeripheral(peripheral, {});
+        ASSERT_TRUE(wait([&] { return recorder->count("connected") == 1; })) << log->text;
+        peripheral->discoverServices(std::nullopt);
+        ASSERT_TRUE(wait([&] {
+            auto c =
+                std::dynamic_pointer_cast<bluez::BluezCharacteristic>(recorder->get(&PortRecorder::battery));
+            return c && c->link == std::uint32_t(2 * times - 1);
+        })) << log->text;
+        peripheral->setNotifyValue(true, recorder->get(&PortRecorder::battery));
+        ASSERT_TRUE(wait([&] { return recorder->count("notifying") == 1; })) << log->text;
+    }
+
+    fakebluez::PrivateBus bus;
+    fakebluez::ScopedSystemBus systemBus{bus.address()};
+    FakeBluez fake{bus.address()};
+    std::shared_ptr<CapturedLog> log = std::make_shared<CapturedLog>();
+    std::shared_ptr<PortRecorder> recorder = std::make_shared<PortRecorder>();
+    std::shared_ptr<bt::Central> central;
+    bt::PeripheralPtr peripheral;
+};
+
+TEST_F(BluezPort, CancellingAnAttemptIsSilentAndTheNextAttemptLinks) {
+    fake.hangConnect(kScaleAddress, 3s);
+    central->connectPeripheral(peripheral, {});
+    ASSERT_TRUE(wait([&] { return fakeCalls("Connect") == 1; }));
+    central->cancelPeripheralConnection(peripheral);
+    fake.clearConnectFaults(kScaleAddress);
+    central->connectPeripheral(peripheral, {});
+    ASSERT_TRUE(wait([&] { return recorder->count("connected") == 1; })) << log->text;
+    std::this_thread::sleep_for(200ms);
+    EXPECT_EQ(recorder->events(), std::vector<std::string>{"connected"});
+    EXPECT_EQ(peripheral->state(), bt::PeripheralState::Connected);
+}
+
+TEST_F(BluezPort, AReadIsOneEventAndEachNotificationOneOnEveryLink) {
+    for (int times = 1; times <= 2; ++times) {
+        link(times);
+        recorder->clear();
+        // bluetoothd announces the value it read as a change too.
+        peripheral->readValueForCharacteristic(recorder->get(&PortRecorder::battery));
+        ASSERT_TRUE(wait([&] { return recorder->count("value 85") == 1; }));
+        fake.notify(kScaleAddress, wire::kBatteryLevel, {42});
+        fake.notify(kScaleAddress, wire::kBatteryLevel, {43});
+        ASSERT_TRUE(wait([&] { return recorder->count("value 43") == 1; }));
+        std::this_thread::sleep_for(200ms);
+        EXPECT_EQ(recorder->events(), (std::vector<std::string>{"value 85", "value 42", "value 43"}))
+            << times;
+        // The next link: bluetoothd still holds this link's subscription.
+        fake.dropLink(kScaleAddress);
+        ASSERT_TRUE(wait([&] { return recorder->count("disconnected") == 1; }));
+    }
+}
+
+TEST_F(BluezPort, ACentralReleasedInsideItsOwnEventEndsItsLink) {
+    bt::Central& handle = *central;
+    recorder->hold(std::exchange(central, nullptr));  // its only owner from now on
+    handle.connectPeripheral(peripheral, {});
+    ASSERT_TRUE(wait([&] { return recorder->count("connected") == 1; }));
+    EXPECT_TRUE(wait([&] { return fakeCalls("Disconnect") == 1 && !fake.isConnected(kScaleAddress); }));
+}
+
+}  // namespace
+}  // namespace plenk::test
