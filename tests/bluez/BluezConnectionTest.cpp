@@ -94,8 +94,8 @@ TEST(BluezConnection, CommandsBatteryAndConfigurationReachTheScale) {
     rig.fake.clearWrites(kScaleAddress);
     kit->initializeConfiguration([&](bool ok, const ErrorPtr&) { results.push_back(ok ? "ok" : "failed"); });
     std::vector<Bytes> expected;
-    for (const auto& frame : wire::defaultConfigurationFrames().span())
-        expected.emplace_back(frame.span().begin(), frame.span().end());
+    const auto frames = wire::defaultConfigurationFrames();
+    for (const auto& frame : frames.span()) expected.emplace_back(frame.span().begin(), frame.span().end());
     ASSERT_TRUE(rig.waitFor([&] { return results.size() == 2 && commandWrites(rig).size() == 8; }))
         << rig.log();
     EXPECT_EQ(results, (std::vector<std::string>{"ok", "ok"}));
