@@ -56,6 +56,7 @@ void BluezModel::connectAndExport() {
     tree_.setBus(bus_.get());
     // bluetoothd owns its name first; adapters and stored devices follow as InterfacesAdded.
     bus_->requestName(kBluezService);
+    tree_.add("/org/bluez", {{"org.bluez.AgentManager1", {}}, {"org.bluez.ProfileManager1", {}}});
     for (auto& [name, adapter] : adapters_) tree_.add(adapter.path, adapterInterfaces(adapter));
     for (auto& device : devices_) {
         if (device->persistent()) device->exportKnown();
@@ -144,6 +145,11 @@ void BluezModel::onCall(const CallPtr& call) {
     calls_.push_back({monotonicNs(), call->sender(), call->path(), call->interface(), call->member(),
                       summarizeBody(call->message())});
     if (tree_.handle(call)) return;
+    if (call->path() == "/org/bluez" && call->interface() == "org.bluez.AgentManager1") {
+        // Agents are accepted and never asked: nothing here pairs.
+        call->replyEmpty();
+        return;
+    }
     if (auto* adapter = adapterByPath(call->path())) {
         handleAdapterCall(*adapter, call);
         return;

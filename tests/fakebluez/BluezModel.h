@@ -19,6 +19,13 @@
 // marshals test calls onto it.
 namespace plenk::fakebluez {
 
+// What one client's SetDiscoveryFilter asked for (the parts that select devices).
+struct DiscoveryFilter {
+    std::vector<bt::Uuid> uuids;  // empty: every device
+    std::optional<std::int16_t> rssi;
+    std::string transport = "auto";
+};
+
 class BluezModel {
 public:
     BluezModel(EventLoop& loop, std::string busAddress, Timings timings);
@@ -41,11 +48,6 @@ public:
     void setObserver(FakeBluez::EmissionObserver observer) { observer_ = std::move(observer); }
 
 private:
-    struct DiscoveryFilter {
-        std::vector<bt::Uuid> uuids;  // empty: every device
-        std::optional<std::int16_t> rssi;
-        std::string transport = "auto";
-    };
     // A client that set a filter or started a discovery (bluetoothd keeps both in one record).
     struct DiscoveryClient {
         std::optional<DiscoveryFilter> filter;

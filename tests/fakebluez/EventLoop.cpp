@@ -123,6 +123,7 @@ void EventLoop::runDueTimers() {
 }
 
 void EventLoop::run() {
+    loopThread_ = std::this_thread::get_id();
     std::vector<pollfd> fds;
     std::vector<Source*> polled;
     std::vector<int> watched;

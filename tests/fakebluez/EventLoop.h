@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -43,7 +44,7 @@ public:
     bool post(Task task);
     // Runs `task` on the loop thread and waits for it; inline on the loop thread.
     void invoke(const Task& task);
-    bool onLoopThread() const { return std::this_thread::get_id() == thread_.get_id(); }
+    bool onLoopThread() const { return std::this_thread::get_id() == loopThread_.load(); }
     // Ends the loop after the current iteration; pending tasks are dropped.
     void stop();
 
@@ -84,6 +85,7 @@ private:
     };
     std::map<int, Watch> watches_;
 
+    std::atomic<std::thread::id> loopThread_{};
     std::thread thread_;
 };
 

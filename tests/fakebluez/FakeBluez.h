@@ -24,9 +24,20 @@
 //     bluez.dropLink("C0:FF:EE:00:00:01");         // faults, at any time
 //     EXPECT_EQ(bluez.writes("C0:FF:EE:00:00:01")[0].value, ...);
 //
-// Every member may be called from any thread other than the fake's own (the
-// observer callbacks run on it); each returns once the fake has applied it, so
-// what clients see of a change (signals, replies) is already on the bus.
+// Every member may be called from any thread (not from inside the emission
+// observer); each returns once the fake has applied it, so what clients see of
+// a change (signals, replies) is already on the bus.
+//
+// BlueZ habits it keeps, which clients must cope with: RSSI exists only while
+// a scan sees the device; StopDiscovery forgets the client's filter; a
+// filtered scan signals RSSI on every advertisement; StartNotify while
+// disconnected succeeds and the session is subscribed again on every
+// reconnection (a repeat before that gets InProgress); each subscribed client
+// makes its own PropertiesChanged(Value) per notification; Notifying stays
+// true over a link loss; GATT objects stay exported while disconnected.
+// Where it simplifies: a concurrent Connect gets InProgress (bluetoothd says
+// Failed "Operation already in progress"), reads and writes pending at a
+// link loss fail with Failed "Not connected", no descriptors, no pairing.
 namespace plenk::fakebluez {
 
 using Duration = std::chrono::nanoseconds;

@@ -57,6 +57,7 @@ public:
     }
 
     std::string name() const { return connection_->getUniqueName(); }
+    sdbus::IConnection& connection() { return *connection_; }
 
     sdbus::IProxy& at(const std::string& path) {
         auto& proxy = proxies_[path];
@@ -217,11 +218,11 @@ TEST_F(FakeBluezTest, ConnectRepliesAtLinkUpWritesAreSerialisedAndDisconnectKeep
     Client client(bus_->address());
     const auto device = FakeBluez::devicePath("hci0", kScale);
     client.watch(device);
-    client.at(device).callMethod("Connect").onInterface(kDevice);
-    client.pump([] { return true; });
-    EXPECT_EQ(client.events, std::vector<std::string>{"Connected=true"});  // services resolve later
-    ASSERT_TRUE(client.pump([&] { return client.events.size() == 2; }));
-    EXPECT_EQ(client.events.back(), "ServicesResolved=true");
+    client.at(device).callMethodAsync("Connect").onInterface(kDevice).uponReplyInvoke(
+        [&](const sdbus::Error* error) { client.events.push_back(error ? error->getName() : "reply"); });
+    // Connect answers at link-up; services resolve after it.
+    ASSERT_TRUE(client.pump([&] { return client.events.size() == 3; }));
+    EXPECT_EQ(client.events, (std::vector<std::string>{"Connected=true", "reply", "ServicesResolved=true"}));
 
     // Two writes at once on one characteristic: the second is refused while the first is pending.
     auto& command = client.at(client.characteristic(wire::kCommandCharacteristic));
@@ -285,6 +286,35 @@ TEST_F(FakeBluezTest, AcquireNotifyPassesOnePacketPerNotificationUntilTheLinkDro
     EXPECT_EQ(receive(), 0);  // the socket closes with the link
 }
 
+TEST_F(FakeBluezTest, StartNotifySessionsStreamWeightsAndSurviveAReconnect) {
+    auto bluez = fakeWithScale();
+    Client client(bus_->address());
+    connect(client);
+    const auto dataPath = client.characteristic(wire::kDataCharacteristic);
+    std::vector<std::size_t> values;  // sizes of the Value updates
+    auto watcher = sdbus::createProxy(client.connection(), "org.bluez", dataPath);
+    watcher->uponSignal("PropertiesChanged")
+        .onInterface("org.freedesktop.DBus.Properties")
+        .call([&](const std::string&, const Dict& changed, const std::vector<std::string>&) {
+            if (auto value = changed.find("Value"); value != changed.end()) {
+                values.push_back(value->second.get<std::vector<std::uint8_t>>().size());
+            }
+        });
+    watcher->finishRegistration();
+    client.at(dataPath).callMethod("StartNotify").onInterface(kCharacteristic);
+    ASSERT_TRUE(client.pump([&] { return values.size() >= 3; }));  // the 10 Hz stream
+    EXPECT_EQ(values[0], 9u);
+
+    // bluetoothd keeps the session over the link loss and subscribes it again.
+    bluez->dropLink(kScale);
+    client.events.clear();
+    client.at(FakeBluez::devicePath("hci0", kScale)).callMethod("Connect").onInterface(kDevice);
+    ASSERT_TRUE(client.pump(
+        [&] { return !client.events.empty() && client.events.back() == "ServicesResolved=true"; }));
+    values.clear();
+    EXPECT_TRUE(client.pump([&] { return values.size() >= 2; }));
+}
+
 TEST_F(FakeBluezTest, RestartHandsOrgBluezToANewConnectionThatExportsOnlyKnownObjects) {
     auto bluez = fakeWithScale();
     bluez->addScale({.address = kOther});  // never scanned: not known after a restart
@@ -297,7 +327,8 @@ TEST_F(FakeBluezTest, RestartHandsOrgBluezToANewConnectionThatExportsOnlyKnownOb
     EXPECT_EQ(client.owners, (std::vector<std::pair<std::string, std::string>>{{before, ""}, {"", after}}));
     std::set<std::string> paths;
     for (const auto& [path, interfaces] : client.objects()) paths.insert(path);
-    EXPECT_EQ(paths, (std::set<std::string>{"/org/bluez/hci0", FakeBluez::devicePath("hci0", kScale)}));
+    EXPECT_EQ(paths, (std::set<std::string>{"/org/bluez", "/org/bluez/hci0",
+                                            FakeBluez::devicePath("hci0", kScale)}));
 }
 
 }  // namespace

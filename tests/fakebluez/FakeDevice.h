@@ -22,6 +22,11 @@
 // behind it is the firmware emulator. Loop thread only.
 namespace plenk::fakebluez {
 
+// The emulator's time: the steady clock it shares with the fake's timers.
+inline Clock::TimePoint emulatorNow() {
+    return std::chrono::time_point_cast<Clock::Duration>(std::chrono::steady_clock::now());
+}
+
 // What devices share with the daemon around them.
 struct DeviceContext {
     EventLoop& loop;
@@ -179,7 +184,6 @@ private:
 
     Link link_ = Link::Disconnected;
     bool servicesResolved_ = false;
-    bool gattKnown_ = false;  // discovered once: objects stay exported (the GATT cache)
     CallPtr pendingConnect_;
     bool waiting_ = false;  // Connect() waits for the device to advertise
     std::vector<CallPtr> pendingDisconnects_;

@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -78,14 +78,19 @@ std::string readAddress(int fd) {
 
 }  // namespace
 
-bool PrivateBus::available() {
+std::string PrivateBus::daemonPath() {
     const char* path = std::getenv("PATH");
     std::stringstream directories(path != nullptr ? path : "/usr/bin:/bin");
     std::string directory;
     while (std::getline(directories, directory, ':')) {
-        if (::access((directory + "/" + kDaemon).c_str(), X_OK) == 0) return true;
+        const std::string candidate = directory + "/" + kDaemon;
+        if (::access(candidate.c_str(), X_OK) == 0) return candidate;
     }
-    return false;
+    return {};
+}
+
+bool PrivateBus::available() {
+    return !daemonPath().empty();
 }
 
 PrivateBus::PrivateBus() : directory_(temporaryDirectory()) {
@@ -102,21 +107,28 @@ PrivateBus::PrivateBus() : directory_(temporaryDirectory()) {
     std::vector<char*> argv{const_cast<char*>(kDaemon), const_cast<char*>("--nofork"),
                             const_cast<char*>(printAddress.c_str()), const_cast<char*>(configFile.c_str()),
                             nullptr};
-    // A caller that blocks SIGTERM for sigwait must not pass that on: the
-    // daemon would then ignore the kill that ends it.
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t none;
-    sigemptyset(&none);
-    sigset_t defaults;
-    sigemptyset(&defaults);
-    sigaddset(&defaults, SIGTERM);
-    sigaddset(&defaults, SIGINT);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    const int spawned = ::posix_spawnp(&pid_, kDaemon, nullptr, &attributes, argv.data(), environ);
-    posix_spawnattr_destroy(&attributes);
+    const std::string program = daemonPath();
+    const std::string log = logPath();
+    const pid_t parent = ::getpid();
+    pid_ = ::fork();
+    if (pid_ == 0) {
+        // The child runs only async-signal-safe calls until exec. A caller
+        // that blocks SIGTERM for sigwait must not pass that on (the daemon
+        // would ignore the kill that ends it), and the daemon goes with the
+        // thread that started it, even when a test is killed.
+        sigset_t none;
+        sigemptyset(&none);
+        ::sigprocmask(SIG_SETMASK, &none, nullptr);
+        ::signal(SIGTERM, SIG_DFL);
+        ::signal(SIGINT, SIG_DFL);
+        ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (::getppid() != parent) ::_exit(127);
+        const int logFd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        if (logFd >= 0) ::dup2(logFd, STDERR_FILENO);
+        ::execve(program.c_str(), argv.data(), environ);
+        ::_exit(127);
+    }
+    const int spawned = pid_ < 0 ? errno : 0;
     ::close(pipeFds[1]);
     if (spawned != 0) {
         ::close(pipeFds[0]);
@@ -131,8 +143,10 @@ PrivateBus::PrivateBus() : directory_(temporaryDirectory()) {
         ::kill(pid_, SIGKILL);
         ::waitpid(pid_, nullptr, 0);
         pid_ = -1;
+        std::stringstream log;
+        log << std::ifstream(logPath()).rdbuf();
         removeDirectory();
-        throw std::runtime_error("PrivateBus: dbus-daemon printed no address");
+        throw std::runtime_error("PrivateBus: dbus-daemon printed no address: " + log.str());
     }
 }
 
@@ -144,7 +158,12 @@ PrivateBus::~PrivateBus() {
     removeDirectory();
 }
 
+std::string PrivateBus::logPath() const {
+    return directory_ + "/daemon.log";
+}
+
 void PrivateBus::removeDirectory() {
+    ::unlink(logPath().c_str());
     ::unlink((directory_ + "/system_bus_socket").c_str());
     ::unlink((directory_ + "/bus.conf").c_str());
     ::rmdir(directory_.c_str());

@@ -8,7 +8,7 @@
 // A dbus-daemon of the test's own: a system-type bus (so it may hold
 // org.bluez) whose policy allows every name, every message and fd passing,
 // listening in a fresh temporary directory. The daemon is killed and reaped
-// with the object.
+// with the object, or when the thread that made it ends (a killed test).
 namespace plenk::fakebluez {
 
 class PrivateBus {
@@ -26,6 +26,8 @@ public:
     static bool available();
 
 private:
+    static std::string daemonPath();  // "" when not on PATH
+    std::string logPath() const;
     void removeDirectory();
 
     std::string directory_;
