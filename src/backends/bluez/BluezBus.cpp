@@ -9,7 +9,6 @@ namespace {
 constexpr const char* kBusName = "org.freedesktop.DBus";
 constexpr const char* kBusPath = "/org/freedesktop/DBus";
 constexpr const char* kObjectManager = "org.freedesktop.DBus.ObjectManager";
-constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
 
 using Interfaces = std::map<std::string, VariantMap>;
 

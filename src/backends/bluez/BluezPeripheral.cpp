@@ -574,7 +574,8 @@ void BluezPeripheral::finishDiscovery(const ErrorPtr& error) {
             previous = services_;
         }
         std::vector<std::shared_ptr<BluezService>> list;
-        for (const auto& [path, properties] : c->objects().all(kServiceInterface, devicePath_ + "/")) {
+        for (const auto& [objectPath, properties] : c->objects().all(kServiceInterface, devicePath_ + "/")) {
+            const std::string& path = objectPath;  // a binding cannot be captured by every compiler
             auto it = std::find_if(previous.begin(), previous.end(),
                                    [&](const auto& s) { return s->path == path; });
             if (it != previous.end()) {
@@ -599,7 +600,9 @@ void BluezPeripheral::buildCharacteristics(const std::optional<std::vector<bt::U
     if (!c) return;
     const auto previous = service->characteristicList();
     std::vector<std::shared_ptr<BluezCharacteristic>> list;
-    for (const auto& [path, properties] : c->objects().all(kCharacteristicInterface, service->path + "/")) {
+    for (const auto& [objectPath, properties] :
+         c->objects().all(kCharacteristicInterface, service->path + "/")) {
+        const std::string& path = objectPath;
         auto it =
             std::find_if(previous.begin(), previous.end(), [&](const auto& x) { return x->path == path; });
         if (it != previous.end()) {
