@@ -83,9 +83,11 @@ public:
         std::lock_guard lock(mutex_);
         releaseOnConnect = std::move(c);
     }
-    void clear() {
+    // Forgets the events (and, for a new link, the characteristic).
+    void clear(bool link = false) {
         std::lock_guard lock(mutex_);
         events_.clear();
+        if (link) battery = nullptr;
     }
     template <typename T>
     T get(T PortRecorder::*member) {
@@ -102,59 +104,75 @@ private:
     std::vector<std::string> events_;
 };
 
-// A central of the bluez backend on the fake, with one scale that sends
-// notifications only when told to.
+bool wait(const std::function<bool()>& done, fakebluez::Duration timeout = 5s) {
+    return FakeBluez::waitUntil(done, timeout);
+}
+
+// One central of the bluez backend on the fake (a D-Bus client of its own),
+// having found the scale.
+struct PortClient {
+    PortClient(bluez::NotifyMode mode, const std::shared_ptr<CapturedLog>& log) : log(log) {
+        Context context;
+        context.log = log;
+        bluez::BluezBackend::Options options;
+        options.notifyMode = mode;
+        central = bluez::BluezBackend(options).makeCentral(recorder, "Corebluetooth", context);
+        EXPECT_TRUE(wait([&] { return recorder->count("on") == 1; }));
+        // A scale held by another client does not advertise: it is retrieved.
+        const auto held = central->retrieveConnectedPeripheralsWithServices({wire::kScaleService});
+        if (held.empty()) {
+            central->scanForPeripheralsWithServices(std::vector{wire::kScaleService}, {});
+            EXPECT_TRUE(wait([&] { return recorder->get(&PortRecorder::found) != nullptr; }));
+            central->stopScan();
+        }
+        peripheral = held.empty() ? bt::portPeripheral(recorder->get(&PortRecorder::found)) : held.front();
+        if (peripheral) peripheral->setDelegate(recorder);
+        recorder->clear();
+    }
+    // Connects, discovers and subscribes to the battery level.
+    void link() {
+        recorder->clear(true);
+        central->connectPeripheral(peripheral, {});
+        ASSERT_TRUE(wait([&] { return recorder->count("connected") == 1; })) << log->text;
+        peripheral->discoverServices(std::nullopt);
+        ASSERT_TRUE(wait([&] { return recorder->get(&PortRecorder::battery) != nullptr; })) << log->text;
+        peripheral->setNotifyValue(true, recorder->get(&PortRecorder::battery));
+        ASSERT_TRUE(wait([&] { return recorder->count("notifying") == 1; })) << log->text;
+    }
+
+    std::shared_ptr<CapturedLog> log;
+    std::shared_ptr<PortRecorder> recorder = std::make_shared<PortRecorder>();
+    std::shared_ptr<bt::Central> central;
+    bt::PeripheralPtr peripheral;
+};
+
+// The fake with one scale that sends notifications only when told to; a
+// client by property (a read's echo and remembered sessions matter there).
 class BluezPort : public ::testing::Test {
 protected:
-    void SetUp() override {
+    bool addScale() {
         fake.addAdapter({});
         fakebluez::ScaleSetup setup;
         setup.address = kScaleAddress;
         setup.streamWeights = false;
         fake.addScale(setup);
-        Context context;
-        context.log = log;
-        central = bluez::BluezBackend({}).makeCentral(recorder, "Corebluetooth", context);
-        ASSERT_TRUE(wait([&] { return recorder->count("on") == 1; }));
-        central->scanForPeripheralsWithServices(std::vector{wire::kScaleService}, {});
-        ASSERT_TRUE(wait([&] { return recorder->get(&PortRecorder::found) != nullptr; }));
-        central->stopScan();
-        peripheral = bt::portPeripheral(recorder->get(&PortRecorder::found));
-        peripheral->setDelegate(recorder);
-        recorder->clear();
-    }
-    void TearDown() override { central.reset(); }
-
-    bool wait(const std::function<bool()>& done, fakebluez::Duration timeout = 5s) {
-        return FakeBluez::waitUntil(done, timeout);
+        return true;
     }
     std::size_t fakeCalls(const std::string& member) {
         const auto calls = fake.calls();
         return static_cast<std::size_t>(
             std::count_if(calls.begin(), calls.end(), [&](const auto& c) { return c.member == member; }));
     }
-    // Connects, discovers and subscribes to the battery level.
-    void link(int times) {
-        recorder->clear();
-        central->connectPeripheral(peripheral, {});
-        ASSERT_TRUE(wait([&] { return recorder->count("connected") == 1; })) << log->text;
-        peripheral->discoverServices(std::nullopt);
-        ASSERT_TRUE(wait([&] {
-            auto c =
-                std::dynamic_pointer_cast<bluez::BluezCharacteristic>(recorder->get(&PortRecorder::battery));
-            return c && c->link == std::uint32_t(2 * times - 1);
-        })) << log->text;
-        peripheral->setNotifyValue(true, recorder->get(&PortRecorder::battery));
-        ASSERT_TRUE(wait([&] { return recorder->count("notifying") == 1; })) << log->text;
-    }
 
     fakebluez::PrivateBus bus;
     fakebluez::ScopedSystemBus systemBus{bus.address()};
     FakeBluez fake{bus.address()};
+    const bool scaleAdded_ = addScale();  // before the client looks
     std::shared_ptr<CapturedLog> log = std::make_shared<CapturedLog>();
-    std::shared_ptr<PortRecorder> recorder = std::make_shared<PortRecorder>();
-    std::shared_ptr<bt::Central> central;
-    bt::PeripheralPtr peripheral;
+    PortClient client{bluez::NotifyMode::Property, log};
+    std::shared_ptr<PortRecorder>& recorder = client.recorder;
+    std::shared_ptr<bt::Central>& central = client.central;
+    bt::PeripheralPtr& peripheral = client.peripheral;
 };
 
 TEST_F(BluezPort, CancellingAnAttemptIsSilentAndTheNextAttemptLinks) {
@@ -172,7 +190,7 @@ TEST_F(BluezPort, CancellingAnAttemptIsSilentAndTheNextAttemptLinks) {
 
 TEST_F(BluezPort, AReadIsOneEventAndEachNotificationOneOnEveryLink) {
     for (int times = 1; times <= 2; ++times) {
-        link(times);
+        client.link();
         recorder->clear();
         // bluetoothd announces the value it read as a change too.
         peripheral->readValueForCharacteristic(recorder->get(&PortRecorder::battery));
@@ -195,6 +213,19 @@ TEST_F(BluezPort, ACentralReleasedInsideItsOwnEventEndsItsLink) {
     handle.connectPeripheral(peripheral, {});
     ASSERT_TRUE(wait([&] { return recorder->count("connected") == 1; }));
     EXPECT_TRUE(wait([&] { return fakeCalls("Disconnect") == 1 && !fake.isConnected(kScaleAddress); }));
+}
+
+TEST_F(BluezPort, ASocketRefusedForAnExistingSessionFallsBackToTheProperty) {
+    client.link();
+    PortClient second(bluez::NotifyMode::Socket, log);
+    second.link();
+    EXPECT_EQ(fakeCalls("AcquireNotify"), 1u);
+    EXPECT_EQ(fakeCalls("StartNotify"), 2u);
+    second.recorder->clear();
+    fake.notify(kScaleAddress, wire::kBatteryLevel, {42});
+    // bluetoothd sends one signal per subscribed client, and every client
+    // hears all of them: by property, a value arrives once per session.
+    EXPECT_TRUE(wait([&] { return second.recorder->count("value 42") == 2; })) << log->text;
 }
 
 }  // namespace

@@ -40,7 +40,7 @@ struct CapturedLog : LogSink {
 };
 
 struct BluezRigOptions {
-    bluez::NotifyMode notify = bluez::NotifyMode::Property;
+    bluez::NotifyMode notify = bluez::NotifyMode::Socket;  // the library's default
     fakebluez::Timings timings{};
     std::chrono::milliseconds discoveryTimeout{2000};
 };

@@ -23,6 +23,34 @@ void collect(const std::string& path, const Interfaces& interfaces, std::vector<
     }
 }
 
+// A characteristic's changed properties, read in place: with notifications by
+// property every value arrives this way, so it is read without a variant.
+BluezProperties readCharacteristicChange(sdbus::Message& message) {
+    BluezProperties change;
+    message.enterContainer("{sv}");
+    while (message.enterDictEntry("sv")) {
+        std::string key;
+        std::string type;
+        std::string contents;
+        message >> key;
+        message.peekType(type, contents);
+        if (key == "Value" && contents == "ay") {
+            std::vector<std::uint8_t> value;
+            message.enterVariant("ay");
+            message >> value;
+            message.exitVariant();
+            change.value = std::move(value);
+        } else {
+            sdbus::Variant unused;  // Notifying and the like: not needed
+            message >> unused;
+        }
+        message.exitDictEntry();
+    }
+    message.clearFlags();
+    message.exitContainer();
+    return change;
+}
+
 }  // namespace
 
 OwnedFd& OwnedFd::operator=(OwnedFd&& other) noexcept {
@@ -90,12 +118,19 @@ BluezBus::BluezBus(EventLoop& loop, Handlers handlers, std::function<void()> los
             if (!fromOwner(message)) return;
             try {
                 std::string interface;
-                VariantMap changed;
-                std::vector<std::string> invalidated;
-                message >> interface >> changed >> invalidated;
+                message >> interface;
                 if (!isOurs(interface)) return;
-                later([path = message.getPath(), interface = std::move(interface),
-                       change = parseProperties(changed),
+                BluezProperties change;
+                if (interface == kCharacteristicInterface) {
+                    change = readCharacteristicChange(message);
+                } else {
+                    VariantMap changed;
+                    message >> changed;
+                    change = parseProperties(changed);
+                }
+                std::vector<std::string> invalidated;
+                message >> invalidated;
+                later([path = message.getPath(), interface = std::move(interface), change = std::move(change),
                        invalidated = std::move(invalidated)](BluezBus& bus) {
                     bus.handlers_.propertiesChanged(path, interface, change, invalidated);
                 });

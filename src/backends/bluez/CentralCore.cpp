@@ -325,6 +325,13 @@ void CentralCore::interfacesRemoved(const std::string& path, const std::vector<s
 void CentralCore::propertiesChanged(const std::string& path, const std::string& interface,
                                     const BluezProperties& change,
                                     const std::vector<std::string>& invalidated) {
+    if (interface == kCharacteristicInterface) {
+        // A value (a notification, or the echo of a read); nothing else of a
+        // characteristic that the backend uses changes.
+        if (!change.value) return;
+        if (auto peripheral = peripheralAt(devicePathOf(path))) peripheral->valueChanged(path, *change.value);
+        return;
+    }
     const auto* merged = objects_.change(path, interface, change, invalidated);
     if (merged == nullptr) return;
     if (interface == kAdapterInterface) {
@@ -335,8 +342,6 @@ void CentralCore::propertiesChanged(const std::string& path, const std::string& 
         if (path == adapterPath_) updateState();
     } else if (interface == kDeviceInterface) {
         deviceUpdated(path, change, false);
-    } else if (interface == kCharacteristicInterface && change.value) {
-        if (auto peripheral = peripheralAt(devicePathOf(path))) peripheral->valueChanged(path, *change.value);
     }
 }
 

@@ -25,13 +25,14 @@ class BluezPeripheral;
 // How notifications reach the backend.
 enum class NotifyMode {
     Property,  // StartNotify: each value is a PropertiesChanged(Value) signal
-    Socket,    // AcquireNotify: each value is a packet on a socket of our own
+    Socket,    // AcquireNotify: each value is a packet on a socket of our own; where
+               // bluetoothd refuses one (a session exists), by property instead
 };
 
 struct CentralOptions {
     std::string queueLabel = "Corebluetooth";
     std::string adapter;  // object path or name; empty = the first powered
-    NotifyMode notifyMode = NotifyMode::Property;
+    NotifyMode notifyMode = NotifyMode::Socket;
     // How long service discovery waits for ServicesResolved.
     std::chrono::milliseconds discoveryTimeout{10'000};
     std::shared_ptr<LogSink> log;
