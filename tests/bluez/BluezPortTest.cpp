@@ -188,6 +188,19 @@ TEST_F(BluezPort, CancellingAnAttemptIsSilentAndTheNextAttemptLinks) {
     EXPECT_EQ(peripheral->state(), bt::PeripheralState::Connected);
 }
 
+TEST_F(BluezPort, AnAttemptAnsweredInProgressIsTriedAgainUntilItLinks) {
+    // Another client's attempt hangs in bluetoothd; ours is answered InProgress
+    // until it clears what is pending, then links.
+    fake.hangConnect(kScaleAddress, 20s);
+    PortClient other(bluez::NotifyMode::Socket, log);
+    other.central->connectPeripheral(other.peripheral, {});
+    ASSERT_TRUE(wait([&] { return fakeCalls("Connect") == 1; }));
+    central->connectPeripheral(peripheral, {});
+    ASSERT_TRUE(wait([&] { return recorder->count("connected") == 1; })) << log->text;
+    EXPECT_EQ(recorder->events(), std::vector<std::string>{"connected"});
+    EXPECT_GE(fakeCalls("Connect"), 3u);
+}
+
 TEST_F(BluezPort, AReadIsOneEventAndEachNotificationOneOnEveryLink) {
     for (int times = 1; times <= 2; ++times) {
         client.link();
