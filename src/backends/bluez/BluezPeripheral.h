@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -12,6 +11,7 @@
 #include "backends/bluez/BluezGatt.h"
 #include "backends/bluez/BluezProperties.h"
 #include "backends/bluez/EventLoop.h"
+#include "backends/bluez/RequestQueue.h"
 #include "bt/Peripheral.h"
 
 namespace plenk::bluez {
@@ -75,7 +75,7 @@ public:
     bool shutdown();
 
 private:
-    using Done = std::function<void()>;
+    using Done = RequestQueue::Done;
 
     std::shared_ptr<BluezPeripheral> self();
     std::shared_ptr<CentralCore> core() const;
@@ -94,8 +94,6 @@ private:
 
     // Requests: posted from the host, queued on the loop.
     void post(std::function<void(BluezPeripheral&)> work);
-    void enqueue(std::function<void(Done)> request);
-    void runNext();
     std::shared_ptr<BluezCharacteristic> ownCharacteristic(const bt::CharacteristicPtr& characteristic) const;
     std::shared_ptr<BluezCharacteristic> characteristicAt(const std::string& path) const;
 
@@ -138,9 +136,7 @@ private:
     int busyAnswers_ = 0;            // InProgress answers to this attempt
     EventLoop::TimerId retryTimer_ = 0;
 
-    std::deque<std::function<void(Done)>> requests_;
-    bool requestRunning_ = false;
-    std::uint64_t requestToken_ = 0;  // bumped when the running request ends or the link drops
+    RequestQueue requests_;  // emptied when the link drops
 
     bool discovering_ = false;
     std::optional<std::vector<bt::Uuid>> discoveryFilter_;
