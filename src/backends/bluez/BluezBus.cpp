@@ -193,9 +193,7 @@ void BluezBus::loadObjects() {
                           BluezBus& bus) { bus.handlers_.objectsFailed(failure); });
                 return;
             }
-            later([updates = std::move(updates)](BluezBus& bus) mutable {
-                bus.handlers_.objectsLoaded(std::move(updates));
-            });
+            later([updates = std::move(updates)](BluezBus& bus) { bus.handlers_.objectsLoaded(updates); });
         },
         std::chrono::microseconds::zero());
 }
@@ -211,7 +209,7 @@ void BluezBus::call(const std::string& path, const char* interface, const char* 
 }
 
 void BluezBus::callRaw(const std::string& destination, const std::string& path, const char* interface,
-                       const char* method, const Fill& fill, RawReply onReply,
+                       const char* method, const Fill& fill, const RawReply& onReply,
                        std::chrono::microseconds timeout) {
     try {
         auto& proxy = proxyFor(destination, path);

@@ -51,7 +51,7 @@ public:
         // org.bluez got an owner (its unique name) or lost it ("").
         std::function<void(const std::string& owner)> ownerChanged;
         // The answer to loadObjects(): everything org.bluez exports.
-        std::function<void(std::vector<InterfaceUpdate>)> objectsLoaded;
+        std::function<void(const std::vector<InterfaceUpdate>&)> objectsLoaded;
         std::function<void(const BusError&)> objectsFailed;
         std::function<void(const InterfaceUpdate&)> interfaceAdded;
         std::function<void(const std::string& path, const std::vector<std::string>& interfaces)>
@@ -96,7 +96,8 @@ public:
 private:
     using RawReply = std::function<void(sdbus::MethodReply& reply, const sdbus::Error* error)>;
     void callRaw(const std::string& destination, const std::string& path, const char* interface,
-                 const char* method, const Fill& fill, RawReply onReply, std::chrono::microseconds timeout);
+                 const char* method, const Fill& fill, const RawReply& onReply,
+                 std::chrono::microseconds timeout);
     sdbus::IProxy& proxyFor(const std::string& destination, const std::string& path);
     // Posts `task` to the loop; it runs only while this bus lives.
     void later(std::function<void(BluezBus&)> task);

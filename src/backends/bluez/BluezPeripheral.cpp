@@ -198,7 +198,7 @@ void BluezPeripheral::discoverCharacteristics(const std::optional<std::vector<bt
             p.diagnose("[bluez] discoverCharacteristics for a service of no current link: dropped");
             return;
         }
-        p.requests_.push([&p, characteristicUUIDs, own](Done done) {
+        p.requests_.push([&p, characteristicUUIDs, own](const Done& done) {
             p.buildCharacteristics(characteristicUUIDs, own);
             done();
         });
@@ -246,7 +246,7 @@ void BluezPeripheral::readRSSI() {
             p.diagnose("[bluez] readRSSI on a peripheral that is not connected: dropped");
             return;
         }
-        p.requests_.push([&p](Done done) {
+        p.requests_.push([&p](const Done& done) {
             // BlueZ has no signal-strength read on a link: what the last
             // advertisement gave is all there is.
             auto c = p.core();

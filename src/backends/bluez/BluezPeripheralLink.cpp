@@ -48,7 +48,7 @@ void BluezPeripheral::sendConnect() {
     c->bus()->call(
         devicePath_, kDeviceInterface, "Connect", [](sdbus::MethodCall&) {},
         [weak = std::weak_ptr<BluezPeripheral>(self()), call, attempt = attempt_](
-            std::optional<bool>, std::optional<BusError> error) {
+            std::optional<bool>, const std::optional<BusError>& error) {
             if (auto p = weak.lock()) p->connectAnswered(call, attempt, error);
         },
         kConnectCallTimeout);
@@ -155,7 +155,8 @@ void BluezPeripheral::sendDisconnect() {
     if (!c || !c->bus() || devicePath_.empty()) return;
     c->bus()->call(
         devicePath_, kDeviceInterface, "Disconnect", [](sdbus::MethodCall&) {},
-        [weak = std::weak_ptr<BluezPeripheral>(self())](std::optional<bool>, std::optional<BusError> error) {
+        [weak = std::weak_ptr<BluezPeripheral>(self())](std::optional<bool>,
+                                                        const std::optional<BusError>& error) {
             auto p = weak.lock();
             if (p && error) p->diagnose("[bluez] Disconnect failed: " + error->name + " " + error->message);
         });

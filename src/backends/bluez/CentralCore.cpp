@@ -147,12 +147,10 @@ void CentralCore::withDelegate(const std::function<void(bt::CentralDelegate&, bt
 
 void CentralCore::updateState() {
     bt::ManagerState state = bt::ManagerState::Unknown;
-    if (busFailed_) {
-        state = bt::ManagerState::Unsupported;  // no system bus: no BlueZ on this machine
-    } else if (owner_.empty() || !objectsKnown_) {
+    if (!busFailed_ && (owner_.empty() || !objectsKnown_)) {
         state = unauthorized_ ? bt::ManagerState::Unauthorized : bt::ManagerState::Unknown;
-    } else if (adapterPath_.empty()) {
-        state = bt::ManagerState::Unsupported;
+    } else if (busFailed_ || adapterPath_.empty()) {
+        state = bt::ManagerState::Unsupported;  // no system bus, or no adapter: no Bluetooth here
     } else {
         const auto* adapter = objects_.find(adapterPath_, kAdapterInterface);
         state = adapter != nullptr && adapter->powered.value_or(false) ? bt::ManagerState::PoweredOn
@@ -180,9 +178,7 @@ void CentralCore::openBus() {
     // The bus posts its handlers as tasks of the loop and drops them once it is
     // gone, and it lives inside this core: `this` is safe in them.
     handlers.ownerChanged = [this](const std::string& owner) { ownerChanged(owner); };
-    handlers.objectsLoaded = [this](std::vector<InterfaceUpdate> updates) {
-        objectsLoaded(std::move(updates));
-    };
+    handlers.objectsLoaded = [this](const std::vector<InterfaceUpdate>& updates) { objectsLoaded(updates); };
     handlers.objectsFailed = [this](const BusError& error) { objectsFailed(error); };
     handlers.interfaceAdded = [this](const InterfaceUpdate& update) { interfaceAdded(update); };
     handlers.interfacesRemoved = [this](const std::string& path, const std::vector<std::string>& interfaces) {
@@ -249,7 +245,7 @@ void CentralCore::ownerChanged(const std::string& owner) {
     if (bus_) bus_->loadObjects();
 }
 
-void CentralCore::objectsLoaded(std::vector<InterfaceUpdate> updates) {
+void CentralCore::objectsLoaded(const std::vector<InterfaceUpdate>& updates) {
     objects_.clear();
     for (const auto& update : updates) objects_.add(update.path, update.interface, update.properties);
     objectsKnown_ = true;

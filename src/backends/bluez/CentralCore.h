@@ -80,7 +80,7 @@ private:
     void busLost();
     void teardown();
     void ownerChanged(const std::string& owner);
-    void objectsLoaded(std::vector<InterfaceUpdate> updates);
+    void objectsLoaded(const std::vector<InterfaceUpdate>& updates);
     void objectsFailed(const BusError& error);
     void interfaceAdded(const InterfaceUpdate& update);
     void interfacesRemoved(const std::string& path, const std::vector<std::string>& interfaces);
