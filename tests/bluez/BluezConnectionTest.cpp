@@ -59,6 +59,35 @@ TEST(BluezConnection, ConnectsTaresAndStreamsWeightsInBothFormatsOverBothNotific
     }
 }
 
+TEST(BluezConnection, FindsTheScaleCachedOrBehindTheChosenAdapter) {
+    struct Row {
+        const char* name;
+        std::string requested;  // Context::adapter
+        bool hci0Powered;
+        std::string scaleAdapter;
+        bool cached;
+    };
+    const Row rows[] = {
+        // Known from an earlier scan: reported once this scan hears it.
+        {"cached", "", true, "hci0", true},
+        {"first powered adapter", "", false, "hci1", false},
+        {"adapter by name", "hci1", true, "hci1", false},
+        {"adapter by path", "/org/bluez/hci1", true, "hci1", false},
+    };
+    for (const auto& row : rows) {
+        BluezRig rig({.adapter = row.requested});
+        rig.fake.addAdapter({.name = "hci0", .address = "00:1A:7D:DA:71:10", .powered = row.hci0Powered});
+        rig.fake.addAdapter({.name = "hci1", .address = "00:1A:7D:DA:71:11"});
+        fakebluez::ScaleSetup setup;
+        setup.address = kScaleAddress;
+        setup.adapter = row.scaleAdapter;
+        setup.cached = row.cached;
+        rig.fake.addScale(setup);
+        rig.start();
+        EXPECT_TRUE(rig.waitFor([&] { return weightCount(rig) >= 1; })) << row.name << rig.log();
+    }
+}
+
 TEST(BluezConnection, CommandsBatteryAndConfigurationReachTheScale) {
     // Declared before the rig: completions may still run while it winds down.
     std::vector<std::string> results;

@@ -18,6 +18,7 @@ void BluezRig::start() {
     Context context;
     context.mainQueue = loop;
     context.log = captured;
+    context.adapter = options.adapter;
     context.notifications = notifications;
     context.backend = std::make_shared<bluez::BluezBackend>(backend);
     plenk = PKPlenk::create(context);

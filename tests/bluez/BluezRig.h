@@ -43,6 +43,7 @@ struct BluezRigOptions {
     bluez::NotifyMode notify = bluez::NotifyMode::Socket;  // the library's default
     fakebluez::Timings timings{};
     std::chrono::milliseconds discoveryTimeout{2000};
+    std::string adapter{};  // Context::adapter
 };
 
 class BluezRig {
