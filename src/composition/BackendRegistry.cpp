@@ -5,6 +5,9 @@
 #include <stdexcept>
 
 #include "backends/sim/SimBackend.h"
+#ifdef PLENK_HAVE_BLUEZ
+#include "backends/bluez/BluezBackend.h"
+#endif
 
 namespace plenk {
 
@@ -22,7 +25,12 @@ Registry& storage() {
 // The built-in backends, registered on first use: no static-initialisation order games.
 Registry& registry() {
     static std::once_flag builtins;
-    std::call_once(builtins, [] { BackendRegistry::add("sim", sim::makeBackend); });
+    std::call_once(builtins, [] {
+        BackendRegistry::add("sim", sim::makeBackend);
+#ifdef PLENK_HAVE_BLUEZ
+        BackendRegistry::add("bluez", bluez::makeBackend);
+#endif
+    });
     return storage();
 }
 }  // namespace
@@ -58,7 +66,12 @@ std::vector<std::string> BackendRegistry::names() {
 }
 
 std::string BackendRegistry::defaultName() {
+    // Real Bluetooth when it is built in; the simulator stays one word away.
+#ifdef PLENK_HAVE_BLUEZ
+    return "bluez";
+#else
     return "sim";
+#endif
 }
 
 }  // namespace plenk

@@ -16,14 +16,18 @@ public:
         timers_.emplace(deadline, std::make_pair(id, std::move(fire)));
         return id;
     }
-    bool cancel(Clock::TimerId id) {
+    bool cancel(Clock::TimerId id) { return static_cast<bool>(take(id)); }
+    // Removes a pending timer and hands its task over (empty when not pending),
+    // so that the caller can release it outside its lock.
+    Task take(Clock::TimerId id) {
         for (auto it = timers_.begin(); it != timers_.end(); ++it) {
             if (it->second.first == id) {
+                Task fire = std::move(it->second.second);
                 timers_.erase(it);
-                return true;
+                return fire;
             }
         }
-        return false;
+        return {};
     }
     bool empty() const { return timers_.empty(); }
     std::size_t size() const { return timers_.size(); }
