@@ -29,7 +29,7 @@ echo "|---|---|---|---|---|---|---|---|---|"
 for rate in 100 1000; do
   coproc FAKE { exec "$fake" --private --scale "Plenk Scale" --rate "$rate" --sequence --stamps "$work/stamps.$rate"; }
   fake_pid=$FAKE_PID
-  read -r address <&"${FAKE[0]}"
+  read -r address <&"${FAKE[0]}" || { echo "the fake bluetoothd did not start" >&2; exit 1; }
   BENCH_BUS_PID=$(pgrep -P "$fake_pid" dbus-daemon)
   export DBUS_SYSTEM_BUS_ADDRESS=$address BENCH_BUS_PID
   for run in plenkkit-start plenkkit-acquire bleak; do

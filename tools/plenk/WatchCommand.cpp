@@ -77,7 +77,8 @@ std::string radioProblem(LinkMonitor::State state, const Context& context) {
     const std::string suggestion = "; use --sim for the simulated scale";
     switch (state) {
         case LinkMonitor::State::NoAdapter:
-            return "no Bluetooth adapter" + adapter + " found through " + context.backendName + suggestion;
+            return "no Bluetooth adapter" + adapter + " found through " + context.backendName +
+                   " (check that bluetoothd runs and the adapter is present)" + suggestion;
         case LinkMonitor::State::NotAllowed:
             return "not allowed to use Bluetooth through " + context.backendName +
                    " (the system bus denied access)" + suggestion;

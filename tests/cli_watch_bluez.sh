@@ -1,0 +1,60 @@
+#!/usr/bin/env bash
+# plenk watch on the BlueZ backend, against the fake bluetoothd on a private
+# bus: the default backend finds the scale, tares it and streams weights in
+# both formats; an adapter that does not exist and a bus without bluetoothd
+# end with status 3 and advice.
+set -euo pipefail
+plenk=${PLENK_BINARY_DIR:?}/tools/plenk
+fake=$PLENK_BINARY_DIR/tests/fakebluez/fake-bluetoothd
+out=$(mktemp)
+err=$(mktemp)
+fake_pid=
+stop_fake() {
+  if [ -n "$fake_pid" ]; then kill "$fake_pid" 2>/dev/null || true; wait "$fake_pid" 2>/dev/null || true; fi
+  fake_pid=
+}
+trap 'stop_fake; rm -f "$out" "$err"' EXIT
+fail() { echo "FAIL: $*"; cat "$out" "$err"; exit 1; }
+
+# Starts the fake with these options and points the system bus at it.
+start_fake() {
+  coproc FAKE { exec "$fake" --private "$@"; }
+  fake_pid=$FAKE_PID
+  read -r DBUS_SYSTEM_BUS_ADDRESS <&"${FAKE[0]}" || fail "the fake bluetoothd did not start"
+  export DBUS_SYSTEM_BUS_ADDRESS
+}
+
+unset PLENK_BACKEND PLENK_ADAPTER
+# 1. Both weight formats, by the advertised name; the library's default backend.
+while IFS='|' read -r name format; do
+  start_fake --scale "$name" --format "$format" --rate 20
+  timeout 30 "$plenk" --json watch --duration 4 >"$out" 2>"$err" || fail "$format: exit status $?"
+  grep -v '"event":"state"' "$out" | head -n1 | grep -qx '{"event":"connected"}' || fail "$format: not connected first"
+  grep -q '{"event":"battery","value":85}' "$out" || fail "$format: no battery reading"
+  weights=$(grep -c '"event":"weight"' "$out")
+  [ "$weights" -ge 30 ] || fail "$format: only $weights weights in about 3 s at 20 Hz"
+  # Tared on connection, nothing poured yet in the first second: close to zero.
+  grep -m1 '"event":"weight"' "$out" | grep -Eq '"value":-?0(\.[0-9]+)?(e-?[0-9]+)?\}' ||
+    fail "$format: first weight not near zero"
+  grep -v '"event":"state"' "$out" | tail -n1 | grep -qx '{"event":"disconnected"}' || fail "$format: no clean end"
+  stop_fake
+done <<'TABLE'
+Plenk Scale|binary
+Coffee Scale|text
+TABLE
+
+# 2. No usable radio: status 3, one line naming the cause and --sim.
+start_fake
+while IFS='|' read -r pattern bus args; do
+  set +e
+  # shellcheck disable=SC2086
+  DBUS_SYSTEM_BUS_ADDRESS=${bus:-$DBUS_SYSTEM_BUS_ADDRESS} timeout 20 "$plenk" watch $args >"$out" 2>"$err"
+  status=$?
+  set -e
+  [ "$status" -eq 3 ] && [ "$(grep -c '' "$err")" -eq 1 ] && grep -q -- "$pattern" "$err" && grep -q -- "--sim" "$err" ||
+    fail "watch $args: status $status, stderr: $(cat "$err")"
+done <<'TABLE'
+no Bluetooth adapter 'hci9'||--adapter hci9
+through bluez|unix:path=/nonexistent/socket|--backend bluez
+TABLE
+echo "cli watch on bluez: ok"
