@@ -174,6 +174,11 @@ TEST(BluezConnection, CommandsBatteryAndConfigurationReachTheScale) {
     rig.plenk->readPlenkBatteryLifeWithCompletion([&](std::int64_t level) { battery = level; });
     ASSERT_TRUE(rig.waitFor([&] { return configuration && battery >= 0; })) << rig.log();
     EXPECT_EQ(battery, 85);
+
+    // A write the scale refuses reaches the host as a write error.
+    rig.fake.failWrites(kScaleAddress, wire::kCommandCharacteristic, 0x03);
+    kit->tare();
+    EXPECT_TRUE(rig.waitFor([&] { return rig.host->count("error 109") == 1; })) << rig.log();
 }
 
 TEST(BluezConnection, ReconnectsAfterALinkDropWithEveryWeightOnce) {
