@@ -104,12 +104,52 @@ TEST(BluezConnection, CommandsBatteryAndConfigurationReachTheScale) {
         std::function<void(RKRostaKit&)> send;
         std::vector<Bytes> frames;
     };
+    const auto bytes = [](const wire::Frame& frame) {
+        return Bytes(frame.span().begin(), frame.span().end());
+    };
+    const auto led = wire::ledDisplayFrames(true);
+    std::vector<Bytes> ledFrames;
+    for (const auto& frame : led.span()) ledFrames.push_back(bytes(frame));
+    // Every command but the two that end the link (firmware disconnect, update).
     const std::vector<Case> cases = {
-        {"tare", [](RKRostaKit& k) { k.tare(); }, {{0x10}}},
-        {"calibrate", [](RKRostaKit& k) { k.calibrate(7); }, {{0xCA, 0x07}}},
-        {"segment block", [](RKRostaKit& k) { k.sevenSegmentBlock(3, 0x42); }, {{0xE3, 0x42}}},
-        {"unit", [](RKRostaKit& k) { k.setUnit(0); }, {{0x02}}},
-        {"firmware version", [](RKRostaKit& k) { k.getFWVersion(); }, {{0x00}}},
+        {"tare", [](RKRostaKit& k) { k.tare(); }, {bytes(wire::tareFrame())}},
+        {"calibrate", [](RKRostaKit& k) { k.calibrate(7); }, {bytes(wire::calibrateFrame(7))}},
+        {"segment command", [](RKRostaKit& k) { k.sevenSegmentCommand(0xE5, 0x33); }, {{0xE5, 0x33}}},
+        {"segment block",
+         [](RKRostaKit& k) { k.sevenSegmentBlock(3, 0x42); },
+         {bytes(wire::segmentBlockFrame(3, 0x42))}},
+        {"segment preset",
+         [](RKRostaKit& k) { k.sevenSegmentPreset(5); },
+         {bytes(wire::segmentPresetFrame(5))}},
+        {"segment update",
+         [](RKRostaKit& k) { k.sevenSegmentUpdate(); },
+         {bytes(wire::segmentUpdateFrame())}},
+        {"segment release",
+         [](RKRostaKit& k) { k.sevenSegmentReleaseControl(); },
+         {bytes(wire::segmentReleaseFrame())}},
+        {"segment on",
+         [](RKRostaKit& k) { k.sevenSegmentSwitchOn(true); },
+         {bytes(wire::segmentSwitchFrame(true))}},
+        {"firmware version", [](RKRostaKit& k) { k.getFWVersion(); }, {bytes(wire::firmwareVersionFrame())}},
+        {"indication LED",
+         [](RKRostaKit& k) { k.indicationLEDSwitchOn(true); },
+         {bytes(wire::indicationLedFrame(true))}},
+        {"engineering",
+         [](RKRostaKit& k) { k.setEngineeringMode(true); },
+         {bytes(wire::engineeringModeFrame(true))}},
+        {"advertising",
+         [](RKRostaKit& k) { k.setAdvertisingTime(2, 1); },
+         {bytes(wire::advertisingTimeFrame(2, 1))}},
+        {"sleep", [](RKRostaKit& k) { k.setSleepTime(3, 0); }, {bytes(wire::sleepTimeFrame(3, 0))}},
+        {"timer", [](RKRostaKit& k) { k.setTimerOn(true, true); }, {bytes(wire::timerFrame(true, true))}},
+        {"timer auto start",
+         [](RKRostaKit& k) { k.setTimerAutoStart(true); },
+         {bytes(wire::timerAutoStartFrame(true))}},
+        {"power",
+         [](RKRostaKit& k) { k.setBLEPowerEnhanced(true); },
+         {bytes(wire::powerEnhancedFrame(true))}},
+        {"LED display", [](RKRostaKit& k) { k.setLEDDisplayOn(true); }, ledFrames},
+        {"unit", [](RKRostaKit& k) { k.setUnit(0); }, {bytes(wire::unitFrame(0))}},
     };
     for (const auto& c : cases) {
         rig.fake.clearWrites(kScaleAddress);
@@ -134,6 +174,11 @@ TEST(BluezConnection, CommandsBatteryAndConfigurationReachTheScale) {
     rig.plenk->readPlenkBatteryLifeWithCompletion([&](std::int64_t level) { battery = level; });
     ASSERT_TRUE(rig.waitFor([&] { return configuration && battery >= 0; })) << rig.log();
     EXPECT_EQ(battery, 85);
+
+    // A write the scale refuses reaches the host as a write error.
+    rig.fake.failWrites(kScaleAddress, wire::kCommandCharacteristic, 0x03);
+    kit->tare();
+    EXPECT_TRUE(rig.waitFor([&] { return rig.host->count("error 109") == 1; })) << rig.log();
 }
 
 TEST(BluezConnection, ReconnectsAfterALinkDropWithEveryWeightOnce) {

@@ -198,8 +198,11 @@ void BluezBus::loadObjects() {
         std::chrono::microseconds::zero());
 }
 
-void BluezBus::forget(const std::string& path) {
-    proxies_.erase({kBluezService, path});
+void BluezBus::forgetUnder(const std::string& path) {
+    std::erase_if(proxies_, [&](const auto& entry) {
+        const auto& [destination, object] = entry.first;
+        return destination == kBluezService && (object == path || object.starts_with(path + "/"));
+    });
 }
 
 void BluezBus::call(const std::string& path, const char* interface, const char* method, const Fill& fill,

@@ -78,8 +78,9 @@ public:
     void queryOwner();
     // Asks for every object: answered through objectsLoaded or objectsFailed.
     void loadObjects();
-    // Drops the proxies of objects that are gone (their pending calls too).
-    void forget(const std::string& path);
+    // Drops the proxies of the object at `path` and of those under it (their
+    // pending calls are never answered).
+    void forgetUnder(const std::string& path);
 
     // Calls `method` on the org.bluez object at `path`. `fill` appends the
     // arguments; `read` takes the result out of a successful reply (inside

@@ -303,6 +303,9 @@ void CentralCore::interfacesRemoved(const std::string& path, const std::vector<s
     if (objects_.find(path, kDeviceInterface) == nullptr &&
         std::find(interfaces.begin(), interfaces.end(), kDeviceInterface) != interfaces.end()) {
         if (auto peripheral = peripheralAt(path)) peripheral->deviceRemoved();
+        // Its link and requests are gone with it: so may the proxies of the
+        // device and its GATT objects (with their calls still pending).
+        if (bus_) bus_->forgetUnder(path);
     }
     if (path == adapterPath_ && objects_.find(path, kAdapterInterface) == nullptr) {
         adapterPath_.clear();
@@ -310,10 +313,6 @@ void CentralCore::interfacesRemoved(const std::string& path, const std::vector<s
         chooseAdapter();  // another adapter, or none: unsupported
         registerDevices();
         updateState();
-    }
-    if (bus_ && objects_.find(path, kDeviceInterface) == nullptr &&
-        objects_.find(path, kCharacteristicInterface) == nullptr) {
-        bus_->forget(path);
     }
 }
 
