@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # plenk watch on the BlueZ backend, against the fake bluetoothd on a private
 # bus: the default backend finds the scale, tares it and streams weights in
-# both formats; an adapter that does not exist and a bus without bluetoothd
+# both formats, shows a dropped link coming back; an adapter that does not exist and a bus without bluetoothd
 # end with status 3 and advice.
 set -euo pipefail
 plenk=${PLENK_BINARY_DIR:?}/tools/plenk
@@ -43,7 +43,19 @@ Plenk Scale|binary
 Coffee Scale|text
 TABLE
 
-# 2. No usable radio: status 3, one line naming the cause and --sim.
+# 2. A link loss: the state shows the held link being brought back, and weights flow again.
+start_fake --rate 20
+"$plenk" --json watch --duration 8 >"$out" 2>"$err" &
+watch_pid=$!
+for _ in $(seq 1 100); do grep -q '"event":"weight"' "$out" && break; sleep 0.1; done
+kill -USR1 "$fake_pid"
+wait "$watch_pid" || fail "reconnect: exit status $?"
+stop_fake
+grep '"event":"state"' "$out" | grep -A1 '"reconnecting"' | tail -n1 | grep -q '"connected"' ||
+  fail "reconnect: no reconnecting state followed by connected"
+sed -n '/"reconnecting"/,$p' "$out" | grep -q '"event":"weight"' || fail "reconnect: no weights after the link came back"
+
+# 3. No usable radio: status 3, one line naming the cause and --sim.
 start_fake
 while IFS='|' read -r pattern bus args; do
   set +e

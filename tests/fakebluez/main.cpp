@@ -6,7 +6,8 @@
 //
 // With --sequence the i-th weight notification carries the weight i, and
 // --stamps writes "i monotonic_ns" (CLOCK_MONOTONIC) per emission at exit,
-// so latency can be measured from the receiving side.
+// so latency can be measured from the receiving side. SIGUSR1 drops every
+// scale's link (a link loss, as when a scale goes out of range for a moment).
 
 #include <CLI/CLI.hpp>
 
@@ -57,6 +58,7 @@ int main(int argc, char** argv) {
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     try {
@@ -86,6 +88,7 @@ int main(int argc, char** argv) {
                                                      std::int64_t ns) { emitted.emplace_back(index, ns); });
             }
             bluez.addAdapter({.name = adapter});
+            std::vector<std::string> addresses;
             for (std::size_t i = 0; i < names.size(); ++i) {
                 char deviceAddress[18];
                 std::snprintf(deviceAddress, sizeof deviceAddress, "C0:FF:EE:00:00:%02X",
@@ -99,10 +102,13 @@ int main(int argc, char** argv) {
                 setup.options.sampleRateHz = rate;
                 setup.sequence = sequence;
                 std::cerr << "fake-bluetoothd: \"" << names[i] << "\" at " << bluez.addScale(setup) << "\n";
+                addresses.emplace_back(deviceAddress);
             }
             std::cerr << "fake-bluetoothd: serving org.bluez as " << bluez.uniqueName() << "\n";
             int received = 0;
-            sigwait(&signals, &received);
+            while (sigwait(&signals, &received) == 0 && received == SIGUSR1) {
+                for (const auto& each : addresses) bluez.dropLink(each);
+            }
         }
         if (!stamps.empty()) {
             FILE* out = std::fopen(stamps.c_str(), "w");

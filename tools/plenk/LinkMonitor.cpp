@@ -47,11 +47,14 @@ void LinkMonitor::start(const std::shared_ptr<NotificationCenter>& center) {
     center_ = center;
     // Notifications arrive on the library's Bluetooth queue: hop to the loop.
     const std::weak_ptr<LinkMonitor> weak = weak_from_this();
+    // "Connect" means the scale is linked and set up again: a held link that
+    // comes back tells the host nothing else.
     const auto onLoop = [weak, loop = loop_](bool reconnecting) {
         return [weak, loop, reconnecting](const Notification&) {
             loop->post([weak, reconnecting] {
                 if (auto self = weak.lock()) {
                     self->reconnecting_ = reconnecting;
+                    if (!reconnecting) self->linked_ = true;
                     self->refresh();
                 }
             });
@@ -69,11 +72,11 @@ void LinkMonitor::connected() {
     refresh();
 }
 
-// Shown until the next look at the kit finds it scanning or connecting again.
-void LinkMonitor::disconnected() {
+void LinkMonitor::disconnected(bool asked) {
     linked_ = false;
-    reconnecting_ = false;
-    set(State::Disconnected);
+    reconnecting_ = !asked && plenk_->isAutoConnectEnabled();
+    set(State::Disconnected);  // heard even when reconnecting follows at once
+    if (reconnecting_) set(State::Reconnecting);
 }
 
 std::chrono::steady_clock::duration LinkMonitor::unavailableFor() const {

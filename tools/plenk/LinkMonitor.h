@@ -40,9 +40,10 @@ public:
 
     // Observes `center` (the facade's) and starts looking at the kit.
     void start(const std::shared_ptr<NotificationCenter>& center);
-    // From the facade's delegate.
+    // From the facade's delegate. A link lost without being asked to end is
+    // being brought back while auto-connect is on: shown as reconnecting.
     void connected();
-    void disconnected();
+    void disconnected(bool asked);
 
     State state() const { return reported_.value_or(State::WaitingForBluetooth); }
     // How long the radio has been unusable (no report, no adapter, not allowed).
@@ -61,7 +62,7 @@ private:
     NotificationCenter::Token connectToken_ = 0;
     std::optional<State> reported_;
     bool linked_ = false;        // the facade said connected and not since disconnected
-    bool reconnecting_ = false;  // a held link is being brought back
+    bool reconnecting_ = false;  // a lost link is being brought back
     std::chrono::steady_clock::time_point unavailableSince_ = std::chrono::steady_clock::now();
     bool unavailable_ = true;
 };

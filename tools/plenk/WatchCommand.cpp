@@ -155,7 +155,7 @@ void runWatch(const WatchOptions& options, const GlobalOptions& global) {
                 [&printer](std::int64_t level) { printer.battery(level); });
         },
         [&] {
-            monitor->disconnected();
+            monitor->disconnected(finishing);
             if (finishing) loop->stop();
         });
     plenk->setDelegate(delegate);
