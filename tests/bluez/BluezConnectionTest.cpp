@@ -179,6 +179,10 @@ TEST(BluezConnection, CommandsBatteryAndConfigurationReachTheScale) {
     rig.fake.failWrites(kScaleAddress, wire::kCommandCharacteristic, 0x03);
     kit->tare();
     EXPECT_TRUE(rig.waitFor([&] { return rig.host->count("error 109") == 1; })) << rig.log();
+
+    // The button's notifications come on their own characteristic.
+    rig.fake.pressButton(kScaleAddress, 1);
+    EXPECT_TRUE(rig.waitFor([&] { return rig.host->count("button 1") == 1; })) << rig.log();
 }
 
 TEST(BluezConnection, ReconnectsAfterALinkDropWithEveryWeightOnce) {
@@ -234,31 +238,48 @@ TEST(BluezConnection, EachConnectFailureReachesTheHostAsItsKind) {
     }
 }
 
-TEST(BluezConnection, ServiceDiscoveryWaitsForServicesResolvedButNotForever) {
+TEST(BluezConnection, ServiceDiscoveryWaitsForServicesResolvedButNotForeverAndNeedsTheScaleService) {
     struct Row {
-        fakebluez::ResolveMode mode;
+        const char* name;
+        std::function<void(fakebluez::FakeBluez&)> fault;
         const char* first;  // the host's first event
     };
-    const Row rows[] = {{fakebluez::ResolveMode::Late, "connected"},
-                        {fakebluez::ResolveMode::BeforeObjects, "connected"},
-                        {fakebluez::ResolveMode::Never, "error 107"}};
+    const auto resolve = [](fakebluez::ResolveMode mode) {
+        return [mode](fakebluez::FakeBluez& f) { f.setResolveMode(kScaleAddress, mode); };
+    };
+    const Row rows[] = {
+        {"late", resolve(fakebluez::ResolveMode::Late), "connected"},
+        {"before its objects", resolve(fakebluez::ResolveMode::BeforeObjects), "connected"},
+        {"never", resolve(fakebluez::ResolveMode::Never), "error 107"},
+        {"no weight characteristic",
+         [](fakebluez::FakeBluez& f) {
+             f.removeCharacteristic(kScaleAddress, wire::kScaleService, wire::kDataCharacteristic);
+         },
+         "error 108"},
+    };
     for (const auto& row : rows) {
         BluezRig rig;
         addScale(rig);
-        rig.fake.setResolveMode(kScaleAddress, row.mode);
+        row.fault(rig.fake);
         rig.start();
-        ASSERT_TRUE(rig.waitFor([&] { return !rig.host->snapshot().empty(); }, 10s)) << rig.log();
-        EXPECT_EQ(rig.host->snapshot().front(), row.first) << static_cast<int>(row.mode);
+        ASSERT_TRUE(rig.waitFor([&] { return !rig.host->snapshot().empty(); }, 10s)) << row.name << rig.log();
+        EXPECT_EQ(rig.host->snapshot().front(), row.first) << row.name;
     }
 }
 
-TEST(BluezConnection, RestartAndPowerOffMidStreamEndInAReconnect) {
+TEST(BluezConnection, RestartPowerOffAndRangeLossMidStreamEndInAReconnect) {
     struct Row {
         const char* name;
         std::function<void(fakebluez::FakeBluez&)> fault;
     };
     const Row rows[] = {
         {"bluetoothd restart", [](fakebluez::FakeBluez& f) { f.restart(200ms); }},
+        {"out of range for a moment",
+         [](fakebluez::FakeBluez& f) {
+             f.setInRange(kScaleAddress, false);
+             std::this_thread::sleep_for(200ms);
+             f.setInRange(kScaleAddress, true);
+         }},
         {"power cycle",
          [](fakebluez::FakeBluez& f) {
              f.setPowered("hci0", false);

@@ -63,17 +63,9 @@ void FakeBluez::setResolveMode(const std::string& address, ResolveMode mode) {
     loop_->invoke([&] { model_->device(address).setResolveMode(mode); });
 }
 
-void FakeBluez::removeService(const std::string& address, const bt::Uuid& service) {
-    loop_->invoke([&] { model_->device(address).removeService(service); });
-}
-
 void FakeBluez::removeCharacteristic(const std::string& address, const bt::Uuid& service,
                                      const bt::Uuid& characteristic) {
     loop_->invoke([&] { model_->device(address).removeCharacteristic(service, characteristic); });
-}
-
-void FakeBluez::failReads(const std::string& address, const bt::Uuid& characteristic, std::uint8_t attError) {
-    loop_->invoke([&] { model_->device(address).failReads(characteristic, attError); });
 }
 
 void FakeBluez::failWrites(const std::string& address, const bt::Uuid& characteristic,
@@ -89,14 +81,6 @@ void FakeBluez::setInRange(const std::string& address, bool inRange) {
     loop_->invoke([&] { model_->device(address).setInRange(inRange); });
 }
 
-void FakeBluez::setAdvertising(const std::string& address, bool advertising) {
-    loop_->invoke([&] { model_->device(address).setAdvertising(advertising); });
-}
-
-void FakeBluez::setRssi(const std::string& address, std::int16_t rssi) {
-    loop_->invoke([&] { model_->device(address).setRssi(rssi); });
-}
-
 void FakeBluez::notify(const std::string& address, const bt::Uuid& characteristic,
                        std::vector<std::uint8_t> value) {
     loop_->invoke([&] { model_->device(address).notify(characteristic, bt::Bytes(value)); });
@@ -107,10 +91,6 @@ void FakeBluez::pressButton(const std::string& address, int button) {
         model_->device(address).notify(wire::kControlCharacteristic,
                                        emulator::ScaleEmulator::buttonPacket(button));
     });
-}
-
-void FakeBluez::finishFirmwareUpdate(const std::string& address) {
-    loop_->invoke([&] { model_->device(address).finishFirmwareUpdate(); });
 }
 
 void FakeBluez::setPowered(const std::string& adapter, bool powered) {
@@ -125,10 +105,6 @@ std::vector<MethodCall> FakeBluez::calls() const {
     std::vector<MethodCall> calls;
     loop_->invoke([&] { calls = model_->calls(); });
     return calls;
-}
-
-void FakeBluez::clearCalls() {
-    loop_->invoke([&] { model_->calls().clear(); });
 }
 
 std::vector<GattWrite> FakeBluez::writes(const std::string& address) const {

@@ -138,25 +138,19 @@ public:
                      const std::string& text = "le-connection-timeout");
     void clearConnectFaults(const std::string& address);
     void setResolveMode(const std::string& address, ResolveMode mode);
-    // Leaves a service or characteristic out of the GATT table from now on.
-    void removeService(const std::string& address, const bt::Uuid& service);
+    // Leaves a characteristic out of the GATT table from now on.
     void removeCharacteristic(const std::string& address, const bt::Uuid& service,
                               const bt::Uuid& characteristic);
-    // Reads or writes of the characteristic fail with this ATT error code until
-    // cleared with 0 (0x02 read not permitted, 0x03 write not permitted, ...).
-    void failReads(const std::string& address, const bt::Uuid& characteristic, std::uint8_t attError);
+    // Writes of the characteristic fail with this ATT error code until cleared
+    // with 0 (0x03 write not permitted, ...).
     void failWrites(const std::string& address, const bt::Uuid& characteristic, std::uint8_t attError);
     // The peer drops the link (a link loss: ServicesResolved=false, Connected=false).
     void dropLink(const std::string& address);
     // Out of range: the link drops, nothing is advertised, connects wait.
     void setInRange(const std::string& address, bool inRange);
-    void setAdvertising(const std::string& address, bool advertising);
-    void setRssi(const std::string& address, std::int16_t rssi);
     // Sends a notification (or indication) of `value` on the characteristic.
     void notify(const std::string& address, const bt::Uuid& characteristic, std::vector<std::uint8_t> value);
     void pressButton(const std::string& address, int button);
-    // The firmware update ends: the update target restarts as the scale.
-    void finishFirmwareUpdate(const std::string& address);
 
     // --- the daemon -----------------------------------------------------------
     // Powered off: links drop first, discovery sessions end, Powered=false.
@@ -168,7 +162,6 @@ public:
 
     // --- records --------------------------------------------------------------
     std::vector<MethodCall> calls() const;
-    void clearCalls();
     std::vector<GattWrite> writes(const std::string& address) const;
     void clearWrites(const std::string& address);
     bool isConnected(const std::string& address) const;

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/socket.h>
 
 #include <sdbus-c++/sdbus-c++.h>
 
@@ -42,18 +41,11 @@ class Client {
 public:
     explicit Client(const std::string& address)
         : connection_(sdbus::createSessionBusConnectionWithAddress(address)),
-          root_(sdbus::createProxy(*connection_, "org.bluez", "/")),
-          bus_(sdbus::createProxy(*connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus")) {
+          root_(sdbus::createProxy(*connection_, "org.bluez", "/")) {
         root_->uponSignal("InterfacesAdded")
             .onInterface(kObjectManager)
             .call([this](const sdbus::ObjectPath& path, const InterfaceMap&) { added.insert(path); });
         root_->finishRegistration();
-        bus_->uponSignal("NameOwnerChanged")
-            .onInterface("org.freedesktop.DBus")
-            .call([this](const std::string& name, const std::string& oldOwner, const std::string& newOwner) {
-                if (name == "org.bluez") owners.emplace_back(oldOwner, newOwner);
-            });
-        bus_->finishRegistration();
     }
 
     std::string name() const { return connection_->getUniqueName(); }
@@ -124,13 +116,11 @@ public:
     }
 
     std::set<std::string> added;
-    std::vector<std::pair<std::string, std::string>> owners;
     std::vector<std::string> events;
 
 private:
     std::unique_ptr<sdbus::IConnection> connection_;
     std::unique_ptr<sdbus::IProxy> root_;
-    std::unique_ptr<sdbus::IProxy> bus_;
     std::map<std::string, std::unique_ptr<sdbus::IProxy>> proxies_;
     std::vector<std::unique_ptr<sdbus::IProxy>> watchers_;
 };
@@ -257,35 +247,6 @@ TEST_F(FakeBluezTest, ConnectRepliesAtLinkUpWritesAreSerialisedAndDisconnectKeep
               "org.bluez.Error.Failed: Not connected");
 }
 
-TEST_F(FakeBluezTest, AcquireNotifyPassesOnePacketPerNotificationUntilTheLinkDrops) {
-    auto bluez = fakeWithScale(false);
-    Client client(bus_->address());
-    connect(client);
-    auto& data = client.at(client.characteristic(wire::kDataCharacteristic));
-    sdbus::UnixFd fd;
-    std::uint16_t mtu = 0;
-    data.callMethod("AcquireNotify")
-        .onInterface(kCharacteristic)
-        .withArguments(Dict{})
-        .storeResultsTo(fd, mtu);
-    EXPECT_EQ(mtu, 247);
-    EXPECT_EQ(Client::errorOf([&] { data.callMethod("StartNotify").onInterface(kCharacteristic); }),
-              "org.bluez.Error.NotPermitted: Notify acquired");
-
-    bluez->notify(kScale, wire::kDataCharacteristic, {1, 2, 3});
-    bluez->notify(kScale, wire::kDataCharacteristic, {4});
-    auto receive = [&]() -> long {
-        pollfd wait{fd.get(), POLLIN, 0};
-        if (::poll(&wait, 1, 2000) <= 0) return -1;
-        std::uint8_t buffer[64];
-        return static_cast<long>(::recv(fd.get(), buffer, sizeof buffer, 0));
-    };
-    EXPECT_EQ(receive(), 3);
-    EXPECT_EQ(receive(), 1);
-    bluez->dropLink(kScale);
-    EXPECT_EQ(receive(), 0);  // the socket closes with the link
-}
-
 TEST_F(FakeBluezTest, StartNotifySessionsStreamWeightsAndSurviveAReconnect) {
     auto bluez = fakeWithScale();
     Client client(bus_->address());
@@ -313,22 +274,6 @@ TEST_F(FakeBluezTest, StartNotifySessionsStreamWeightsAndSurviveAReconnect) {
         [&] { return !client.events.empty() && client.events.back() == "ServicesResolved=true"; }));
     values.clear();
     EXPECT_TRUE(client.pump([&] { return values.size() >= 2; }));
-}
-
-TEST_F(FakeBluezTest, RestartHandsOrgBluezToANewConnectionThatExportsOnlyKnownObjects) {
-    auto bluez = fakeWithScale();
-    bluez->addScale({.address = kOther});  // never scanned: not known after a restart
-    Client client(bus_->address());
-    const std::string before = bluez->uniqueName();
-    bluez->restart();
-    ASSERT_TRUE(client.pump([&] { return client.owners.size() == 2; }));
-    const std::string after = bluez->uniqueName();
-    EXPECT_NE(after, before);
-    EXPECT_EQ(client.owners, (std::vector<std::pair<std::string, std::string>>{{before, ""}, {"", after}}));
-    std::set<std::string> paths;
-    for (const auto& [path, interfaces] : client.objects()) paths.insert(path);
-    EXPECT_EQ(paths, (std::set<std::string>{"/org/bluez", "/org/bluez/hci0",
-                                            FakeBluez::devicePath("hci0", kScale)}));
 }
 
 }  // namespace

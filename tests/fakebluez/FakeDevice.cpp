@@ -365,11 +365,6 @@ void FakeDevice::setInRange(bool inRange) {
     reachabilityChanged();
 }
 
-void FakeDevice::setAdvertising(bool advertising) {
-    setup_.advertising = advertising;
-    reachabilityChanged();
-}
-
 void FakeDevice::daemonStopped() {
     for (auto* timer : {&connectTimer_, &timeoutTimer_, &resolveTimer_, &disconnectTimer_})
         cancelTimer(*timer);
@@ -409,20 +404,8 @@ void FakeDevice::clearConnectFaults() {
     alwaysFault_.reset();
 }
 
-void FakeDevice::removeService(const bt::Uuid& service) {
-    removedServices_.insert(service);
-}
-
 void FakeDevice::removeCharacteristic(const bt::Uuid& service, const bt::Uuid& characteristic) {
     removedCharacteristics_.insert({service, characteristic});
-}
-
-void FakeDevice::failReads(const bt::Uuid& characteristic, std::uint8_t attError) {
-    if (attError == 0) {
-        readErrors_.erase(characteristic);
-    } else {
-        readErrors_[characteristic] = attError;
-    }
 }
 
 void FakeDevice::failWrites(const bt::Uuid& characteristic, std::uint8_t attError) {
@@ -431,12 +414,6 @@ void FakeDevice::failWrites(const bt::Uuid& characteristic, std::uint8_t attErro
     } else {
         writeErrors_[characteristic] = attError;
     }
-}
-
-void FakeDevice::finishFirmwareUpdate() {
-    if (!scale_.inUpdateMode()) return;
-    linkLost();
-    scale_.finishUpdate(emulatorNow());
 }
 
 }  // namespace plenk::fakebluez

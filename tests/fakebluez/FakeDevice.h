@@ -80,19 +80,14 @@ public:
     void hangConnect(Duration after, const std::string& text);
     void clearConnectFaults();
     void setResolveMode(ResolveMode mode) { resolveMode_ = mode; }
-    void removeService(const bt::Uuid& service);
     void removeCharacteristic(const bt::Uuid& service, const bt::Uuid& characteristic);
-    void failReads(const bt::Uuid& characteristic, std::uint8_t attError);
     void failWrites(const bt::Uuid& characteristic, std::uint8_t attError);
     // The link is lost (the peer left, went out of range, or the adapter stopped).
     void linkLost();
     void setInRange(bool inRange);
-    void setAdvertising(bool advertising);
-    void setRssi(std::int16_t rssi) { setup_.rssi = rssi; }
     // `index` numbers the emission for the observer (default: a running count).
     void notify(const bt::Uuid& characteristic, const bt::Bytes& value,
                 std::optional<std::uint64_t> index = {});
-    void finishFirmwareUpdate();
     // bluetoothd went away: forget links, sessions and objects without signals.
     void daemonStopped();
     // The device may have become connectable: a waiting Connect() proceeds.
@@ -195,9 +190,7 @@ private:
     std::optional<ConnectFault> alwaysFault_;
     ResolveMode resolveMode_ = ResolveMode::Normal;
 
-    std::set<bt::Uuid> removedServices_;
     std::set<std::pair<bt::Uuid, bt::Uuid>> removedCharacteristics_;
-    std::map<bt::Uuid, std::uint8_t> readErrors_;
     std::map<bt::Uuid, std::uint8_t> writeErrors_;
     std::string exportedTable_;  // what the exported objects show, to tell a changed table
     std::vector<std::string> servicePaths_;

@@ -66,7 +66,6 @@ FakeDevice::Characteristic* FakeDevice::findCharacteristic(const bt::Uuid& uuid)
 
 void FakeDevice::exportGatt() {
     auto profile = scale_.profile();
-    for (const auto& service : removedServices_) profile.removeService(service);
     for (const auto& [service, characteristic] : removedCharacteristics_) {
         profile.removeCharacteristic(service, characteristic);
     }
@@ -185,9 +184,7 @@ void FakeDevice::readValue(Characteristic& characteristic, const CallPtr& call) 
         if (c == nullptr || c->pendingReads.empty()) return;
         auto calls = std::move(c->pendingReads);
         c->pendingReads.clear();
-        std::uint8_t error = 0;
-        if (auto found = readErrors_.find(c->uuid); found != readErrors_.end()) error = found->second;
-        if ((c->properties & emulator::kGattRead) == 0) error = kAttReadNotPermitted;
+        std::uint8_t error = (c->properties & emulator::kGattRead) == 0 ? kAttReadNotPermitted : 0;
         std::vector<std::uint8_t> value;
         if (error == 0) {
             if (auto read = scale_.read(c->uuid, emulatorNow())) {
