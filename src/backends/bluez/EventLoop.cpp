@@ -5,6 +5,7 @@
 #include <limits>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <vector>
 
@@ -43,6 +44,12 @@ struct EventLoop::State {
     sdbus::IConnection* bus = nullptr;
     std::function<void()> busLost;
     std::map<int, std::shared_ptr<std::function<void()>>> watches;
+    // Whether the bus may have work: its descriptor was ready, its deadline
+    // passed (sd-bus sets it to now while messages wait in its queue), or a
+    // task ran (it may have sent). A round woken by a notification socket
+    // alone leaves the bus alone: no read attempt per notification.
+    bool busDue = true;
+    std::optional<SteadyTime> busDeadline;
 
     ~State() {
         if (wakeFd >= 0) ::close(wakeFd);
@@ -82,12 +89,14 @@ struct EventLoop::State {
                     return true;
                 }
             }
+            busDue = true;
             task();
         }
     }
 
     void pumpBus() {
-        if (bus == nullptr) return;
+        if (bus == nullptr || !busDue) return;
+        busDue = false;
         try {
             while (bus->processPendingRequest()) {
                 if (isStopping()) return;
@@ -109,15 +118,17 @@ struct EventLoop::State {
             if (!tasks.empty() || stopping) return 0;
             if (!timers.empty()) deadline = timers.firstDeadline();
         }
+        busDeadline.reset();
         if (bus != nullptr) {
             try {
                 const auto usec = bus->getEventLoopPollData().timeout_usec;
                 if (usec != std::numeric_limits<std::uint64_t>::max()) {
-                    const SteadyTime busDeadline{std::chrono::microseconds(usec)};
-                    if (!deadline || busDeadline < *deadline) deadline = busDeadline;
+                    busDeadline = SteadyTime{std::chrono::microseconds(usec)};
+                    if (!deadline || *busDeadline < *deadline) deadline = busDeadline;
                 }
             } catch (const sdbus::Error&) {
-                return 0;  // the next pump finds out what is wrong
+                busDue = true;  // the next pump finds out what is wrong
+                return 0;
             }
         }
         if (!deadline) return -1;
@@ -139,6 +150,8 @@ struct EventLoop::State {
         for (const auto& [fd, callback] : watches) fds.push_back({fd, POLLIN, 0});
 
         const int ready = ::poll(fds.data(), fds.size(), pollTimeout());
+        const bool busReady = firstWatch > 1 && fds[1].revents != 0;  // the bus is fds[1] when polled
+        if (ready <= 0 || busReady || (busDeadline && *busDeadline <= now())) busDue = true;
         if (ready <= 0) return;  // time-out or EINTR: the next round sees what is due
         if ((fds[0].revents & POLLIN) != 0) {
             std::uint64_t count = 0;
