@@ -341,24 +341,22 @@ void BluezPeripheral::subscribed(const std::shared_ptr<BluezCharacteristic>& cha
 
 void BluezPeripheral::socketReadable(const std::shared_ptr<BluezCharacteristic>& characteristic) {
     std::uint8_t buffer[1024];
-    // One packet per notification; take all that wait.
-    for (;;) {
-        const int fd = characteristic->socket.get();
-        if (fd < 0) return;
-        const auto n = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
-        if (n > 0) {
-            deliverValue(characteristic,
-                         bt::Bytes(std::span<const std::uint8_t>(buffer, static_cast<std::size_t>(n))),
-                         nullptr);
-            continue;
-        }
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return;
-        // Closed by bluetoothd: the link is going, or the session ended.
-        closeSocket(*characteristic);
-        characteristic->subscription = BluezCharacteristic::Subscription::None;
-        characteristic->setNotifying(false);
+    // One packet per notification, one per readiness: the poll is level-triggered,
+    // so a packet still waiting wakes the loop again, and the common case of
+    // one packet per wake-up costs no read that finds nothing.
+    const int fd = characteristic->socket.get();
+    if (fd < 0) return;
+    const auto n = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+    if (n > 0) {
+        deliverValue(characteristic,
+                     bt::Bytes(std::span<const std::uint8_t>(buffer, static_cast<std::size_t>(n))), nullptr);
         return;
     }
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return;
+    // Closed by bluetoothd: the link is going, or the session ended.
+    closeSocket(*characteristic);
+    characteristic->subscription = BluezCharacteristic::Subscription::None;
+    characteristic->setNotifying(false);
 }
 
 void BluezPeripheral::closeSocket(BluezCharacteristic& characteristic) {
