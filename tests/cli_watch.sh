@@ -11,7 +11,7 @@ fail() { echo "FAIL: $*"; cat "$out"; exit 1; }
 # 1. --duration, JSON events.
 timeout 30 "$plenk" watch --sim --duration 4 --json >"$out"
 events() { grep -v '"event":"state"' "$out"; }
-events | head -n1 | grep -qx '{"event":"connected"}' || fail "first event is not connected"
+events | sed -n 1p | grep -qx '{"event":"connected"}' || fail "first event is not connected"
 events | tail -n1 | grep -qx '{"event":"disconnected"}' || fail "last event is not disconnected"
 [ "$(grep '"event":"state"' "$out" | tail -n2 | tr -d '\n')" = \
   '{"event":"state","value":"connected"}{"event":"state","value":"disconnected"}' ] ||

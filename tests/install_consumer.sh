@@ -34,6 +34,6 @@ export PKG_CONFIG_PATH=$prefix/lib/pkgconfig:$prefix/lib/x86_64-linux-gnu/pkgcon
 check "$work/pc-consumer"
 
 # The installed library carries its SONAME.
-so=$(find "$prefix" -name 'libplenkkit.so.1.0.0' | head -n1)
-objdump -p "$so" | grep -q 'SONAME *libplenkkit.so.1' || { echo "SONAME missing"; exit 1; }
+so=$(find "$prefix" -name 'libplenkkit.so.1.0.0' | sed -n 1p)
+objdump -p "$so" | grep -c 'SONAME *libplenkkit.so.1' >/dev/null || { echo "SONAME missing"; exit 1; }
 echo "install consumer: ok"
