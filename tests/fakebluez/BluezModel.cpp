@@ -27,7 +27,7 @@ bool startsWith(const std::string& text, const std::string& prefix) {
 
 }  // namespace
 
-BluezModel::BluezModel(EventLoop& loop, std::string busAddress, Timings timings)
+BluezModel::BluezModel(dispatch::PollLoop& loop, std::string busAddress, Timings timings)
     : loop_(loop), busAddress_(std::move(busAddress)), timings_(timings) {
     tree_.setSetter([this](const std::string& path, const std::string& interface, const std::string& name,
                            const Value& value) { return setProperty(path, interface, name, value); });
@@ -77,7 +77,7 @@ void BluezModel::restart(Duration downtime) {
     tree_.clear();
     bus_.reset();  // the bus drops org.bluez with the connection
     loop_.cancel(restartTimer_);
-    restartTimer_ = loop_.callAfter(downtime, [this] { connectAndExport(); });
+    restartTimer_ = loop_.postAfter(downtime, [this] { connectAndExport(); });
 }
 
 // --- topology ------------------------------------------------------------------------
@@ -260,7 +260,7 @@ void BluezModel::startDiscovery(Adapter& adapter, const CallPtr& call) {
     // then Discovering turns true.
     adapter.starting = true;
     const std::string name = adapter.setup.name;
-    loop_.callAfter(timings_.discoveryLatency, [this, name, call] {
+    loop_.postAfter(timings_.discoveryLatency, [this, name, call] {
         auto found = adapters_.find(name);
         if (found == adapters_.end() || !found->second.starting) return;
         auto& a = found->second;
@@ -271,7 +271,7 @@ void BluezModel::startDiscovery(Adapter& adapter, const CallPtr& call) {
         tree_.set(a.path, kAdapterInterface, "Discovering", true);
         loop_.cancel(a.cleanupTimer);
         a.cleanupTimer = 0;
-        a.scanTimer = loop_.callAfter(timings_.firstAdvertisement, [this, name] { scanTick(name); });
+        a.scanTimer = loop_.postAfter(timings_.firstAdvertisement, [this, name] { scanTick(name); });
     });
 }
 
@@ -288,7 +288,7 @@ void BluezModel::stopDiscovery(Adapter& adapter, const CallPtr& call) {
         return;
     }
     const std::string name = adapter.setup.name;
-    loop_.callAfter(timings_.discoveryLatency, [this, name, call] {
+    loop_.postAfter(timings_.discoveryLatency, [this, name, call] {
         auto found = adapters_.find(name);
         call->replyEmpty();
         if (found != adapters_.end() && found->second.discovering && !hasActiveClients(found->second)) {
@@ -411,7 +411,7 @@ void BluezModel::scanTick(const std::string& adapterName) {
         adapter.found.insert(device->path());
     }
     adapter.scanTimer =
-        loop_.callAfter(timings_.advertisingInterval, [this, adapterName] { scanTick(adapterName); });
+        loop_.postAfter(timings_.advertisingInterval, [this, adapterName] { scanTick(adapterName); });
 }
 
 void BluezModel::endScan(Adapter& adapter) {
@@ -427,7 +427,7 @@ void BluezModel::endScan(Adapter& adapter) {
         const std::string name = adapter.setup.name;
         loop_.cancel(adapter.cleanupTimer);
         adapter.cleanupTimer =
-            loop_.callAfter(timings_.temporaryTimeout, [this, name] { forgetTemporaryDevices(name); });
+            loop_.postAfter(timings_.temporaryTimeout, [this, name] { forgetTemporaryDevices(name); });
     }
 }
 

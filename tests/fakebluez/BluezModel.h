@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "BusConnection.h"
-#include "EventLoop.h"
 #include "FakeBluez.h"
 #include "FakeDevice.h"
 #include "ObjectTree.h"
+#include "dispatch/PollLoop.h"
 
 // The daemon: its bus connection and name, the adapters with their
 // per-client discovery sessions and filters, the scan that turns
@@ -28,7 +28,7 @@ struct DiscoveryFilter {
 
 class BluezModel {
 public:
-    BluezModel(EventLoop& loop, std::string busAddress, Timings timings);
+    BluezModel(dispatch::PollLoop& loop, std::string busAddress, Timings timings);
     ~BluezModel();
     BluezModel(const BluezModel&) = delete;
     BluezModel& operator=(const BluezModel&) = delete;
@@ -60,8 +60,8 @@ private:
         bool starting = false;
         bool discovering = false;
         std::set<std::string> found;  // devices seen by the current scan
-        EventLoop::TimerId scanTimer = 0;
-        EventLoop::TimerId cleanupTimer = 0;
+        dispatch::PollLoop::TimerId scanTimer = 0;
+        dispatch::PollLoop::TimerId cleanupTimer = 0;
     };
 
     void connectAndExport();
@@ -87,7 +87,7 @@ private:
     void forgetTemporaryDevices(const std::string& adapterName);
     void applyPower(Adapter& adapter, bool powered);
 
-    EventLoop& loop_;
+    dispatch::PollLoop& loop_;
     const std::string busAddress_;
     const Timings timings_;
     ObjectTree tree_;
@@ -97,7 +97,7 @@ private:
     std::vector<std::unique_ptr<DeviceContext>> contexts_;
     std::vector<std::unique_ptr<FakeDevice>> devices_;
     std::vector<MethodCall> calls_;
-    EventLoop::TimerId restartTimer_ = 0;
+    dispatch::PollLoop::TimerId restartTimer_ = 0;
 };
 
 }  // namespace plenk::fakebluez

@@ -67,7 +67,7 @@ void Call::reply(const std::function<int(sd_bus_message*)>& append) {
 
 // --- BusConnection ---------------------------------------------------------------
 
-BusConnection::BusConnection(EventLoop& loop, const std::string& address, CallHandler onCall,
+BusConnection::BusConnection(dispatch::PollLoop& loop, const std::string& address, CallHandler onCall,
                              ClientGone onClientGone)
     : loop_(loop), onCall_(std::move(onCall)), onClientGone_(std::move(onClientGone)) {
     check(sd_bus_new(&bus_), "sd_bus_new");
@@ -86,11 +86,11 @@ BusConnection::BusConnection(EventLoop& loop, const std::string& address, CallHa
         sd_bus_flush_close_unref(bus_);
         throw;
     }
-    loop_.addSource(this);
+    loop_.setPump(this);
 }
 
 BusConnection::~BusConnection() {
-    loop_.removeSource(this);
+    loop_.setPump(nullptr);
     sd_bus_slot_unref(matchSlot_);
     sd_bus_slot_unref(objectSlot_);
     sd_bus_flush_close_unref(bus_);
@@ -145,24 +145,17 @@ void BusConnection::emitInterfacesRemoved(const std::string& path,
     });
 }
 
-int BusConnection::pollFd() const {
-    return sd_bus_get_fd(bus_);
-}
-
-short BusConnection::pollEvents() const {
+BusConnection::PollData BusConnection::pollData() const {
+    PollData data{sd_bus_get_fd(bus_), 0, std::nullopt};
     const int events = sd_bus_get_events(bus_);
-    return static_cast<short>(events < 0 ? 0 : events);
-}
-
-std::optional<SteadyTime> BusConnection::deadline() const {
+    data.events = static_cast<short>(events < 0 ? 0 : events);
     std::uint64_t usec = 0;
-    if (sd_bus_get_timeout(bus_, &usec) < 0 || usec == UINT64_MAX) return std::nullopt;
-    return SteadyTime(std::chrono::microseconds(usec));
+    if (sd_bus_get_timeout(bus_, &usec) >= 0 && usec != UINT64_MAX)
+        data.deadline = dispatch::PollLoop::TimePoint(std::chrono::microseconds(usec));
+    return data;
 }
 
-void BusConnection::dispatch() {
-    // A handler may destroy this connection (a simulated restart): it then
-    // goes away only after the round, as the restart is posted.
+void BusConnection::pump() {
     while (sd_bus_process(bus_, nullptr) > 0) {
     }
 }

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "DbusValue.h"
-#include "EventLoop.h"
+#include "dispatch/PollLoop.h"
 
 struct sd_bus;
 struct sd_bus_slot;
@@ -50,14 +50,15 @@ private:
 
 using CallPtr = std::shared_ptr<Call>;
 
-class BusConnection final : public EventLoop::Source {
+class BusConnection final : public dispatch::PollLoop::Pump {
 public:
     using CallHandler = std::function<void(const CallPtr&)>;
     // A unique name left the bus.
     using ClientGone = std::function<void(const std::string& uniqueName)>;
 
     // Connects to `address` and registers the handlers; throws std::runtime_error.
-    BusConnection(EventLoop& loop, const std::string& address, CallHandler onCall, ClientGone onClientGone);
+    BusConnection(dispatch::PollLoop& loop, const std::string& address, CallHandler onCall,
+                  ClientGone onClientGone);
     ~BusConnection() override;  // closes the connection (the bus drops its names)
     BusConnection(const BusConnection&) = delete;
     BusConnection& operator=(const BusConnection&) = delete;
@@ -74,18 +75,16 @@ public:
     void emitInterfacesAdded(const std::string& path, const Interfaces& interfaces);
     void emitInterfacesRemoved(const std::string& path, const std::vector<std::string>& interfaces);
 
-    // EventLoop::Source
-    int pollFd() const override;
-    short pollEvents() const override;
-    std::optional<SteadyTime> deadline() const override;
-    void dispatch() override;
+    // PollLoop::Pump
+    PollData pollData() const override;
+    void pump() override;
 
     // Entry points of sd-bus's callbacks; not for other callers.
     int handleMessage(sd_bus_message* message);
     int handleNameOwnerChanged(sd_bus_message* message);
 
 private:
-    EventLoop& loop_;
+    dispatch::PollLoop& loop_;
     sd_bus* bus_ = nullptr;
     sd_bus_slot* objectSlot_ = nullptr;
     sd_bus_slot* matchSlot_ = nullptr;

@@ -38,6 +38,10 @@
 // Where it simplifies: a concurrent Connect gets InProgress (bluetoothd says
 // Failed "Operation already in progress"), reads and writes pending at a
 // link loss fail with Failed "Not connected", no descriptors, no pairing.
+namespace plenk::dispatch {
+class PollLoop;
+}
+
 namespace plenk::fakebluez {
 
 using Duration = std::chrono::nanoseconds;
@@ -107,7 +111,6 @@ struct GattWrite {
 };
 
 class BluezModel;
-class EventLoop;
 
 class FakeBluez {
 public:
@@ -176,7 +179,7 @@ public:
     static bool waitUntil(const std::function<bool()>& condition, Duration timeout = 5s);
 
 private:
-    std::unique_ptr<EventLoop> loop_;
+    std::unique_ptr<dispatch::PollLoop> loop_;
     std::unique_ptr<BluezModel> model_;  // lives on the loop thread
 };
 

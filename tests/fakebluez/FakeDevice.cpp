@@ -20,7 +20,7 @@ FakeDevice::FakeDevice(DeviceContext& context, std::string adapterPath, ScaleSet
 FakeDevice::~FakeDevice() {
     for (auto& characteristic : characteristics_) {
         if (characteristic.notifyFd >= 0) {
-            context_.loop.unwatchFd(characteristic.notifyFd);
+            context_.loop.unwatch(characteristic.notifyFd);
             ::close(characteristic.notifyFd);
         }
     }
@@ -29,12 +29,12 @@ FakeDevice::~FakeDevice() {
     }
 }
 
-EventLoop::TimerId FakeDevice::after(Duration delay, std::function<void()> task) {
+dispatch::PollLoop::TimerId FakeDevice::after(Duration delay, std::function<void()> task) {
     return at(std::chrono::steady_clock::now() + delay, std::move(task));
 }
 
-EventLoop::TimerId FakeDevice::at(SteadyTime when, std::function<void()> task) {
-    return context_.loop.callAt(when, [alive = std::weak_ptr<bool>(alive_), task = std::move(task)] {
+dispatch::PollLoop::TimerId FakeDevice::at(dispatch::PollLoop::TimePoint when, std::function<void()> task) {
+    return context_.loop.postAt(when, [alive = std::weak_ptr<bool>(alive_), task = std::move(task)] {
         if (alive.lock()) task();
     });
 }
@@ -43,7 +43,7 @@ bool FakeDevice::advertising() const {
     return setup_.inRange && setup_.advertising && link_ != Link::Connected && link_ != Link::Disconnecting;
 }
 
-void FakeDevice::cancelTimer(EventLoop::TimerId& timer) {
+void FakeDevice::cancelTimer(dispatch::PollLoop::TimerId& timer) {
     if (timer != 0) context_.loop.cancel(timer);
     timer = 0;
 }
@@ -376,7 +376,7 @@ void FakeDevice::daemonStopped() {
     servicesResolved_ = false;
     for (auto& characteristic : characteristics_) {
         if (characteristic.notifyFd >= 0) {
-            context_.loop.unwatchFd(characteristic.notifyFd);
+            context_.loop.unwatch(characteristic.notifyFd);
             ::close(characteristic.notifyFd);
         }
     }

@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "BusConnection.h"
-#include "EventLoop.h"
 #include "FakeBluez.h"
 #include "ObjectTree.h"
+#include "dispatch/PollLoop.h"
 #include "emulator/ScaleEmulator.h"
 
 // One remote device as bluetoothd shows it: org.bluez.Device1 with its link
@@ -29,7 +29,7 @@ inline Clock::TimePoint emulatorNow() {
 
 // What devices share with the daemon around them.
 struct DeviceContext {
-    EventLoop& loop;
+    dispatch::PollLoop& loop;
     ObjectTree& tree;
     const Timings& timings;
     FakeBluez::EmissionObserver* observer;
@@ -126,8 +126,8 @@ private:
     Characteristic* findCharacteristic(const std::string& path);
     Characteristic* findCharacteristic(const bt::Uuid& uuid);
     // Runs `task` later unless the device is gone by then.
-    EventLoop::TimerId after(Duration delay, std::function<void()> task);
-    EventLoop::TimerId at(SteadyTime when, std::function<void()> task);
+    dispatch::PollLoop::TimerId after(Duration delay, std::function<void()> task);
+    dispatch::PollLoop::TimerId at(dispatch::PollLoop::TimePoint when, std::function<void()> task);
 
     // Device1
     void connect(const CallPtr& call);
@@ -141,7 +141,7 @@ private:
     // ServicesResolved=false and Connected=false.
     void linkDown(const CallPtr& disconnectCall, const std::string& connectError);
     void failPendingConnect(const std::string& text);
-    void cancelTimer(EventLoop::TimerId& timer);
+    void cancelTimer(dispatch::PollLoop::TimerId& timer);
 
     // GATT objects
     void exportGatt();
@@ -182,10 +182,10 @@ private:
     CallPtr pendingConnect_;
     bool waiting_ = false;  // Connect() waits for the device to advertise
     std::vector<CallPtr> pendingDisconnects_;
-    EventLoop::TimerId connectTimer_ = 0;
-    EventLoop::TimerId timeoutTimer_ = 0;
-    EventLoop::TimerId resolveTimer_ = 0;
-    EventLoop::TimerId disconnectTimer_ = 0;
+    dispatch::PollLoop::TimerId connectTimer_ = 0;
+    dispatch::PollLoop::TimerId timeoutTimer_ = 0;
+    dispatch::PollLoop::TimerId resolveTimer_ = 0;
+    dispatch::PollLoop::TimerId disconnectTimer_ = 0;
     std::deque<ConnectFault> connectFaults_;
     std::optional<ConnectFault> alwaysFault_;
     ResolveMode resolveMode_ = ResolveMode::Normal;
@@ -198,8 +198,8 @@ private:
     std::vector<Characteristic> characteristics_;
     std::vector<GattWrite> writes_;
 
-    EventLoop::TimerId streamTimer_ = 0;
-    SteadyTime nextSample_{};
+    dispatch::PollLoop::TimerId streamTimer_ = 0;
+    dispatch::PollLoop::TimePoint nextSample_{};
     std::uint64_t sequence_ = 0;
     std::uint64_t emissions_ = 0;
 

@@ -425,7 +425,7 @@ void FakeDevice::completeAcquire(const std::string& path) {
     }
     c->notifyFd = fds[0];
     // The client closing its end (or leaving) ends the subscription.
-    context_.loop.watchFd(fds[0], POLLIN, [this, path](short) {
+    context_.loop.watch(fds[0], POLLIN, [this, path](short) {
         if (auto* acquired = findCharacteristic(path); acquired != nullptr && acquired->notifyFd >= 0) {
             char buffer[512];
             const auto got = ::recv(acquired->notifyFd, buffer, sizeof buffer, MSG_DONTWAIT);
@@ -446,7 +446,7 @@ void FakeDevice::releaseAcquired(Characteristic& characteristic) {
     }
     characteristic.acquiredBy.clear();
     if (characteristic.notifyFd < 0) return;
-    context_.loop.unwatchFd(characteristic.notifyFd);
+    context_.loop.unwatch(characteristic.notifyFd);
     ::close(characteristic.notifyFd);
     characteristic.notifyFd = -1;
     context_.tree.set(characteristic.path, kCharacteristicInterface, "NotifyAcquired", false);

@@ -1,6 +1,7 @@
 #include "backends/bluez/BluezBus.h"
 
 #include <unistd.h>
+#include <limits>
 
 namespace plenk::bluez {
 
@@ -65,7 +66,7 @@ OwnedFd::~OwnedFd() {
     if (fd_ >= 0) ::close(fd_);
 }
 
-BluezBus::BluezBus(EventLoop& loop, Handlers handlers, std::function<void()> lost)
+BluezBus::BluezBus(dispatch::PollLoop& loop, Handlers handlers, std::function<void()> lost)
     : loop_(loop),
       handlers_(std::move(handlers)),
       connection_(sdbus::createSystemBusConnection()),
@@ -137,13 +138,38 @@ BluezBus::BluezBus(EventLoop& loop, Handlers handlers, std::function<void()> los
             } catch (const sdbus::Error&) {
             }
         }));
-    loop_.attachBus(connection_.get(), std::move(lost));
+    lost_ = std::move(lost);
+    loop_.setPump(this);
 }
 
 BluezBus::~BluezBus() {
-    loop_.attachBus(nullptr, nullptr);
+    loop_.setPump(nullptr);
     proxies_.clear();
     matches_.clear();
+}
+
+// sd-bus sets its deadline to now while messages wait in its queue.
+BluezBus::PollData BluezBus::pollData() const {
+    try {
+        const auto data = connection_->getEventLoopPollData();
+        PollData out{data.fd, data.events, std::nullopt};
+        if (data.timeout_usec != std::numeric_limits<std::uint64_t>::max())
+            out.deadline = dispatch::PollLoop::TimePoint{std::chrono::microseconds(data.timeout_usec)};
+        return out;
+    } catch (const sdbus::Error&) {
+        return {-1, 0, dispatch::PollLoop::TimePoint{}};  // due now: the pump finds out what is wrong
+    }
+}
+
+void BluezBus::pump() {
+    try {
+        while (connection_->processPendingRequest()) {
+            if (loop_.stopping()) return;
+        }
+    } catch (const std::exception&) {
+        loop_.setPump(nullptr);  // a failed connection is not polled again
+        if (auto lost = std::exchange(lost_, nullptr)) lost();
+    }
 }
 
 bool BluezBus::fromOwner(const sdbus::Message& message) const {

@@ -13,7 +13,7 @@
 
 #include "backends/bluez/BluezErrors.h"
 #include "backends/bluez/BluezProperties.h"
-#include "backends/bluez/EventLoop.h"
+#include "dispatch/PollLoop.h"
 
 namespace plenk::bluez {
 
@@ -45,7 +45,7 @@ private:
 // the event loop. Signals and replies are parsed into plain values while sd-bus
 // dispatches them and handed to the handlers in tasks posted to the loop, so a
 // handler may do anything, including dropping this object.
-class BluezBus {
+class BluezBus final : private dispatch::PollLoop::Pump {
 public:
     struct Handlers {
         // org.bluez got an owner (its unique name) or lost it ("").
@@ -69,8 +69,8 @@ public:
     // subscribes to org.bluez's signals. Throws sdbus::Error. `lost` runs once
     // the connection fails. Closing it (the destructor) still sends what was
     // queued, so calls made just before go out.
-    BluezBus(EventLoop& loop, Handlers handlers, std::function<void()> lost);
-    ~BluezBus();
+    BluezBus(dispatch::PollLoop& loop, Handlers handlers, std::function<void()> lost);
+    ~BluezBus() override;
     BluezBus(const BluezBus&) = delete;
     BluezBus& operator=(const BluezBus&) = delete;
 
@@ -95,6 +95,10 @@ public:
               Done<bool> done, std::chrono::microseconds timeout = std::chrono::microseconds::zero());
 
 private:
+    // PollLoop::Pump: the connection is polled and processed on the loop.
+    PollData pollData() const override;
+    void pump() override;
+
     using RawReply = std::function<void(sdbus::MethodReply& reply, const sdbus::Error* error)>;
     void callRaw(const std::string& destination, const std::string& path, const char* interface,
                  const char* method, const Fill& fill, const RawReply& onReply,
@@ -104,12 +108,13 @@ private:
     void later(std::function<void(BluezBus&)> task);
     bool fromOwner(const sdbus::Message& message) const;
 
-    EventLoop& loop_;
+    dispatch::PollLoop& loop_;
     Handlers handlers_;
     std::unique_ptr<sdbus::IConnection> connection_;
     std::vector<sdbus::Slot> matches_;
     std::map<std::pair<std::string, std::string>, std::unique_ptr<sdbus::IProxy>> proxies_;
-    std::string owner_;  // the unique name signals are taken from ("" until known)
+    std::function<void()> lost_;  // runs once processing the connection fails
+    std::string owner_;           // the unique name signals are taken from ("" until known)
     std::shared_ptr<BluezBus*> alive_;
 };
 

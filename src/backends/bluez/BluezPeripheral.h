@@ -10,7 +10,7 @@
 
 #include "backends/bluez/BluezGatt.h"
 #include "backends/bluez/BluezProperties.h"
-#include "backends/bluez/EventLoop.h"
+#include "dispatch/PollLoop.h"
 #include "backends/bluez/RequestQueue.h"
 #include "bt/Peripheral.h"
 
@@ -134,15 +134,15 @@ private:
     bool connectInFlight_ = false;
     std::uint64_t connectCall_ = 0;  // which Connect call is in flight
     int busyAnswers_ = 0;            // InProgress answers to this attempt
-    EventLoop::TimerId retryTimer_ = 0;
+    dispatch::PollLoop::TimerId retryTimer_ = 0;
 
     RequestQueue requests_;  // emptied when the link drops
 
     bool discovering_ = false;
     std::optional<std::vector<bt::Uuid>> discoveryFilter_;
     Done discoveryDone_;
-    EventLoop::TimerId discoveryTimer_ = 0;
-    EventLoop::TimerId settleTimer_ = 0;
+    dispatch::PollLoop::TimerId discoveryTimer_ = 0;
+    dispatch::PollLoop::TimerId settleTimer_ = 0;
 };
 
 }  // namespace plenk::bluez

@@ -1,4 +1,6 @@
 // BluezPeripheral: GATT requests and notifications on the event loop.
+#include <poll.h>
+
 #include <algorithm>
 #include <cerrno>
 
@@ -286,7 +288,7 @@ void BluezPeripheral::startNotify(const std::shared_ptr<BluezCharacteristic>& ch
                 characteristic->socket = std::move(acquired->first);
                 characteristic->socketMtu = acquired->second;
                 characteristic->subscription = Subscription::BySocket;
-                core->loop().watch(characteristic->socket.get(), [weak, characteristic] {
+                core->loop().watch(characteristic->socket.get(), POLLIN, [weak, characteristic](short) {
                     if (auto q = weak.lock()) q->socketReadable(characteristic);
                 });
                 p->subscribed(characteristic, nullptr);

@@ -13,7 +13,7 @@
 #include <PlenkKit/LogSink.h>
 
 #include "backends/bluez/BluezBus.h"
-#include "backends/bluez/EventLoop.h"
+#include "dispatch/PollLoop.h"
 #include "backends/bluez/ObjectTable.h"
 #include "backends/bluez/ScanSession.h"
 #include "bt/Central.h"
@@ -55,7 +55,7 @@ public:
     void shutdown();
 
     // Any thread.
-    EventLoop& loop() { return loop_; }
+    dispatch::PollLoop& loop() { return loop_; }
     const CentralOptions& options() const { return options_; }
     bt::ManagerState reportedState() const { return static_cast<bt::ManagerState>(reportedState_.load()); }
     bool isScanning() const { return scanning_.load(); }
@@ -101,7 +101,7 @@ private:
     void sendDiscoveryFilter();
 
     const CentralOptions options_;
-    EventLoop loop_;
+    dispatch::PollLoop loop_;
     std::atomic<int> reportedState_{static_cast<int>(bt::ManagerState::Unknown)};
     std::atomic<bool> scanning_{false};
 
