@@ -113,18 +113,11 @@ void BluezPeripheral::deviceUpdated(const std::string& path, const BluezProperti
             // A link loss (or a disconnect by another client): ServicesResolved
             // went false first, then Connected.
             linkDown();
-            auto me = self();
-            if (auto c = core()) {
-                c->withDelegate([&](bt::CentralDelegate& d, bt::Central& central) {
-                    d.centralManagerDidDisconnectPeripheralError(
-                        central, me, platformError(kPlatformPeripheralDisconnected));
-                });
-            }
+            reportDisconnect(platformError(kPlatformPeripheralDisconnected));
         } else if (*change.connected && state() == bt::PeripheralState::Connecting && !connectInFlight_) {
             // Someone else's attempt brought the link up while ours waited to
             // try again: our Connect now answers at once.
-            if (auto c = core(); c && retryTimer_ != 0) c->loop().cancel(retryTimer_);
-            retryTimer_ = 0;
+            cancelTimer(retryTimer_);
             sendConnect();
         }
     }

@@ -10,9 +10,9 @@
 
 #include "backends/bluez/BluezGatt.h"
 #include "backends/bluez/BluezProperties.h"
-#include "dispatch/PollLoop.h"
 #include "backends/bluez/RequestQueue.h"
 #include "bt/Peripheral.h"
+#include "dispatch/PollLoop.h"
 
 namespace plenk::bluez {
 
@@ -91,6 +91,10 @@ private:
     void failConnect(const ErrorPtr& error);
     void linkDown();  // state Disconnected, GATT objects and requests of the link dropped
     void sendDisconnect();
+    // Tells the central's delegate the link is down (error null: asked for).
+    void reportDisconnect(const ErrorPtr& error);
+    // Cancels `timer` if it is pending and clears it.
+    void cancelTimer(dispatch::PollLoop::TimerId& timer);
 
     // Requests: posted from the host, queued on the loop.
     void post(std::function<void(BluezPeripheral&)> work);

@@ -34,7 +34,7 @@ void BluezPeripheral::gattObjectAdded() {
     const auto* device = c ? c->objects().find(devicePath_, kDeviceInterface) : nullptr;
     if (device == nullptr || !device->servicesResolved.value_or(false)) return;
     // ServicesResolved came first: finish once the burst of objects is over.
-    if (settleTimer_ != 0) c->loop().cancel(settleTimer_);
+    cancelTimer(settleTimer_);
     settleTimer_ = c->loop().postAfter(kObjectsSettle, [weak = std::weak_ptr<BluezPeripheral>(self())] {
         if (auto p = weak.lock()) {
             p->settleTimer_ = 0;
@@ -76,10 +76,9 @@ void BluezPeripheral::checkDiscovery() {
 void BluezPeripheral::finishDiscovery(const ErrorPtr& error) {
     if (!discovering_) return;
     discovering_ = false;
+    cancelTimer(discoveryTimer_);
+    cancelTimer(settleTimer_);
     auto c = core();
-    if (c && discoveryTimer_ != 0) c->loop().cancel(discoveryTimer_);
-    if (c && settleTimer_ != 0) c->loop().cancel(settleTimer_);
-    discoveryTimer_ = settleTimer_ = 0;
     auto done = std::move(discoveryDone_);
     discoveryDone_ = nullptr;
     if (!error && c) {

@@ -134,18 +134,12 @@ void BluezPeripheral::cancelConnection() {
         // Connected=false that follows finds nothing left to report.
         linkDown();
         sendDisconnect();
-        auto me = self();
-        if (auto c = core()) {
-            c->withDelegate([&](bt::CentralDelegate& d, bt::Central& central) {
-                d.centralManagerDidDisconnectPeripheralError(central, me, nullptr);
-            });
-        }
+        reportDisconnect(nullptr);
     } else if (state == bt::PeripheralState::Connecting) {
         // Silently, as the platform does; the Connect's failure is not reported.
         setState(bt::PeripheralState::Disconnected);
         ++attempt_;
-        if (auto c = core(); c && retryTimer_ != 0) c->loop().cancel(retryTimer_);
-        retryTimer_ = 0;
+        cancelTimer(retryTimer_);
         if (connectInFlight_) sendDisconnect();
     }
 }
@@ -162,17 +156,28 @@ void BluezPeripheral::sendDisconnect() {
         });
 }
 
+void BluezPeripheral::reportDisconnect(const ErrorPtr& error) {
+    auto me = self();
+    if (auto c = core()) {
+        c->withDelegate([&](bt::CentralDelegate& d, bt::Central& central) {
+            d.centralManagerDidDisconnectPeripheralError(central, me, error);
+        });
+    }
+}
+
+void BluezPeripheral::cancelTimer(dispatch::PollLoop::TimerId& timer) {
+    if (auto c = core(); c && timer != 0) c->loop().cancel(timer);
+    timer = 0;
+}
+
 void BluezPeripheral::linkDown() {
     setState(bt::PeripheralState::Disconnected);
     ++link_;
     requests_.clear();
     discovering_ = false;
     discoveryDone_ = nullptr;
-    if (auto c = core()) {
-        if (discoveryTimer_ != 0) c->loop().cancel(discoveryTimer_);
-        if (settleTimer_ != 0) c->loop().cancel(settleTimer_);
-    }
-    discoveryTimer_ = settleTimer_ = 0;
+    cancelTimer(discoveryTimer_);
+    cancelTimer(settleTimer_);
     std::vector<std::shared_ptr<BluezService>> old;
     {
         std::lock_guard lock(mutex_);
@@ -191,20 +196,12 @@ void BluezPeripheral::linkGone(bool report, const ErrorPtr& error) {
     const auto state = this->state();
     if (state == bt::PeripheralState::Connected) {
         linkDown();
-        if (report) {
-            auto me = self();
-            if (auto c = core()) {
-                c->withDelegate([&](bt::CentralDelegate& d, bt::Central& central) {
-                    d.centralManagerDidDisconnectPeripheralError(central, me, error);
-                });
-            }
-        }
+        if (report) reportDisconnect(error);
     } else if (state == bt::PeripheralState::Connecting) {
         setState(bt::PeripheralState::Disconnected);
         ++attempt_;
     }
-    if (auto c = core(); c && retryTimer_ != 0) c->loop().cancel(retryTimer_);
-    retryTimer_ = 0;
+    cancelTimer(retryTimer_);
     connectInFlight_ = false;
     ++connectCall_;
 }
