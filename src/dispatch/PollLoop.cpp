@@ -41,6 +41,7 @@ struct PollLoop::State {
     std::map<int, Watch> watches;
     Pump* pump = nullptr;
     bool pumpDue = true;
+    std::vector<pollfd> fds;
 
     ~State() {
         if (wakeFd >= 0) ::close(wakeFd);
@@ -107,7 +108,7 @@ struct PollLoop::State {
     }
 
     void waitAndDispatch() {
-        std::vector<pollfd> fds;
+        fds.clear();  // kept across rounds: no allocation per wake-up
         fds.push_back({wakeFd, POLLIN, 0});
         const auto data = pump != nullptr ? pump->pollData() : Pump::PollData{};
         const int pumpFd = data.fd;
@@ -134,8 +135,8 @@ struct PollLoop::State {
             if (fds[i].revents == 0) continue;
             auto it = watches.find(fds[i].fd);  // an earlier callback may have removed it
             if (it == watches.end()) continue;
-            auto ready = it->second.ready;
-            (*ready)(fds[i].revents);
+            auto callback = it->second.ready;
+            (*callback)(fds[i].revents);
             if (isStopping()) return;
         }
     }
