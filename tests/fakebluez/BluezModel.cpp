@@ -28,10 +28,7 @@ bool startsWith(const std::string& text, const std::string& prefix) {
 }  // namespace
 
 BluezModel::BluezModel(dispatch::PollLoop& loop, std::string busAddress, Timings timings)
-    : loop_(loop), busAddress_(std::move(busAddress)), timings_(timings) {
-    tree_.setSetter([this](const std::string& path, const std::string& interface, const std::string& name,
-                           const Value& value) { return setProperty(path, interface, name, value); });
-}
+    : loop_(loop), busAddress_(std::move(busAddress)), timings_(timings) {}
 
 BluezModel::~BluezModel() {
     for (auto& [name, adapter] : adapters_) {
@@ -170,26 +167,6 @@ void BluezModel::onClientGone(const std::string& client) {
         if (wasActive && !hasActiveClients(adapter) && adapter.discovering) endScan(adapter);
     }
     for (auto& device : devices_) device->clientGone(client);
-}
-
-std::optional<DbusError> BluezModel::setProperty(const std::string& path, const std::string& interface,
-                                                 const std::string& name, const Value& value) {
-    if (auto* adapter = adapterByPath(path); adapter != nullptr && interface == kAdapterInterface) {
-        if (name == "Powered") {
-            applyPower(*adapter, std::get<bool>(value));
-            return std::nullopt;
-        }
-        if (name == "Alias" || name == "Discoverable" || name == "Pairable") {
-            if (name == "Alias") adapter->setup.alias = std::get<std::string>(value);
-            tree_.set(path, interface, name, value);
-            return std::nullopt;
-        }
-    }
-    if (auto* device = deviceForPath(path);
-        device != nullptr && path == device->path() && interface == kDeviceInterface) {
-        return device->setProperty(name, value);
-    }
-    return DbusError{"org.freedesktop.DBus.Error.PropertyReadOnly", "Property is read-only"};
 }
 
 // --- adapters ------------------------------------------------------------------------

@@ -67,8 +67,6 @@ private:
     void connectAndExport();
     void onCall(const CallPtr& call);
     void onClientGone(const std::string& client);
-    std::optional<DbusError> setProperty(const std::string& path, const std::string& interface,
-                                         const std::string& name, const Value& value);
 
     Interfaces adapterInterfaces(const Adapter& adapter) const;
     Adapter* adapterByPath(const std::string& path);

@@ -25,7 +25,6 @@ inline constexpr int kRssiThreshold = 8;
 // ATT error codes the fake produces itself.
 inline constexpr std::uint8_t kAttReadNotPermitted = 0x02;
 inline constexpr std::uint8_t kAttWriteNotPermitted = 0x03;
-inline constexpr std::uint8_t kAttInvalidOffset = 0x07;
 
 // "C0:FF:EE:00:00:01" -> "C0_FF_EE_00_00_01", after checking the form
 // (six hex pairs); nullopt for anything else.

@@ -69,8 +69,8 @@ std::string FakeBluez::addScale(ScaleSetup setup) {
     return path;
 }
 
-void FakeBluez::failConnect(const std::string& address, const std::string& text, bool always) {
-    invoke(*loop_, [&] { model_->device(address).failConnect(text, always); });
+void FakeBluez::failConnect(const std::string& address, const std::string& text) {
+    invoke(*loop_, [&] { model_->device(address).failConnect(text); });
 }
 
 void FakeBluez::hangConnect(const std::string& address, Duration after, const std::string& text) {

@@ -37,7 +37,8 @@
 // true over a link loss; GATT objects stay exported while disconnected.
 // Where it simplifies: a concurrent Connect gets InProgress (bluetoothd says
 // Failed "Operation already in progress"), reads and writes pending at a
-// link loss fail with Failed "Not connected", no descriptors, no pairing.
+// link loss fail with Failed "Not connected", no descriptors, no pairing, no
+// Introspect, every property read-only, no write or read offsets.
 namespace plenk::dispatch {
 class PollLoop;
 }
@@ -73,13 +74,10 @@ struct ScaleSetup {
     std::string address = "C0:FF:EE:00:00:01";
     std::string adapter = "hci0";
     emulator::ScaleOptions options{};
-    bool randomAddress = false;
     std::int16_t rssi = -60;
-    bool advertising = true;
     bool inRange = true;
-    bool connected = false;  // already connected to the system when the fake starts
-    bool cached = false;     // known from an earlier scan: exported, without RSSI, before any scan
-    std::uint16_t mtu = 247;
+    bool connected = false;     // already connected to the system when the fake starts
+    bool cached = false;        // known from an earlier scan: exported, without RSSI, before any scan
     bool streamWeights = true;  // stream weight packets while someone listens
     bool sequence = false;      // benchmark: weight packet i carries the weight i
 };
@@ -133,9 +131,9 @@ public:
     std::string addScale(ScaleSetup setup);
 
     // --- faults and stimuli (by device address) -------------------------------
-    // The next Connect() (or, `always`, every one until cleared) fails with
-    // org.bluez.Error.Failed and `text`, e.g. "le-connection-abort-by-remote".
-    void failConnect(const std::string& address, const std::string& text, bool always = false);
+    // The next Connect() fails with org.bluez.Error.Failed and `text`, e.g.
+    // "le-connection-abort-by-remote".
+    void failConnect(const std::string& address, const std::string& text);
     // Connect() stays pending for `after`, then fails with `text`.
     void hangConnect(const std::string& address, Duration after,
                      const std::string& text = "le-connection-timeout");

@@ -40,7 +40,7 @@ dispatch::PollLoop::TimerId FakeDevice::at(dispatch::PollLoop::TimePoint when, s
 }
 
 bool FakeDevice::advertising() const {
-    return setup_.inRange && setup_.advertising && link_ != Link::Connected && link_ != Link::Disconnecting;
+    return setup_.inRange && link_ != Link::Connected && link_ != Link::Disconnecting;
 }
 
 void FakeDevice::cancelTimer(dispatch::PollLoop::TimerId& timer) {
@@ -61,12 +61,12 @@ Interfaces FakeDevice::deviceInterfaces(bool withRssi) const {
     const std::string name = scale_.advertisedName();
     Properties device{
         {"Address", setup_.address},
-        {"AddressType", std::string(setup_.randomAddress ? "random" : "public")},
+        {"AddressType", std::string("public")},
         {"Name", name},
-        {"Alias", alias_.empty() ? name : alias_},
+        {"Alias", name},
         {"Paired", false},
         {"Bonded", false},
-        {"Trusted", trusted_},
+        {"Trusted", false},
         {"Blocked", false},
         {"LegacyPairing", false},
         {"Connected", link_ == Link::Connected || link_ == Link::Disconnecting},
@@ -76,21 +76,6 @@ Interfaces FakeDevice::deviceInterfaces(bool withRssi) const {
     };
     if (withRssi) device["RSSI"] = setup_.rssi;
     return {{kDeviceInterface, std::move(device)}};
-}
-
-std::optional<DbusError> FakeDevice::setProperty(const std::string& name, const Value& value) {
-    if (name == "Trusted") {
-        trusted_ = std::get<bool>(value);
-        context_.tree.set(path_, kDeviceInterface, name, value);
-        return std::nullopt;
-    }
-    if (name == "Alias") {
-        alias_ = std::get<std::string>(value);
-        context_.tree.set(path_, kDeviceInterface, name,
-                          alias_.empty() ? Value(scale_.advertisedName()) : Value(alias_));
-        return std::nullopt;
-    }
-    return DbusError{"org.freedesktop.DBus.Error.PropertyReadOnly", "Property is read-only"};
 }
 
 // --- discovery -----------------------------------------------------------------------
@@ -105,7 +90,7 @@ void FakeDevice::advertisementSeen(bool everyReport) {
     if (const Value* current = tree.get(path_, kDeviceInterface, "Name");
         current == nullptr || std::get<std::string>(*current) != name) {
         tree.set(path_, kDeviceInterface, "Name", name);
-        if (alias_.empty()) tree.set(path_, kDeviceInterface, "Alias", name);
+        tree.set(path_, kDeviceInterface, "Alias", name);
     }
     tree.set(path_, kDeviceInterface, "UUIDs", uuidStrings());
     const Value* rssi = tree.get(path_, kDeviceInterface, "RSSI");
@@ -144,11 +129,6 @@ void FakeDevice::handleCall(const CallPtr& call) {
             connect(call);
         } else if (call->member() == "Disconnect") {
             disconnect(call);
-        } else if (call->member() == "CancelPairing") {
-            call->replyError(kBluezError + std::string("DoesNotExist"), "Does Not Exist");
-        } else if (call->member() == "Pair" || call->member() == "ConnectProfile" ||
-                   call->member() == "DisconnectProfile") {
-            call->replyError(kBluezError + std::string("NotSupported"), "Operation is not supported");
         } else {
             call->replyError(kUnknownMethod, "Unknown method " + call->member());
         }
@@ -203,16 +183,11 @@ void FakeDevice::connect(const CallPtr& call) {
     temporary_ = false;
     link_ = Link::Connecting;
     pendingConnect_ = call;
-    std::optional<ConnectFault> fault;
     if (!connectFaults_.empty()) {
-        fault = connectFaults_.front();
+        const auto fault = connectFaults_.front();
         connectFaults_.pop_front();
-    } else {
-        fault = alwaysFault_;
-    }
-    if (fault) {
-        const std::string text = fault->text;
-        timeoutTimer_ = after(fault->hangFor.value_or(context_.timings.connectLatency),
+        const std::string text = fault.text;
+        timeoutTimer_ = after(fault.hangFor.value_or(context_.timings.connectLatency),
                               [this, text] { failPendingConnect(text); });
         return;
     }
@@ -387,12 +362,8 @@ void FakeDevice::daemonStopped() {
 
 // --- hooks -----------------------------------------------------------------------------
 
-void FakeDevice::failConnect(const std::string& text, bool always) {
-    if (always) {
-        alwaysFault_ = ConnectFault{text, std::nullopt};
-    } else {
-        connectFaults_.push_back({text, std::nullopt});
-    }
+void FakeDevice::failConnect(const std::string& text) {
+    connectFaults_.push_back({text, std::nullopt});
 }
 
 void FakeDevice::hangConnect(Duration after, const std::string& text) {
@@ -401,7 +372,6 @@ void FakeDevice::hangConnect(Duration after, const std::string& text) {
 
 void FakeDevice::clearConnectFaults() {
     connectFaults_.clear();
-    alwaysFault_.reset();
 }
 
 void FakeDevice::removeCharacteristic(const bt::Uuid& service, const bt::Uuid& characteristic) {

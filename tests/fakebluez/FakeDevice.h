@@ -68,15 +68,13 @@ public:
     // --- D-Bus ------------------------------------------------------------------
     // Handles a call on the device or one of its GATT objects.
     void handleCall(const CallPtr& call);
-    // Sets a writable Device1 property; nullopt accepts.
-    std::optional<DbusError> setProperty(const std::string& name, const Value& value);
     // A client left the bus: its notification sessions end.
     void clientGone(const std::string& client);
     // Removes every object of the device (RemoveDevice); the link drops first.
     void remove();
 
     // --- hooks ------------------------------------------------------------------
-    void failConnect(const std::string& text, bool always);
+    void failConnect(const std::string& text);
     void hangConnect(Duration after, const std::string& text);
     void clearConnectFaults();
     void setResolveMode(ResolveMode mode) { resolveMode_ = mode; }
@@ -174,8 +172,6 @@ private:
     ScaleSetup setup_;
     emulator::ScaleEmulator scale_;
     bool temporary_ = true;
-    bool trusted_ = false;
-    std::string alias_;  // set by a client; empty: the name
 
     Link link_ = Link::Disconnected;
     bool servicesResolved_ = false;
@@ -187,7 +183,6 @@ private:
     dispatch::PollLoop::TimerId resolveTimer_ = 0;
     dispatch::PollLoop::TimerId disconnectTimer_ = 0;
     std::deque<ConnectFault> connectFaults_;
-    std::optional<ConnectFault> alwaysFault_;
     ResolveMode resolveMode_ = ResolveMode::Normal;
 
     std::set<std::pair<bt::Uuid, bt::Uuid>> removedCharacteristics_;

@@ -39,12 +39,8 @@ std::string handlePath(const std::string& parent, const char* kind, unsigned han
     return parent + "/" + kind + buffer;
 }
 
-// Reads the a{sv} options of a GATT call at the read position.
-std::optional<std::map<std::string, Value>> readOptions(sd_bus_message* m) {
-    return readDictionary(m);
-}
-
 constexpr std::uint32_t kNotifyOrIndicate = emulator::kGattNotify | emulator::kGattIndicate;
+constexpr std::uint16_t kMtu = 247;  // what a current phone or adapter negotiates
 
 }  // namespace
 
@@ -101,7 +97,7 @@ void FakeDevice::exportGatt() {
                 {"Service", ObjectPath{servicePath}},
                 {"Value", definition.cached ? definition.value.toVector() : std::vector<std::uint8_t>{}},
                 {"Flags", flagsOf(definition.properties)},
-                {"MTU", setup_.mtu},
+                {"MTU", kMtu},
             };
             if ((definition.properties & kNotifyOrIndicate) != 0) properties["Notifying"] = false;
             if ((definition.properties & emulator::kGattNotify) != 0) properties["NotifyAcquired"] = false;
@@ -162,24 +158,14 @@ void FakeDevice::readValue(Characteristic& characteristic, const CallPtr& call) 
         call->replyError(kBluezError + std::string("Failed"), "Not connected");
         return;
     }
-    auto options = readOptions(call->message());
-    std::uint16_t offset = 0;
-    if (options) {
-        if (auto found = options->find("offset"); found != options->end()) {
-            if (!std::holds_alternative<std::uint16_t>(found->second))
-                options.reset();
-            else
-                offset = std::get<std::uint16_t>(found->second);
-        }
-    }
-    if (!options) {
+    if (!readDictionary(call->message())) {
         call->replyError(kBluezError + std::string("InvalidArguments"), "Invalid arguments in method call");
         return;
     }
     characteristic.pendingReads.push_back(call);
     if (characteristic.pendingReads.size() > 1) return;  // joins the read in flight
     const std::string path = characteristic.path;
-    after(context_.timings.attLatency, [this, path, offset] {
+    after(context_.timings.attLatency, [this, path] {
         auto* c = findCharacteristic(path);
         if (c == nullptr || c->pendingReads.empty()) return;
         auto calls = std::move(c->pendingReads);
@@ -191,11 +177,6 @@ void FakeDevice::readValue(Characteristic& characteristic, const CallPtr& call) 
                 value = read->toVector();
             } else if (const auto* definition = scale_.profile().findCharacteristic(c->uuid)) {
                 value = definition->value.toVector();
-            }
-            if (offset > value.size()) {
-                error = kAttInvalidOffset;
-            } else {
-                value.erase(value.begin(), value.begin() + offset);
             }
         }
         if (error != 0) {
@@ -226,18 +207,14 @@ void FakeDevice::writeValue(Characteristic& characteristic, const CallPtr& call)
     const void* data = nullptr;
     std::size_t size = 0;
     std::optional<std::map<std::string, Value>> options;
-    if (sd_bus_message_read_array(m, 'y', &data, &size) >= 0) options = readOptions(m);
+    if (sd_bus_message_read_array(m, 'y', &data, &size) >= 0) options = readDictionary(m);
     std::optional<std::string> type;
-    std::uint16_t offset = 0;
     if (options) {
-        for (const auto& [key, value] : *options) {
-            if (key == "type" && std::holds_alternative<std::string>(value)) {
-                type = std::get<std::string>(value);
-            } else if (key == "offset" && std::holds_alternative<std::uint16_t>(value)) {
-                offset = std::get<std::uint16_t>(value);
-            } else if (key == "type" || key == "offset") {
+        if (auto found = options->find("type"); found != options->end()) {
+            if (const auto* text = std::get_if<std::string>(&found->second)) {
+                type = *text;
+            } else {
                 options.reset();
-                break;
             }
         }
     }
@@ -253,7 +230,7 @@ void FakeDevice::writeValue(Characteristic& characteristic, const CallPtr& call)
     if (request) {
         characteristic.pendingWrite = call;
         const std::string path = characteristic.path;
-        after(context_.timings.attLatency, [this, path, value = std::move(value), offset] {
+        after(context_.timings.attLatency, [this, path, value = std::move(value)] {
             auto* c = findCharacteristic(path);
             if (c == nullptr || !c->pendingWrite) return;
             auto pending = std::move(c->pendingWrite);
@@ -261,7 +238,6 @@ void FakeDevice::writeValue(Characteristic& characteristic, const CallPtr& call)
             std::uint8_t error = 0;
             if (auto found = writeErrors_.find(c->uuid); found != writeErrors_.end()) error = found->second;
             if ((c->properties & emulator::kGattWrite) == 0) error = kAttWriteNotPermitted;
-            if (error == 0 && offset != 0) error = kAttInvalidOffset;
             if (error != 0) {
                 const auto dbusError = attErrorToDbus(error);
                 pending->replyError(dbusError.name, dbusError.text);
@@ -273,8 +249,7 @@ void FakeDevice::writeValue(Characteristic& characteristic, const CallPtr& call)
         });
         return;
     }
-    if ((type && *type != "command") || offset != 0 ||
-        (!type && (props & emulator::kGattWriteWithoutResponse) == 0)) {
+    if ((type && *type != "command") || (!type && (props & emulator::kGattWriteWithoutResponse) == 0)) {
         call->replyError(kBluezError + std::string("NotSupported"), "Operation is not supported");
         return;
     }
@@ -433,8 +408,7 @@ void FakeDevice::completeAcquire(const std::string& path) {
         }
     });
     context_.tree.set(c->path, kCharacteristicInterface, "NotifyAcquired", true);
-    const std::uint16_t mtu = setup_.mtu;
-    call->reply([&](sd_bus_message* m) { return sd_bus_message_append(m, "hq", fds[1], mtu); });
+    call->reply([&](sd_bus_message* m) { return sd_bus_message_append(m, "hq", fds[1], kMtu); });
     ::close(fds[1]);  // the reply carries a duplicate
     updateStream();
 }

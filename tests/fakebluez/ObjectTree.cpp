@@ -100,10 +100,6 @@ bool ObjectTree::handle(const CallPtr& call) {
         properties(call);
         return true;
     }
-    if (call->interface() == kIntrospectable && call->member() == "Introspect") {
-        introspect(call);
-        return true;
-    }
     return false;
 }
 
@@ -157,44 +153,10 @@ void ObjectTree::properties(const CallPtr& call) {
         call->reply([&](sd_bus_message* reply) { return appendVariant(reply, value->second); });
         return;
     }
-    if (call->member() != "Set") {
-        call->replyError("org.freedesktop.DBus.Error.UnknownMethod", "Unknown method " + call->member());
-        return;
-    }
-    auto newValue = readVariant(m);
-    if (!newValue || signatureOf(*newValue) != std::string(signatureOf(value->second))) {
-        call->replyError(kInvalidArgs, "Invalid arguments in method call");
-        return;
-    }
-    if (!setter_) {
-        call->replyError("org.freedesktop.DBus.Error.PropertyReadOnly", "Property is read-only");
-        return;
-    }
-    if (auto error = setter_(call->path(), interfaceName, name, *newValue)) {
-        call->replyError(error->name, error->text);
-    } else {
-        call->replyEmpty();
-    }
-}
-
-void ObjectTree::introspect(const CallPtr& call) {
-    const std::string& path = call->path();
-    std::string xml =
-        "<!DOCTYPE node PUBLIC \"-//freedesktop//DTD D-BUS Object Introspection 1.0//EN\"\n"
-        "\"http://www.freedesktop.org/standards/dbus/1.0/introspect.dtd\">\n<node>\n";
-    if (auto object = objects_.find(path); object != objects_.end()) {
-        for (const auto& [name, properties] : object->second) xml += "  <interface name=\"" + name + "\"/>\n";
-    }
-    if (path == "/") xml += std::string("  <interface name=\"") + kObjectManager + "\"/>\n";
-    std::set<std::string> children;
-    const std::string prefix = path == "/" ? "/" : path + "/";
-    for (const auto& [candidate, interfaces] : objects_) {
-        if (!isBelow(candidate, path)) continue;
-        children.insert(candidate.substr(prefix.size(), candidate.find('/', prefix.size()) - prefix.size()));
-    }
-    for (const auto& child : children) xml += "  <node name=\"" + child + "\"/>\n";
-    xml += "</node>\n";
-    call->reply([&](sd_bus_message* m) { return sd_bus_message_append_basic(m, 's', xml.c_str()); });
+    // Clients of the fake only read: every property is read-only.
+    call->replyError(call->member() == "Set" ? "org.freedesktop.DBus.Error.PropertyReadOnly"
+                                             : "org.freedesktop.DBus.Error.UnknownMethod",
+                     call->member() == "Set" ? "Property is read-only" : "Unknown method " + call->member());
 }
 
 }  // namespace plenk::fakebluez

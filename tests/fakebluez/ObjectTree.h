@@ -11,8 +11,8 @@
 
 // The exported objects and their properties, and the standard interfaces
 // around them: ObjectManager at "/" (GetManagedObjects, InterfacesAdded,
-// InterfacesRemoved), Properties (Get, GetAll, Set, PropertiesChanged) and a
-// minimal Introspect. Changes emit their signals at once, in call order, so
+// InterfacesRemoved) and Properties (Get, GetAll, PropertiesChanged; every
+// property read-only). Changes emit their signals at once, in call order, so
 // the model controls the order clients see. Loop thread only.
 namespace plenk::fakebluez {
 
@@ -23,13 +23,8 @@ struct DbusError {
 
 class ObjectTree {
 public:
-    // Writes a property a client Set; nullopt accepts (the model then calls set()).
-    using Setter = std::function<std::optional<DbusError>(
-        const std::string& path, const std::string& interface, const std::string& name, const Value& value)>;
-
     // Without a connection changes are kept but not signalled (bluetoothd is down).
     void setBus(BusConnection* bus) { bus_ = bus; }
-    void setSetter(Setter setter) { setter_ = std::move(setter); }
 
     void add(const std::string& path, Interfaces interfaces);
     // Adds interfaces to an existing object (InterfacesAdded with just those).
@@ -54,10 +49,8 @@ public:
 private:
     void getManagedObjects(const CallPtr& call);
     void properties(const CallPtr& call);
-    void introspect(const CallPtr& call);
 
     BusConnection* bus_ = nullptr;
-    Setter setter_;
     std::map<std::string, Interfaces> objects_;
 };
 
