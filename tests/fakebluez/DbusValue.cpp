@@ -184,26 +184,31 @@ int appendVariant(sd_bus_message* m, const Value& value) {
     return r < 0 ? r : sd_bus_message_close_container(m);
 }
 
-int appendProperties(sd_bus_message* m, const Properties& properties) {
-    int r = sd_bus_message_open_container(m, 'a', "{sv}");
-    for (const auto& [name, value] : properties) {
-        if (r >= 0) r = sd_bus_message_open_container(m, 'e', "sv");
-        if (r >= 0) r = sd_bus_message_append_basic(m, 's', name.c_str());
-        if (r >= 0) r = appendVariant(m, value);
+namespace {
+// a{<entry>} where `entry` is the key type followed by the value's signature.
+template <class Map, class AppendValue>
+int appendDictionary(sd_bus_message* m, const char* entry, const Map& map, AppendValue appendValue) {
+    int r = sd_bus_message_open_container(m, 'a', ("{" + std::string(entry) + "}").c_str());
+    for (const auto& [key, value] : map) {
+        if (r >= 0) r = sd_bus_message_open_container(m, 'e', entry);
+        if (r >= 0) r = sd_bus_message_append_basic(m, entry[0], key.c_str());
+        if (r >= 0) r = appendValue(m, value);
         if (r >= 0) r = sd_bus_message_close_container(m);
     }
     return r < 0 ? r : sd_bus_message_close_container(m);
 }
+}  // namespace
+
+int appendProperties(sd_bus_message* m, const Properties& properties) {
+    return appendDictionary(m, "sv", properties, appendVariant);
+}
 
 int appendInterfaces(sd_bus_message* m, const Interfaces& interfaces) {
-    int r = sd_bus_message_open_container(m, 'a', "{sa{sv}}");
-    for (const auto& [name, properties] : interfaces) {
-        if (r >= 0) r = sd_bus_message_open_container(m, 'e', "sa{sv}");
-        if (r >= 0) r = sd_bus_message_append_basic(m, 's', name.c_str());
-        if (r >= 0) r = appendProperties(m, properties);
-        if (r >= 0) r = sd_bus_message_close_container(m);
-    }
-    return r < 0 ? r : sd_bus_message_close_container(m);
+    return appendDictionary(m, "sa{sv}", interfaces, appendProperties);
+}
+
+int appendObjects(sd_bus_message* m, const std::map<std::string, Interfaces>& objects) {
+    return appendDictionary(m, "oa{sa{sv}}", objects, appendInterfaces);
 }
 
 std::optional<Value> readVariant(sd_bus_message* m) {

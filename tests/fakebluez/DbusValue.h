@@ -37,6 +37,8 @@ int appendVariant(sd_bus_message* message, const Value& value);
 int appendProperties(sd_bus_message* message, const Properties& properties);
 // a{sa{sv}}
 int appendInterfaces(sd_bus_message* message, const Interfaces& interfaces);
+// a{oa{sa{sv}}}, GetManagedObjects' answer
+int appendObjects(sd_bus_message* message, const std::map<std::string, Interfaces>& objects);
 
 // Reads one variant at the read position. Types outside Value are skipped and
 // give nullopt; a read error also gives nullopt.

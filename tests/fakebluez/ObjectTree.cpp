@@ -104,16 +104,7 @@ bool ObjectTree::handle(const CallPtr& call) {
 }
 
 void ObjectTree::getManagedObjects(const CallPtr& call) {
-    call->reply([&](sd_bus_message* m) {
-        int r = sd_bus_message_open_container(m, 'a', "{oa{sa{sv}}}");
-        for (const auto& [path, interfaces] : objects_) {
-            if (r >= 0) r = sd_bus_message_open_container(m, 'e', "oa{sa{sv}}");
-            if (r >= 0) r = sd_bus_message_append_basic(m, 'o', path.c_str());
-            if (r >= 0) r = appendInterfaces(m, interfaces);
-            if (r >= 0) r = sd_bus_message_close_container(m);
-        }
-        return r < 0 ? r : sd_bus_message_close_container(m);
-    });
+    call->reply([&](sd_bus_message* m) { return appendObjects(m, objects_); });
 }
 
 void ObjectTree::properties(const CallPtr& call) {
