@@ -131,7 +131,7 @@ TEST(KitRadioState, EveryReportSetsTheStateCodeAndOnlyPowerOnScans) {
         {bt::ManagerState::Unknown, 100},     {bt::ManagerState::Resetting, 100},
     };
     for (const auto& [state, code] : cases) {
-        SimHarness h(harnessWithRadio(state));
+        SimHarness h(SimHarnessOptions{.radio = state});
         auto kit = RKRostaKit::create(h.context);
         h.settle();
         EXPECT_EQ(kit->leState(), code) << static_cast<int>(state);
@@ -146,7 +146,7 @@ TEST(KitRadioState, EveryReportSetsTheStateCodeAndOnlyPowerOnScans) {
 // system holds.
 class KitBeforePowerOn : public KitFixture {
 protected:
-    KitBeforePowerOn() : KitFixture(harnessWithRadio(std::nullopt)) {}
+    KitBeforePowerOn() : KitFixture(SimHarnessOptions{.radio = std::nullopt}) {}
 };
 
 TEST_F(KitBeforePowerOn, OnlyASystemHeldScaleIsTakenOverWhenActive) {

@@ -108,12 +108,6 @@ struct PickerOutcome {
     }
 };
 
-inline SimHarnessOptions harnessWithRadio(std::optional<bt::ManagerState> radio) {
-    SimHarnessOptions options;
-    options.radio = radio;
-    return options;
-}
-
 // Frames written to the scale's command characteristic.
 inline std::vector<std::vector<std::uint8_t>> commandFrames(
     const std::shared_ptr<sim::VirtualPeripheral>& scale) {
