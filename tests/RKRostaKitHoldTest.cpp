@@ -39,6 +39,14 @@ void slowLink(KitFixture& f) {
 }
 
 const std::vector<HoldRoad> kRoads = {
+    {"UnknownToTheSystem",
+     [](KitFixture& f, const auto& scale) {
+         // Nothing to take back: let go at once, not at the watchdog.
+         scale->setKnownToSystem(false);
+         scale->dropLink();
+         f.h.settle();
+         EXPECT_FALSE(f.kit->isConnected());
+     }},
     {"RadioOffWhileHeld",
      [](KitFixture& f, const auto&) {
          // The links drop first; the reconnect goes to a radio that is off.
@@ -116,6 +124,7 @@ TEST_P(KitHold, EndsWithinTheWatchdogBoundWithOneDisconnect) {
     EXPECT_EQ(kit->currentDevice(), nullptr);
     EXPECT_EQ(delegate->snapshot(), (std::vector<std::string>{"connected", "disconnected"}));
     EXPECT_EQ(h.log->count(" $ normal disconnection "), 1u);
+    EXPECT_FALSE(scanning());  // auto-connect is off: no rescan
 
     // Nothing comes back to life or reports again later.
     h.advance(10s);

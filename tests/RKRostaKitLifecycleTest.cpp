@@ -91,17 +91,6 @@ TEST_F(KitLifecycle, HeldLinkIsRelinkedSilentlyUntilTheWatchdogGivesUp) {
     EXPECT_EQ(delegate->snapshot(), (Log{"connected", "weight 7", "disconnected"}));
 }
 
-TEST_F(KitLifecycle, UnknownScaleIsNotHeld) {
-    auto scale = h.addScale();
-    connectHeld();
-    scale->setKnownToSystem(false);
-    scale->dropLink();
-    h.settle();
-    EXPECT_EQ(notes->count("log: $  retrieveDevices count 0 "), 1u);
-    EXPECT_EQ(delegate->snapshot(), (Log{"connected", "disconnected"}));
-    EXPECT_FALSE(scanning());  // no rescan with auto-connect off
-}
-
 TEST_F(KitLifecycle, EachConnectOverwritesTheContinuousFlag) {
     h.addScale();
     makeKit(false);
