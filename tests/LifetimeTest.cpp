@@ -8,7 +8,6 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
-#include <stdexcept>
 #include <thread>
 
 #include "support/KitTestSupport.h"
@@ -102,50 +101,31 @@ TEST(KitLocking, AnExecutorThatRunsTasksUnderItsMutexNeverDeadlocksTheKit) {
     world->drainQueues();
 }
 
+// A host observer removes itself in its destructor: once removeObserver has
+// returned, no call may still be running or start.
 TEST(NotificationCenterLifetime, ARemovedObserverIsNeverCalledAgain) {
     auto center = std::make_shared<NotificationCenter>();
     std::atomic<bool> posting{true};
     std::thread poster([&] {
         while (posting) center->post("tick");
     });
-
-    // A host observer that removes itself in its destructor.
-    struct Observer {
-        Observer(std::shared_ptr<NotificationCenter> c, std::atomic<int>& calls, std::atomic<int>& late)
-            : center(std::move(c)), alive(std::make_shared<std::atomic<bool>>(true)) {
-            token = center->addObserver("tick", [flag = alive, &calls, &late](const Notification&) {
-                ++calls;
-                std::this_thread::sleep_for(50us);  // widen the window a removal could slip into
-                if (!*flag) ++late;
-            });
-        }
-        ~Observer() {
-            center->removeObserver(token);
-            *alive = false;
-        }
-        std::shared_ptr<NotificationCenter> center;
-        std::shared_ptr<std::atomic<bool>> alive;
-        NotificationCenter::Token token = 0;
-    };
-
     std::atomic<int> calls{0};
     std::atomic<int> late{0};
     for (int i = 0; i < 200; ++i) {
-        auto observer = std::make_unique<Observer>(center, calls, late);
+        auto alive = std::make_shared<std::atomic<bool>>(true);
+        const auto token = center->addObserver("tick", [alive, &calls, &late](const Notification&) {
+            ++calls;
+            std::this_thread::sleep_for(50us);  // widen the window a removal could slip into
+            if (!*alive) ++late;
+        });
         while (calls.load() == 0) std::this_thread::yield();
-        observer.reset();
+        center->removeObserver(token);
+        *alive = false;
         calls = 0;
     }
     posting = false;
     poster.join();
     EXPECT_EQ(late.load(), 0);
-}
-
-TEST(RunLoopLifetime, EmptyTasksAreRefusedAtTheDoor) {
-    RunLoop loop;
-    EXPECT_THROW(loop.post(Task{}), std::invalid_argument);
-    EXPECT_THROW(loop.postAfter(1s, Task{}), std::invalid_argument);
-    EXPECT_EQ(loop.pendingTasks(), 0u);
 }
 
 // The host stops and drops its loop while facade work is still queued in it.

@@ -101,33 +101,24 @@ TEST_F(Facade, FakeInterruptIsHeldAndDisconnectIsNot) {
     EXPECT_EQ(host->snapshot(), (Log{"connected", "disconnected"}));
 }
 
-TEST_F(Facade, QueuedWorkKeepsAReleasedFacadeAliveUntilItHasRun) {
-    makeFacade();
-    auto kit = plenk->rosta();
-    plenk->rostaWeightDidUpdate(3.0f);
-    std::weak_ptr<PKPlenk> weak = plenk;
-    plenk.reset();
-    EXPECT_FALSE(weak.expired());
-    // The kit's delegate was not yet cleared: the facade still exists.
-    h.mainLoop->runUntilIdle();
-    EXPECT_TRUE(weak.expired());
-    EXPECT_EQ(host->snapshot(), (std::vector<std::string>{"weight 3"}));
-    EXPECT_EQ(kit->delegate(), nullptr);  // cleared by the facade's destruction
-}
-
-TEST_F(Facade, ReleasingTheFacadeWhileConnectedTearsTheLinkDown) {
+// Work the facade queued still reaches the host; then the kit, its link and
+// its central go.
+TEST_F(Facade, AReleasedFacadeRunsItsQueuedWorkThenTearsTheLinkDown) {
     auto scale = h.addScale();
     makeFacade();
     h.settle();
     ASSERT_EQ(scale->linkCount(), 1u);
     std::weak_ptr<RKRostaKit> kit = plenk->rosta();
-    scale->notify(wire::kDataCharacteristic, weightPacket(scale, 5.0f));
+    std::weak_ptr<PKPlenk> facade = plenk;
+    plenk->rostaWeightDidUpdate(3.0f);
     plenk.reset();
+    EXPECT_FALSE(facade.expired());
     h.settle();
+    EXPECT_TRUE(facade.expired());
     EXPECT_TRUE(kit.expired());
     EXPECT_EQ(scale->linkCount(), 0u);
     EXPECT_EQ(h.world->centralCount(), 0u);
-    EXPECT_EQ(host->snapshot(), Log{"connected"});
+    EXPECT_EQ(host->snapshot(), (Log{"connected", "weight 3"}));
 }
 
 TEST_F(Facade, DataSourceQuestionsAreAnsweredAtOnceOrWithNothing) {

@@ -43,7 +43,7 @@ TEST(KitPickerOpening, FailsAtOnceOnTheCallersThreadOrDoesNothing) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        SimHarness h(harnessWithRadio(c.radio));
+        SimHarness h(SimHarnessOptions{.radio = c.radio});
         if (c.connected) h.addScale();
         auto kit = RKRostaKit::create(h.context);
         kit->setIsAutoConnectEnabled(c.connected || c.autoConnect);

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "dispatch/SerialQueue.h"
@@ -84,13 +85,10 @@ public:
         add("notify " + c->uuid().toString() + describe(e));
     }
 
-    Log log() const {
+    // The events since the last take.
+    Log take() {
         std::lock_guard lock(mutex_);
-        return log_;
-    }
-    void clear() {
-        std::lock_guard lock(mutex_);
-        log_.clear();
+        return std::exchange(log_, {});
     }
     bool allOnQueue() const { return offQueue_ == 0 && nested_ == 0; }
 
@@ -130,11 +128,8 @@ struct Rig {
     std::shared_ptr<bt::Central> attach(const std::shared_ptr<Recorder>& recorder) {
         return h.backend->makeCentral(recorder, "Corebluetooth", h.context);
     }
-    bt::PeripheralPtr peripheral(const std::shared_ptr<sim::VirtualPeripheral>& device) {
-        return central->retrievePeripheralsWithIdentifiers({device->identifier()}).at(0);
-    }
     bt::PeripheralPtr connect(const std::shared_ptr<sim::VirtualPeripheral>& device, bool discover = false) {
-        auto p = peripheral(device);
+        auto p = central->retrievePeripheralsWithIdentifiers({device->identifier()}).at(0);
         central->connectPeripheral(p, {});
         h.settle();
         if (discover) discoverAll(p);
@@ -161,7 +156,7 @@ struct Rig {
 };
 
 TEST(SimRadio, NothingBeforeTheWorldHasAStateThenEveryChangeReachesEveryCentralInOrder) {
-    Rig r(test::SimHarnessOptions{.radio = std::nullopt});
+    Rig r(test::SimHarnessOptions{.radio = std::nullopt, .disconnectOnPowerOff = false});
     auto second = std::make_shared<Recorder>();
     auto other = r.attach(second);
     r.h.advance(5s);
@@ -170,17 +165,15 @@ TEST(SimRadio, NothingBeforeTheWorldHasAStateThenEveryChangeReachesEveryCentralI
     for (auto s : {PoweredOn, PoweredOff, PoweredOff, Unauthorized, PoweredOn}) r.h.world->setRadioState(s);
     r.h.settle();
     const Log expected = {"state PoweredOn", "state PoweredOff", "state Unauthorized", "state PoweredOn"};
-    EXPECT_EQ(r.rec->log(), expected);
-    EXPECT_EQ(second->log(), expected);
-}
+    EXPECT_EQ(r.rec->take(), expected);
+    EXPECT_EQ(second->take(), expected);
 
-TEST(SimRadio, APlatformThatReportsNoDisconnectOnPowerOffStillDropsTheLinks) {
-    Rig r(test::SimHarnessOptions{.disconnectOnPowerOff = false});
+    // A platform that reports no disconnect on power-off still drops the links.
     auto scale = r.h.addScale();
     r.connect(scale);
     r.h.world->setRadioState(ManagerState::PoweredOff);
     r.h.settle();
-    EXPECT_EQ(r.rec->log(), (Log{"state PoweredOn", "connect", "state PoweredOff"}));
+    EXPECT_EQ(r.rec->take(), (Log{"connect", "state PoweredOff"}));
     EXPECT_EQ(scale->linkCount(), 0u);
 }
 
@@ -193,7 +186,7 @@ TEST(SimScan, EachAdvertiserOncePerScanOrEveryIntervalWithDuplicatesAndFiltersAn
     r.h.world->addPeripheral(options);
     auto late = r.h.world->addPeripheral(sim::PeripheralOptions{});
     late->setAdvertising(false);
-    r.rec->clear();
+    r.rec->take();
     r.scan();
     r.h.advance(2s);
     late->setAdvertising(true);  // switched on while scanning: reported once
@@ -203,14 +196,14 @@ TEST(SimScan, EachAdvertiserOncePerScanOrEveryIntervalWithDuplicatesAndFiltersAn
     r.scan(std::vector{wire::kDfuService});
     r.scan(std::vector{wire::kScaleService, bt::Uuid::from16(0x180D)});
     const std::string d = "discover DfuTarg 00001530-1212-EFDE-1523-785FEABCD123";
-    EXPECT_EQ(r.rec->log(),
+    EXPECT_EQ(r.rec->take(),
               (Log{"discover Plenk Scale FF08", d, "discover -", d, "discover Plenk Scale FF08"}));
-    r.rec->clear();
+    r.rec->take();
     r.scan(std::nullopt, true);
     r.h.advance(1s);
     r.central->stopScan();
     r.h.advance(1s);
-    EXPECT_EQ(r.rec->log().size(), 3u * 11);  // at once, then every 100 ms until stopped
+    EXPECT_EQ(r.rec->take().size(), 3u * 11);  // at once, then every 100 ms until stopped
     EXPECT_EQ(r.h.clock->pendingTimers(), 0u);
 }
 
@@ -218,7 +211,7 @@ TEST(SimGatt, WritesAndReadsThePeerDoesNotPermitAreRefused) {
     Rig r;
     auto scale = r.h.addScale();
     auto p = r.connect(scale, true);
-    r.rec->clear();
+    r.rec->take();
     const auto write = [&](const bt::Uuid& uuid, const bt::Bytes& value, bt::WriteType type) {
         p->writeValue(value, characteristicOf(p, uuid), type);
     };
@@ -228,7 +221,7 @@ TEST(SimGatt, WritesAndReadsThePeerDoesNotPermitAreRefused) {
     p->readValueForCharacteristic(characteristicOf(p, wire::kCommandCharacteristic));
     write(wire::kCommandCharacteristic, bt::Bytes(wire::tareFrame().span()), bt::WriteType::WithoutResponse);
     r.h.settle();
-    EXPECT_EQ(r.rec->log(), (Log{"write EF81 att3", "value EF80 att2"}));
+    EXPECT_EQ(r.rec->take(), (Log{"write EF81 att3", "value EF80 att2"}));
     scale->withScale([&](emulator::ScaleEmulator& s) { EXPECT_EQ(s.counters().tares, 1u); });
     EXPECT_EQ(scale->writes().size(), 2u);  // the refused one reached the peer, not the firmware
 }
@@ -239,7 +232,7 @@ TEST(SimNotify, SwitchErrorsButtonsAndErroneousUpdates) {
     const auto error = attError(kAttUnlikelyError);
     scale->failNotifyState(wire::kDataCharacteristic, error);
     auto p = r.connect(scale, true);
-    r.rec->clear();
+    r.rec->take();
     r.subscribe(p, wire::kDataCharacteristic);
     r.subscribe(p, wire::kInfoCharacteristic);  // read-only
     EXPECT_EQ(scale->subscriberCount(wire::kDataCharacteristic), 0u);
@@ -251,8 +244,8 @@ TEST(SimNotify, SwitchErrorsButtonsAndErroneousUpdates) {
     scale->notify(wire::kDataCharacteristic, bt::Bytes{9, 9}, error);  // keeps the old value
     scale->notify(wire::kInfoCharacteristic, bt::Bytes{7});            // nobody listens there
     r.h.settle();
-    EXPECT_EQ(r.rec->log(), (Log{"notify EF81 att14", "notify EF83 att6", "notify EF82", "notify EF81",
-                                 "value EF82 02", "value EF81 010203", "value EF81 010203 att14"}));
+    EXPECT_EQ(r.rec->take(), (Log{"notify EF81 att14", "notify EF83 att6", "notify EF82", "notify EF81",
+                                  "value EF82 02", "value EF81 010203", "value EF81 010203 att14"}));
 }
 
 TEST(SimThreads, CallsFromInsideAnEventAreNotReenteredAndDelegatesAreHeldWeakly) {
@@ -260,7 +253,7 @@ TEST(SimThreads, CallsFromInsideAnEventAreNotReenteredAndDelegatesAreHeldWeakly)
     r.rec->discoverOnConnect = true;
     auto scale = r.h.addScale();
     auto p = r.connect(scale);
-    EXPECT_EQ(r.rec->log(), (Log{"state PoweredOn", "connect", "services"}));
+    EXPECT_EQ(r.rec->take(), (Log{"state PoweredOn", "connect", "services"}));
     r.discoverAll(p);
     r.subscribe(p, wire::kDataCharacteristic);
     std::weak_ptr<Recorder> weak = r.rec;
@@ -273,7 +266,7 @@ TEST(SimThreads, CallsFromInsideAnEventAreNotReenteredAndDelegatesAreHeldWeakly)
     r.central->setDelegate(r.rec);
     r.h.world->setRadioState(ManagerState::PoweredOff);
     r.h.settle();
-    EXPECT_EQ(r.rec->log(), Log{"state PoweredOff"});  // a new delegate hears later events only
+    EXPECT_EQ(r.rec->take(), Log{"state PoweredOff"});  // a new delegate hears later events only
 }
 
 }  // namespace

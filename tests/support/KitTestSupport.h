@@ -1,7 +1,7 @@
 #pragma once
 
-// Shared pieces of the kit and facade tests: a notification log, a headless
-// picker presenter, scale helpers and fixtures with a simulated world.
+// Shared pieces of the kit and facade tests: a headless picker presenter,
+// scale helpers and fixtures with a simulated world.
 
 #include <gtest/gtest.h>
 
@@ -22,31 +22,6 @@
 #include "wire/GattUuids.h"
 
 namespace plenk::test {
-
-// Every notification posted on a centre, as "name" or "name: object".
-class NotificationLog {
-public:
-    explicit NotificationLog(std::shared_ptr<NotificationCenter> center) : center_(std::move(center)) {
-        token_ = center_->addObserver("", [this](const Notification& n) {
-            std::lock_guard lock(mutex_);
-            entries_.push_back(n.object ? n.name + ": " + *n.object : n.name);
-        });
-    }
-    ~NotificationLog() { center_->removeObserver(token_); }
-    NotificationLog(const NotificationLog&) = delete;
-    NotificationLog& operator=(const NotificationLog&) = delete;
-
-    std::size_t count(const std::string& entry) const {
-        std::lock_guard lock(mutex_);
-        return static_cast<std::size_t>(std::count(entries_.begin(), entries_.end(), entry));
-    }
-
-private:
-    std::shared_ptr<NotificationCenter> center_;
-    NotificationCenter::Token token_ = 0;
-    mutable std::mutex mutex_;
-    std::vector<std::string> entries_;
-};
 
 // A picker view with nothing to draw: it counts reloads and dismisses at once.
 class HeadlessPickerView final : public PickerView {
@@ -107,12 +82,6 @@ struct PickerOutcome {
         return results.size();
     }
 };
-
-inline SimHarnessOptions harnessWithRadio(std::optional<bt::ManagerState> radio) {
-    SimHarnessOptions options;
-    options.radio = radio;
-    return options;
-}
 
 // Frames written to the scale's command characteristic.
 inline std::vector<std::vector<std::uint8_t>> commandFrames(
@@ -180,7 +149,12 @@ public:
     }
 
     SimHarness h;
-    NotificationLog notes{h.notifications};
+    // Every notification posted on the harness's centre, as "name" or "name: object".
+    std::shared_ptr<CapturingLogSink> notes = std::make_shared<CapturingLogSink>();
+    NotificationCenter::Token notesToken =
+        h.notifications->addObserver("", [notes = notes](const Notification& n) {
+            notes->write(n.object ? n.name + ": " + *n.object : n.name);
+        });
     std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>(h.mainLoop);
     std::shared_ptr<RKRostaKit> kit;
 };

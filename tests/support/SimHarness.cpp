@@ -6,28 +6,6 @@
 
 namespace plenk::test {
 
-void CapturingLogSink::write(std::string_view text) {
-    std::lock_guard lock(mutex_);
-    lines_.emplace_back(text);
-}
-
-std::vector<std::string> CapturingLogSink::lines() const {
-    std::lock_guard lock(mutex_);
-    return lines_;
-}
-
-std::size_t CapturingLogSink::count(std::string_view fragment) const {
-    std::lock_guard lock(mutex_);
-    std::size_t n = 0;
-    for (const auto& line : lines_) n += line.find(fragment) != std::string::npos ? 1 : 0;
-    return n;
-}
-
-void CapturingLogSink::clear() {
-    std::lock_guard lock(mutex_);
-    lines_.clear();
-}
-
 SimHarness::SimHarness(SimHarnessOptions options)
     : log(std::make_shared<CapturingLogSink>()), simLog(std::make_shared<CapturingLogSink>()) {
     Simulator::Options simulatorOptions;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <memory>
 #include <mutex>
@@ -25,12 +26,21 @@ namespace plenk::test {
 // A LogSink that keeps every text it is given, in order. Thread-safe.
 class CapturingLogSink final : public LogSink {
 public:
-    void write(std::string_view text) override;
-    std::vector<std::string> lines() const;
+    void write(std::string_view text) override {
+        std::lock_guard lock(mutex_);
+        lines_.emplace_back(text);
+    }
+    std::vector<std::string> lines() const {
+        std::lock_guard lock(mutex_);
+        return lines_;
+    }
     // How many lines contain `fragment`.
-    std::size_t count(std::string_view fragment) const;
-    bool contains(std::string_view fragment) const { return count(fragment) > 0; }
-    void clear();
+    std::size_t count(std::string_view fragment) const {
+        std::lock_guard lock(mutex_);
+        return static_cast<std::size_t>(
+            std::count_if(lines_.begin(), lines_.end(),
+                          [&](const std::string& line) { return line.find(fragment) != std::string::npos; }));
+    }
 
 private:
     mutable std::mutex mutex_;
