@@ -2,6 +2,8 @@
 
 #include <PlenkKit/Context.h>
 
+#include <algorithm>
+
 namespace plenk::test {
 
 BluezRig::BluezRig(Options o) : options(o) {}
@@ -9,6 +11,12 @@ BluezRig::BluezRig(Options o) : options(o) {}
 BluezRig::~BluezRig() {
     plenk.reset();
     loop->runUntilIdle();
+}
+
+void BluezRig::addScale(fakebluez::ScaleSetup setup) {
+    fake.addAdapter({});
+    setup.address = kScaleAddress;
+    fake.addScale(setup);
 }
 
 void BluezRig::start() {
@@ -36,23 +44,16 @@ bool BluezRig::waitFor(const std::function<bool()>& done, std::chrono::nanosecon
     return true;
 }
 
-void BluezRig::runFor(std::chrono::nanoseconds duration) {
-    loop->runFor(duration);
+std::string BluezRig::log() const {
+    std::string text;
+    for (const auto& line : captured->lines()) text.append(line).push_back('\n');
+    return text;
 }
 
-std::string BluezRig::log() {
-    std::lock_guard lock(captured->mutex);
-    return captured->text;
-}
-
-std::vector<std::string> BluezRig::calls(const std::string& member) const {
-    std::vector<std::string> out;
-    for (const auto& call : fake.calls()) {
-        if (!member.empty() && call.member != member) continue;
-        const auto slash = call.path.rfind('/');
-        out.push_back(call.member + " " + call.path.substr(slash + 1));
-    }
-    return out;
+std::size_t BluezRig::callCount(const std::string& member) const {
+    const auto calls = fake.calls();
+    return static_cast<std::size_t>(
+        std::count_if(calls.begin(), calls.end(), [&](const auto& call) { return call.member == member; }));
 }
 
 }  // namespace plenk::test

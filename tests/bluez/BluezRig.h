@@ -9,11 +9,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <string_view>
-#include <thread>
-#include <vector>
 
 #include <PlenkKit/PKPlenk.h>
 #include <PlenkKit/RunLoop.h>
@@ -22,6 +18,7 @@
 #include "PrivateBus.h"
 #include "backends/bluez/BluezBackend.h"
 #include "support/RecordingDelegate.h"
+#include "support/SimHarness.h"
 
 namespace plenk::test {
 
@@ -29,19 +26,8 @@ using namespace std::chrono_literals;
 
 inline constexpr const char* kScaleAddress = "C0:FF:EE:00:00:01";
 
-// A captured diagnostics stream: shows what the backend said when a test fails.
-struct CapturedLog : LogSink {
-    std::mutex mutex;
-    std::string text;
-    void write(std::string_view line) override {
-        std::lock_guard lock(mutex);
-        text.append(line).push_back('\n');
-    }
-};
-
 struct BluezRigOptions {
     bluez::NotifyMode notify = bluez::NotifyMode::Socket;  // the library's default
-    fakebluez::Timings timings{};
     std::chrono::milliseconds discoveryTimeout{2000};
     std::string adapter{};  // Context::adapter
 };
@@ -52,23 +38,25 @@ public:
     explicit BluezRig(Options options = {});
     ~BluezRig();
 
+    // hci0 and the scale at kScaleAddress on it.
+    void addScale(fakebluez::ScaleSetup setup = {});
     // The facade on the bluez backend with auto-connect on.
     void start();
     // Runs the main queue until `done` holds (false after `timeout`); `done`
     // may look at the fake.
     bool waitFor(const std::function<bool()>& done, std::chrono::nanoseconds timeout = 5s);
-    // Runs the main queue for `duration`.
-    void runFor(std::chrono::nanoseconds duration);
-    std::string log();
-    // The fake's call log as "member path-tail" lines, from this client only.
-    std::vector<std::string> calls(const std::string& member = "") const;
+    void runFor(std::chrono::nanoseconds duration) { loop->runFor(duration); }
+    // What the backend said, for a failure message.
+    std::string log() const;
+    // How many calls of `member` the fake received, from every client.
+    std::size_t callCount(const std::string& member) const;
 
     Options options;
     fakebluez::PrivateBus bus;
     fakebluez::ScopedSystemBus systemBus{bus.address()};
-    fakebluez::FakeBluez fake{bus.address(), options.timings};
+    fakebluez::FakeBluez fake{bus.address()};
     std::shared_ptr<RunLoop> loop = std::make_shared<RunLoop>();
-    std::shared_ptr<CapturedLog> captured = std::make_shared<CapturedLog>();
+    std::shared_ptr<CapturingLogSink> captured = std::make_shared<CapturingLogSink>();
     std::shared_ptr<NotificationCenter> notifications = std::make_shared<NotificationCenter>();
     std::shared_ptr<RecordingDelegate> host = std::make_shared<RecordingDelegate>(loop);
     std::shared_ptr<PKPlenk> plenk;
