@@ -6,6 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <PlenkKit/Context.h>
+
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -35,21 +38,55 @@ struct BluezRigOptions {
 class BluezRig {
 public:
     using Options = BluezRigOptions;
-    explicit BluezRig(Options options = {});
-    ~BluezRig();
+    explicit BluezRig(Options o = {}) : options(std::move(o)) {}
+    ~BluezRig() {
+        plenk.reset();
+        loop->runUntilIdle();
+    }
 
     // hci0 and the scale at kScaleAddress on it.
-    void addScale(fakebluez::ScaleSetup setup = {});
+    void addScale(fakebluez::ScaleSetup setup = {}) {
+        fake.addAdapter({});
+        setup.address = kScaleAddress;
+        fake.addScale(setup);
+    }
     // The facade on the bluez backend with auto-connect on.
-    void start();
+    void start() {
+        bluez::BluezBackend::Options backend;
+        backend.notifyMode = options.notify;
+        backend.discoveryTimeout = options.discoveryTimeout;
+        Context context;
+        context.mainQueue = loop;
+        context.log = captured;
+        context.adapter = options.adapter;
+        context.notifications = notifications;
+        context.backend = std::make_shared<bluez::BluezBackend>(backend);
+        plenk = PKPlenk::create(context);
+        plenk->setDelegate(host);
+        plenk->setIsAutoConnectEnabled(true);
+    }
     // Runs the main queue until `done` holds (false after `timeout`); `done`
-    // may look at the fake.
-    bool waitFor(const std::function<bool()>& done, std::chrono::nanoseconds timeout = 5s);
+    // may look at the fake, whose changes the main queue does not wake for.
+    bool waitFor(const std::function<bool()>& done, std::chrono::nanoseconds timeout = 5s) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (!loop->runUntil(done, 10ms)) {
+            if (std::chrono::steady_clock::now() >= deadline) return done();
+        }
+        return true;
+    }
     void runFor(std::chrono::nanoseconds duration) { loop->runFor(duration); }
     // What the backend said, for a failure message.
-    std::string log() const;
+    std::string log() const {
+        std::string text;
+        for (const auto& line : captured->lines()) text.append(line).push_back('\n');
+        return text;
+    }
     // How many calls of `member` the fake received, from every client.
-    std::size_t callCount(const std::string& member) const;
+    std::size_t callCount(const std::string& member) const {
+        const auto calls = fake.calls();
+        return static_cast<std::size_t>(std::count_if(
+            calls.begin(), calls.end(), [&](const auto& call) { return call.member == member; }));
+    }
 
     Options options;
     fakebluez::PrivateBus bus;

@@ -114,17 +114,7 @@ private:
     std::map<std::string, std::unique_ptr<sdbus::IProxy>> proxies_;
 };
 
-class FakeBluezTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (!PrivateBus::available()) GTEST_SKIP() << "dbus-daemon is not installed";
-        bus_ = std::make_unique<PrivateBus>();
-    }
-
-    std::unique_ptr<PrivateBus> bus_;
-};
-
-TEST_F(FakeBluezTest, DiscoverySessionsMergeTheirFiltersAndEveryClientSeesTheUnion) {
+TEST(FakeBluez, DiscoverySessionsMergeTheirFiltersAndEveryClientSeesTheUnion) {
     const std::string scaleUuid = "0000ff08-0000-1000-8000-00805f9b34fb";
     const std::string dfuUuid = "00001530-1212-efde-1523-785feabcd123";
     const auto scalePath = FakeBluez::devicePath("hci0", kScale);
@@ -142,26 +132,26 @@ TEST_F(FakeBluezTest, DiscoverySessionsMergeTheirFiltersAndEveryClientSeesTheUni
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        FakeBluez bluez(bus_->address());
+        PrivateBus bus;
+        FakeBluez bluez(bus.address());
         bluez.addAdapter({});
         bluez.addScale({.address = kScale});
         bluez.addScale({.address = kOther});
         bluez.withScale(kOther, [](emulator::ScaleEmulator& scale) { scale.enterUpdateMode(); });
-        Client a(bus_->address()), b(bus_->address()), observer(bus_->address());
-        auto& adapterA = a.at("/org/bluez/hci0");
-        auto& adapterB = b.at("/org/bluez/hci0");
-        adapterA.callMethod("SetDiscoveryFilter")
-            .onInterface(kAdapter)
-            .withArguments(
-                Dict{{"UUIDs", std::vector<std::string>{scaleUuid}}, {"Transport", std::string("le")}});
-        if (c.filterB) {
-            adapterB.callMethod("SetDiscoveryFilter")
-                .onInterface(kAdapter)
-                .withArguments(Dict{{"UUIDs", *c.filterB}});
-        }
-        adapterA.callMethod("StartDiscovery").onInterface(kAdapter);
-        if (c.startB) adapterB.callMethod("StartDiscovery").onInterface(kAdapter);
-
+        Client a(bus.address()), b(bus.address()), observer(bus.address());
+        // Sets the client's filter (when given), then starts its session (when told to).
+        const auto scan = [](Client& client, const std::optional<std::vector<std::string>>& uuids,
+                             bool start) {
+            auto& hci0 = client.at("/org/bluez/hci0");
+            if (uuids) {
+                hci0.callMethod("SetDiscoveryFilter")
+                    .onInterface(kAdapter)
+                    .withArguments(Dict{{"UUIDs", *uuids}, {"Transport", std::string("le")}});
+            }
+            if (start) hci0.callMethod("StartDiscovery").onInterface(kAdapter);
+        };
+        scan(a, std::vector{scaleUuid}, true);
+        scan(b, c.filterB, c.startB);
         // InterfacesAdded is broadcast: a client without a session sees the union too.
         observer.pump([&] { return observer.added.size() >= c.expected.size(); });
         observer.pump([] { return false; }, 250ms);  // two more advertising intervals
@@ -175,11 +165,12 @@ TEST_F(FakeBluezTest, DiscoverySessionsMergeTheirFiltersAndEveryClientSeesTheUni
     }
 }
 
-TEST_F(FakeBluezTest, ConnectRepliesAtLinkUpWritesAreSerialisedDisconnectKeepsItsOrderAndSessionsSurvive) {
-    FakeBluez bluez(bus_->address());
+TEST(FakeBluez, ConnectRepliesAtLinkUpWritesAreSerialisedDisconnectKeepsItsOrderAndSessionsSurvive) {
+    PrivateBus bus;
+    FakeBluez bluez(bus.address());
     bluez.addAdapter({});
     bluez.addScale({.address = kScale, .cached = true});
-    Client client(bus_->address());
+    Client client(bus.address());
     const auto device = FakeBluez::devicePath("hci0", kScale);
     // Connect answers at link-up; services resolve after it.
     const auto connect = [&] {
