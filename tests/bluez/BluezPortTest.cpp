@@ -36,13 +36,6 @@ public:
     void peripheralDidDiscoverServices(bt::Peripheral& p, const ErrorPtr&) override {
         for (const auto& service : p.services()) p.discoverCharacteristics(std::nullopt, service);
     }
-    void peripheralDidDiscoverCharacteristicsForServiceError(bt::Peripheral&, const bt::ServicePtr& service,
-                                                             const ErrorPtr&) override {
-        for (const auto& c : service->characteristics()) {
-            std::lock_guard lock(mutex_);
-            if (c->uuid() == wire::kBatteryLevel) battery_ = c;
-        }
-    }
     void peripheralDidUpdateNotificationStateForCharacteristicError(bt::Peripheral&,
                                                                     const bt::CharacteristicPtr&,
                                                                     const ErrorPtr& error) override {
@@ -67,15 +60,9 @@ public:
         const auto all = events();
         return static_cast<std::size_t>(std::count(all.begin(), all.end(), event));
     }
-    // Forgets the events (and, for a new link, the characteristic).
-    void clear(bool link = false) {
+    void clear() {
         std::lock_guard lock(mutex_);
         events_.clear();
-        if (link) battery_ = nullptr;
-    }
-    bt::CharacteristicPtr battery() {
-        std::lock_guard lock(mutex_);
-        return battery_;
     }
     void hold(std::shared_ptr<bt::Central> c) {
         std::lock_guard lock(mutex_);
@@ -85,7 +72,6 @@ public:
 private:
     std::mutex mutex_;
     std::vector<std::string> events_;
-    bt::CharacteristicPtr battery_;
     std::shared_ptr<bt::Central> releaseOnConnect_;
 };
 
@@ -110,14 +96,22 @@ struct PortClient {
     }
     // Connects, discovers and subscribes to the battery level.
     void link() {
-        recorder->clear(true);
+        recorder->clear();
         central->connectPeripheral(peripheral, {});
         ASSERT_TRUE(wait([&] { return recorder->count("connected") == 1; })) << rig.log();
         peripheral->discoverServices(std::nullopt);
-        ASSERT_TRUE(wait([&] { return recorder->battery() != nullptr; })) << rig.log();
-        peripheral->setNotifyValue(true, recorder->battery());
+        ASSERT_TRUE(wait([&] { return battery() != nullptr; })) << rig.log();
+        peripheral->setNotifyValue(true, battery());
         ASSERT_TRUE(wait([&] { return recorder->count("notifying") == 1; })) << rig.log();
         recorder->clear();
+    }
+    // The battery level of the current link, once discovered.
+    bt::CharacteristicPtr battery() const {
+        for (const auto& service : peripheral->services()) {
+            for (const auto& c : service->characteristics())
+                if (c->uuid() == wire::kBatteryLevel) return c;
+        }
+        return nullptr;
     }
 
     BluezRig& rig;
@@ -169,7 +163,7 @@ TEST_F(BluezPort, AReadIsOneEventAndEachNotificationOneOnEveryLink) {
         SCOPED_TRACE(times);
         client.link();
         // bluetoothd announces the value it read as a change too.
-        peripheral->readValueForCharacteristic(recorder->battery());
+        peripheral->readValueForCharacteristic(client.battery());
         ASSERT_TRUE(wait([&] { return recorder->count("value 85") == 1; }));
         rig.fake.notify(kScaleAddress, wire::kBatteryLevel, {42});
         rig.fake.notify(kScaleAddress, wire::kBatteryLevel, {43});

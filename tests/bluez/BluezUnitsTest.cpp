@@ -94,34 +94,25 @@ TEST(BluezScan, EachDeviceIsCheckedAgainstThisScansOwnFilterAndReportedOncePerSc
         bool heard;
         bool reported;
     };
+    using Filter = std::optional<std::vector<bt::Uuid>>;
+    const Filter any, empty = std::vector<bt::Uuid>{}, scaleOnly = std::vector{scale};
     struct Case {
         const char* name;
-        std::optional<std::vector<bt::Uuid>> filter;
+        Filter filter;
         bool duplicates;
         std::vector<Step> steps;
     };
     const Case cases[] = {
-        {"once per scan",
-         std::nullopt,
-         false,
-         {{"/a", {}, true, true}, {"/a", {}, true, false}, {"/b", {}, true, true}}},
-        {"duplicates on every advertisement",
-         std::nullopt,
-         true,
-         {{"/a", {}, true, true}, {"/a", {}, true, true}, {"/a", {}, false, false}}},
+        {"once per scan", any, false, {{"a", {}, true, true}, {"a", {}, true, false}, {"b", {}, true, true}}},
+        // Every advertisement, but not a mere property change.
+        {"duplicates", any, true, {{"a", {}, true, true}, {"a", {}, true, true}, {"a", {}, false, false}}},
         // Another client's wider filter brings devices this scan did not ask for.
-        {"filtered",
-         std::vector{scale},
-         false,
-         {{"/a", {other}, true, false}, {"/b", {scale, other}, true, true}}},
-        {"empty filter is every device", std::vector<bt::Uuid>{}, false, {{"/a", {other}, true, true}}},
+        {"filtered", scaleOnly, false, {{"a", {other}, true, false}, {"b", {scale, other}, true, true}}},
+        {"an empty filter is every device", empty, false, {{"a", {other}, true, true}}},
         // Cached from an earlier scan: reported once this scan hears it.
-        {"cached", std::nullopt, false, {{"/a", {}, false, false}, {"/a", {}, true, true}}},
+        {"cached", any, false, {{"a", {}, false, false}, {"a", {}, true, true}}},
         // Heard before its services were known: reported when they arrive.
-        {"services later",
-         std::vector{scale},
-         false,
-         {{"/a", {}, true, false}, {"/a", {scale}, false, true}}},
+        {"services later", scaleOnly, false, {{"a", {}, true, false}, {"a", {scale}, false, true}}},
     };
     for (const auto& c : cases) {
         ScanSession scan;
