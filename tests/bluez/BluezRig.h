@@ -6,14 +6,13 @@
 
 #include <gtest/gtest.h>
 
+#include <PlenkKit/Context.h>
+
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <string_view>
-#include <thread>
-#include <vector>
 
 #include <PlenkKit/PKPlenk.h>
 #include <PlenkKit/RunLoop.h>
@@ -22,6 +21,7 @@
 #include "PrivateBus.h"
 #include "backends/bluez/BluezBackend.h"
 #include "support/RecordingDelegate.h"
+#include "support/SimHarness.h"
 
 namespace plenk::test {
 
@@ -29,19 +29,8 @@ using namespace std::chrono_literals;
 
 inline constexpr const char* kScaleAddress = "C0:FF:EE:00:00:01";
 
-// A captured diagnostics stream: shows what the backend said when a test fails.
-struct CapturedLog : LogSink {
-    std::mutex mutex;
-    std::string text;
-    void write(std::string_view line) override {
-        std::lock_guard lock(mutex);
-        text.append(line).push_back('\n');
-    }
-};
-
 struct BluezRigOptions {
     bluez::NotifyMode notify = bluez::NotifyMode::Socket;  // the library's default
-    fakebluez::Timings timings{};
     std::chrono::milliseconds discoveryTimeout{2000};
     std::string adapter{};  // Context::adapter
 };
@@ -49,26 +38,62 @@ struct BluezRigOptions {
 class BluezRig {
 public:
     using Options = BluezRigOptions;
-    explicit BluezRig(Options options = {});
-    ~BluezRig();
+    explicit BluezRig(Options o = {}) : options(std::move(o)) {}
+    ~BluezRig() {
+        plenk.reset();
+        loop->runUntilIdle();
+    }
 
+    // hci0 and the scale at kScaleAddress on it.
+    void addScale(fakebluez::ScaleSetup setup = {}) {
+        fake.addAdapter({});
+        setup.address = kScaleAddress;
+        fake.addScale(setup);
+    }
     // The facade on the bluez backend with auto-connect on.
-    void start();
+    void start() {
+        bluez::BluezBackend::Options backend;
+        backend.notifyMode = options.notify;
+        backend.discoveryTimeout = options.discoveryTimeout;
+        Context context;
+        context.mainQueue = loop;
+        context.log = captured;
+        context.adapter = options.adapter;
+        context.notifications = notifications;
+        context.backend = std::make_shared<bluez::BluezBackend>(backend);
+        plenk = PKPlenk::create(context);
+        plenk->setDelegate(host);
+        plenk->setIsAutoConnectEnabled(true);
+    }
     // Runs the main queue until `done` holds (false after `timeout`); `done`
-    // may look at the fake.
-    bool waitFor(const std::function<bool()>& done, std::chrono::nanoseconds timeout = 5s);
-    // Runs the main queue for `duration`.
-    void runFor(std::chrono::nanoseconds duration);
-    std::string log();
-    // The fake's call log as "member path-tail" lines, from this client only.
-    std::vector<std::string> calls(const std::string& member = "") const;
+    // may look at the fake, whose changes the main queue does not wake for.
+    bool waitFor(const std::function<bool()>& done, std::chrono::nanoseconds timeout = 5s) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (!loop->runUntil(done, 10ms)) {
+            if (std::chrono::steady_clock::now() >= deadline) return done();
+        }
+        return true;
+    }
+    void runFor(std::chrono::nanoseconds duration) { loop->runFor(duration); }
+    // What the backend said, for a failure message.
+    std::string log() const {
+        std::string text;
+        for (const auto& line : captured->lines()) text.append(line).push_back('\n');
+        return text;
+    }
+    // How many calls of `member` the fake received, from every client.
+    std::size_t callCount(const std::string& member) const {
+        const auto calls = fake.calls();
+        return static_cast<std::size_t>(std::count_if(
+            calls.begin(), calls.end(), [&](const auto& call) { return call.member == member; }));
+    }
 
     Options options;
     fakebluez::PrivateBus bus;
     fakebluez::ScopedSystemBus systemBus{bus.address()};
-    fakebluez::FakeBluez fake{bus.address(), options.timings};
+    fakebluez::FakeBluez fake{bus.address()};
     std::shared_ptr<RunLoop> loop = std::make_shared<RunLoop>();
-    std::shared_ptr<CapturedLog> captured = std::make_shared<CapturedLog>();
+    std::shared_ptr<CapturingLogSink> captured = std::make_shared<CapturingLogSink>();
     std::shared_ptr<NotificationCenter> notifications = std::make_shared<NotificationCenter>();
     std::shared_ptr<RecordingDelegate> host = std::make_shared<RecordingDelegate>(loop);
     std::shared_ptr<PKPlenk> plenk;

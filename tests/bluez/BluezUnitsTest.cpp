@@ -24,17 +24,14 @@ TEST(BluezErrors, ConnectFailuresMapOntoTheCodesTheKitReads) {
         ConnectOutcome outcome;
         std::int64_t code;  // link domain, when Failed
     };
+    // The texts of org.bluez.Error.Failed go through to the host in the
+    // connection tests; here, the answers that come by name and the outcomes
+    // that are not failures.
     const Row rows[] = {
-        {kFailed, "le-connection-timeout", ConnectOutcome::Failed, 14},
-        {kFailed, "le-connection-abort-by-local", ConnectOutcome::Failed, 14},
         {"org.freedesktop.DBus.Error.NoReply", "", ConnectOutcome::Failed, 14},
-        {kFailed, "le-connection-abort-by-remote", ConnectOutcome::Failed, 11},
-        {kFailed, "le-connection-refused", ConnectOutcome::Failed, 11},
-        {kFailed, "something bluetoothd says one day", ConnectOutcome::Failed, 11},
-        {kFailed, "le-connection-invalid-arguments", ConnectOutcome::Failed, 12},
         {"org.freedesktop.DBus.Error.UnknownObject", "", ConnectOutcome::Failed, 12},
-        {kFailed, "le-connection-bad-socket", ConnectOutcome::Failed, 13},
         {"org.bluez.Error.NotReady", "Resource Not Ready", ConnectOutcome::Failed, kPlatformConnectionFailed},
+        {kFailed, "something bluetoothd says one day", ConnectOutcome::Failed, 11},
         {"org.bluez.Error.AlreadyConnected", "", ConnectOutcome::Linked, 0},
         {kFailed, "le-connection-already-connected", ConnectOutcome::Linked, 0},
         {"org.bluez.Error.InProgress", "In Progress", ConnectOutcome::Busy, 0},
@@ -86,8 +83,6 @@ TEST(BluezIdentifiers, NameBasedAndStableAcrossRuns) {
     const auto id = peripheralIdentifier("00:1A:7D:DA:71:10", "C0:FF:EE:00:00:01");
     EXPECT_EQ(id.toString(), "2244C5C1-7550-5A7E-8984-E4F7D45D772C");
     EXPECT_EQ(peripheralIdentifier("00:1a:7d:da:71:10", "c0:ff:ee:00:00:01"), id);
-    EXPECT_NE(peripheralIdentifier("00:1A:7D:DA:71:11", "C0:FF:EE:00:00:01"), id);
-    EXPECT_NE(peripheralIdentifier("00:1A:7D:DA:71:10", "C0:FF:EE:00:00:02"), id);
 }
 
 TEST(BluezScan, EachDeviceIsCheckedAgainstThisScansOwnFilterAndReportedOncePerScan) {
@@ -99,34 +94,25 @@ TEST(BluezScan, EachDeviceIsCheckedAgainstThisScansOwnFilterAndReportedOncePerSc
         bool heard;
         bool reported;
     };
+    using Filter = std::optional<std::vector<bt::Uuid>>;
+    const Filter any, empty = std::vector<bt::Uuid>{}, scaleOnly = std::vector{scale};
     struct Case {
         const char* name;
-        std::optional<std::vector<bt::Uuid>> filter;
+        Filter filter;
         bool duplicates;
         std::vector<Step> steps;
     };
     const Case cases[] = {
-        {"once per scan",
-         std::nullopt,
-         false,
-         {{"/a", {}, true, true}, {"/a", {}, true, false}, {"/b", {}, true, true}}},
-        {"duplicates on every advertisement",
-         std::nullopt,
-         true,
-         {{"/a", {}, true, true}, {"/a", {}, true, true}, {"/a", {}, false, false}}},
+        {"once per scan", any, false, {{"a", {}, true, true}, {"a", {}, true, false}, {"b", {}, true, true}}},
+        // Every advertisement, but not a mere property change.
+        {"duplicates", any, true, {{"a", {}, true, true}, {"a", {}, true, true}, {"a", {}, false, false}}},
         // Another client's wider filter brings devices this scan did not ask for.
-        {"filtered",
-         std::vector{scale},
-         false,
-         {{"/a", {other}, true, false}, {"/b", {scale, other}, true, true}}},
-        {"empty filter is every device", std::vector<bt::Uuid>{}, false, {{"/a", {other}, true, true}}},
+        {"filtered", scaleOnly, false, {{"a", {other}, true, false}, {"b", {scale, other}, true, true}}},
+        {"an empty filter is every device", empty, false, {{"a", {other}, true, true}}},
         // Cached from an earlier scan: reported once this scan hears it.
-        {"cached", std::nullopt, false, {{"/a", {}, false, false}, {"/a", {}, true, true}}},
+        {"cached", any, false, {{"a", {}, false, false}, {"a", {}, true, true}}},
         // Heard before its services were known: reported when they arrive.
-        {"services later",
-         std::vector{scale},
-         false,
-         {{"/a", {}, true, false}, {"/a", {scale}, false, true}}},
+        {"services later", scaleOnly, false, {{"a", {}, true, false}, {"a", {scale}, false, true}}},
     };
     for (const auto& c : cases) {
         ScanSession scan;

@@ -1,6 +1,6 @@
 // The fake bluetoothd seen from plain D-Bus clients: what the library's own
-// tests cannot show (several clients at once, replies racing each other, the
-// notification socket, the daemon's restart).
+// tests cannot show (several clients at once, replies racing each other, what
+// bluetoothd keeps over a link).
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -48,32 +48,25 @@ public:
         root_->finishRegistration();
     }
 
-    std::string name() const { return connection_->getUniqueName(); }
-    sdbus::IConnection& connection() { return *connection_; }
-
+    // The proxy of `path`. It records the Device1 booleans that change as
+    // "Name=value" in `events`, and counts a characteristic's Value changes.
     sdbus::IProxy& at(const std::string& path) {
         auto& proxy = proxies_[path];
         if (!proxy) {
             proxy = sdbus::createProxy(*connection_, "org.bluez", path);
+            proxy->uponSignal("PropertiesChanged")
+                .onInterface("org.freedesktop.DBus.Properties")
+                .call([this](const std::string& interface, const Dict& changed,
+                             const std::vector<std::string>&) {
+                    for (const auto& [name, value] : changed) {
+                        if (interface == kCharacteristic && name == "Value") ++values;
+                        if (interface == kDevice && value.containsValueOfType<bool>())
+                            events.push_back(name + (value.get<bool>() ? "=true" : "=false"));
+                    }
+                });
             proxy->finishRegistration();
         }
         return *proxy;
-    }
-
-    // Records the boolean PropertiesChanged of `path` as "Name=value" in `events`.
-    void watch(const std::string& path) {
-        auto proxy = sdbus::createProxy(*connection_, "org.bluez", path);
-        proxy->uponSignal("PropertiesChanged")
-            .onInterface("org.freedesktop.DBus.Properties")
-            .call([this](const std::string&, const Dict& changed, const std::vector<std::string>&) {
-                for (const auto& [name, value] : changed) {
-                    if (value.containsValueOfType<bool>()) {
-                        events.push_back(name + (value.get<bool>() ? "=true" : "=false"));
-                    }
-                }
-            });
-        proxy->finishRegistration();
-        watchers_.push_back(std::move(proxy));
     }
 
     // The error name of a call ("" on success).
@@ -99,60 +92,29 @@ public:
         }
     }
 
-    ManagedObjects objects() {
-        ManagedObjects objects;
-        root_->callMethod("GetManagedObjects").onInterface(kObjectManager).storeResultsTo(objects);
-        return objects;
-    }
-
     // The path of the characteristic with this UUID.
     std::string characteristic(const bt::Uuid& uuid) {
-        const std::string text = uuidString(uuid);
-        for (const auto& [path, interfaces] : objects()) {
+        ManagedObjects objects;
+        root_->callMethod("GetManagedObjects").onInterface(kObjectManager).storeResultsTo(objects);
+        for (const auto& [path, interfaces] : objects) {
             auto found = interfaces.find(kCharacteristic);
-            if (found != interfaces.end() && found->second.at("UUID").get<std::string>() == text) return path;
+            if (found != interfaces.end() && found->second.at("UUID").get<std::string>() == uuidString(uuid))
+                return path;
         }
         return "";
     }
 
     std::set<std::string> added;
     std::vector<std::string> events;
+    std::size_t values = 0;
 
 private:
     std::unique_ptr<sdbus::IConnection> connection_;
     std::unique_ptr<sdbus::IProxy> root_;
     std::map<std::string, std::unique_ptr<sdbus::IProxy>> proxies_;
-    std::vector<std::unique_ptr<sdbus::IProxy>> watchers_;
 };
 
-class FakeBluezTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (!PrivateBus::available()) GTEST_SKIP() << "dbus-daemon is not installed";
-        bus_ = std::make_unique<PrivateBus>();
-    }
-
-    // A fake with hci0 and one scale known from an earlier scan.
-    std::unique_ptr<FakeBluez> fakeWithScale(bool streamWeights = true) {
-        auto bluez = std::make_unique<FakeBluez>(bus_->address());
-        bluez->addAdapter({});
-        bluez->addScale({.address = kScale, .cached = true, .streamWeights = streamWeights});
-        return bluez;
-    }
-
-    // Connects `client` to the scale and waits for ServicesResolved.
-    static void connect(Client& client) {
-        const auto device = FakeBluez::devicePath("hci0", kScale);
-        client.watch(device);
-        client.at(device).callMethod("Connect").onInterface(kDevice);
-        ASSERT_TRUE(client.pump(
-            [&] { return !client.events.empty() && client.events.back() == "ServicesResolved=true"; }));
-    }
-
-    std::unique_ptr<PrivateBus> bus_;
-};
-
-TEST_F(FakeBluezTest, DiscoverySessionsMergeTheirFiltersAndEveryClientSeesTheUnion) {
+TEST(FakeBluez, DiscoverySessionsMergeTheirFiltersAndEveryClientSeesTheUnion) {
     const std::string scaleUuid = "0000ff08-0000-1000-8000-00805f9b34fb";
     const std::string dfuUuid = "00001530-1212-efde-1523-785feabcd123";
     const auto scalePath = FakeBluez::devicePath("hci0", kScale);
@@ -170,26 +132,26 @@ TEST_F(FakeBluezTest, DiscoverySessionsMergeTheirFiltersAndEveryClientSeesTheUni
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        FakeBluez bluez(bus_->address());
+        PrivateBus bus;
+        FakeBluez bluez(bus.address());
         bluez.addAdapter({});
         bluez.addScale({.address = kScale});
         bluez.addScale({.address = kOther});
         bluez.withScale(kOther, [](emulator::ScaleEmulator& scale) { scale.enterUpdateMode(); });
-        Client a(bus_->address()), b(bus_->address()), observer(bus_->address());
-        auto& adapterA = a.at("/org/bluez/hci0");
-        auto& adapterB = b.at("/org/bluez/hci0");
-        adapterA.callMethod("SetDiscoveryFilter")
-            .onInterface(kAdapter)
-            .withArguments(
-                Dict{{"UUIDs", std::vector<std::string>{scaleUuid}}, {"Transport", std::string("le")}});
-        if (c.filterB) {
-            adapterB.callMethod("SetDiscoveryFilter")
-                .onInterface(kAdapter)
-                .withArguments(Dict{{"UUIDs", *c.filterB}});
-        }
-        adapterA.callMethod("StartDiscovery").onInterface(kAdapter);
-        if (c.startB) adapterB.callMethod("StartDiscovery").onInterface(kAdapter);
-
+        Client a(bus.address()), b(bus.address()), observer(bus.address());
+        // Sets the client's filter (when given), then starts its session (when told to).
+        const auto scan = [](Client& client, const std::optional<std::vector<std::string>>& uuids,
+                             bool start) {
+            auto& hci0 = client.at("/org/bluez/hci0");
+            if (uuids) {
+                hci0.callMethod("SetDiscoveryFilter")
+                    .onInterface(kAdapter)
+                    .withArguments(Dict{{"UUIDs", *uuids}, {"Transport", std::string("le")}});
+            }
+            if (start) hci0.callMethod("StartDiscovery").onInterface(kAdapter);
+        };
+        scan(a, std::vector{scaleUuid}, true);
+        scan(b, c.filterB, c.startB);
         // InterfacesAdded is broadcast: a client without a session sees the union too.
         observer.pump([&] { return observer.added.size() >= c.expected.size(); });
         observer.pump([] { return false; }, 250ms);  // two more advertising intervals
@@ -203,16 +165,27 @@ TEST_F(FakeBluezTest, DiscoverySessionsMergeTheirFiltersAndEveryClientSeesTheUni
     }
 }
 
-TEST_F(FakeBluezTest, ConnectRepliesAtLinkUpWritesAreSerialisedAndDisconnectKeepsItsOrder) {
-    auto bluez = fakeWithScale();
-    Client client(bus_->address());
+TEST(FakeBluez, ConnectRepliesAtLinkUpWritesAreSerialisedDisconnectKeepsItsOrderAndSessionsSurvive) {
+    PrivateBus bus;
+    FakeBluez bluez(bus.address());
+    bluez.addAdapter({});
+    bluez.addScale({.address = kScale, .cached = true});
+    Client client(bus.address());
     const auto device = FakeBluez::devicePath("hci0", kScale);
-    client.watch(device);
-    client.at(device).callMethodAsync("Connect").onInterface(kDevice).uponReplyInvoke(
-        [&](const sdbus::Error* error) { client.events.push_back(error ? error->getName() : "reply"); });
     // Connect answers at link-up; services resolve after it.
-    ASSERT_TRUE(client.pump([&] { return client.events.size() == 3; }));
-    EXPECT_EQ(client.events, (std::vector<std::string>{"Connected=true", "reply", "ServicesResolved=true"}));
+    const auto connect = [&] {
+        client.events.clear();
+        client.at(device).callMethodAsync("Connect").onInterface(kDevice).uponReplyInvoke(
+            [&](const sdbus::Error* error) { client.events.push_back(error ? error->getName() : "reply"); });
+        ASSERT_TRUE(client.pump([&] { return client.events.size() == 3; }));
+        EXPECT_EQ(client.events,
+                  (std::vector<std::string>{"Connected=true", "reply", "ServicesResolved=true"}));
+    };
+    connect();
+    // A StartNotify session streams the weights at 10 Hz.
+    const auto data = client.characteristic(wire::kDataCharacteristic);
+    client.at(data).callMethod("StartNotify").onInterface(kCharacteristic);
+    ASSERT_TRUE(client.pump([&] { return client.values >= 3; }));
 
     // Two writes at once on one characteristic: the second is refused while the first is pending.
     auto& command = client.at(client.characteristic(wire::kCommandCharacteristic));
@@ -227,8 +200,8 @@ TEST_F(FakeBluezTest, ConnectRepliesAtLinkUpWritesAreSerialisedAndDisconnectKeep
     }
     ASSERT_TRUE(client.pump([&] { return results[0] != "pending" && results[1] != "pending"; }));
     EXPECT_EQ(results, (std::vector<std::string>{"", "org.bluez.Error.InProgress"}));
-    ASSERT_EQ(bluez->writes(kScale).size(), 1u);
-    EXPECT_EQ(bluez->writes(kScale)[0].value, (std::vector<std::uint8_t>{0x55, 0x00}));
+    ASSERT_EQ(bluez.writes(kScale).size(), 1u);
+    EXPECT_EQ(bluez.writes(kScale)[0].value, (std::vector<std::uint8_t>{0x55, 0x00}));
 
     client.events.clear();
     client.at(device)
@@ -245,35 +218,11 @@ TEST_F(FakeBluezTest, ConnectRepliesAtLinkUpWritesAreSerialisedAndDisconnectKeep
                       .withArguments(Dict{});
               }),
               "org.bluez.Error.Failed: Not connected");
-}
 
-TEST_F(FakeBluezTest, StartNotifySessionsStreamWeightsAndSurviveAReconnect) {
-    auto bluez = fakeWithScale();
-    Client client(bus_->address());
-    connect(client);
-    const auto dataPath = client.characteristic(wire::kDataCharacteristic);
-    std::vector<std::size_t> values;  // sizes of the Value updates
-    auto watcher = sdbus::createProxy(client.connection(), "org.bluez", dataPath);
-    watcher->uponSignal("PropertiesChanged")
-        .onInterface("org.freedesktop.DBus.Properties")
-        .call([&](const std::string&, const Dict& changed, const std::vector<std::string>&) {
-            if (auto value = changed.find("Value"); value != changed.end()) {
-                values.push_back(value->second.get<std::vector<std::uint8_t>>().size());
-            }
-        });
-    watcher->finishRegistration();
-    client.at(dataPath).callMethod("StartNotify").onInterface(kCharacteristic);
-    ASSERT_TRUE(client.pump([&] { return values.size() >= 3; }));  // the 10 Hz stream
-    EXPECT_EQ(values[0], 9u);
-
-    // bluetoothd keeps the session over the link loss and subscribes it again.
-    bluez->dropLink(kScale);
-    client.events.clear();
-    client.at(FakeBluez::devicePath("hci0", kScale)).callMethod("Connect").onInterface(kDevice);
-    ASSERT_TRUE(client.pump(
-        [&] { return !client.events.empty() && client.events.back() == "ServicesResolved=true"; }));
-    values.clear();
-    EXPECT_TRUE(client.pump([&] { return values.size() >= 2; }));
+    // bluetoothd kept the session and subscribes it again on the next link.
+    connect();
+    client.values = 0;
+    EXPECT_TRUE(client.pump([&] { return client.values >= 2; }));
 }
 
 }  // namespace
