@@ -17,10 +17,6 @@ std::int64_t monotonicNs() {
         .count();
 }
 
-DbusError invalidArguments() {
-    return {"org.bluez.Error.InvalidArguments", "Invalid arguments in method call"};
-}
-
 bool startsWith(const std::string& text, const std::string& prefix) {
     return text.size() >= prefix.size() && text.compare(0, prefix.size(), prefix) == 0;
 }
@@ -196,13 +192,6 @@ void BluezModel::handleAdapterCall(Adapter& adapter, const CallPtr& call) {
     const auto& member = call->member();
     if (call->interface() != kAdapterInterface) {
         call->replyError(kUnknownMethod, "Unknown method " + member);
-    } else if (member == "GetDiscoveryFilters") {
-        call->reply([](sd_bus_message* m) {
-            return appendValue(m, std::vector<std::string>{"UUIDs", "RSSI", "Pathloss", "Transport",
-                                                           "DuplicateData", "Discoverable", "Pattern"});
-        });
-    } else if (member == "RemoveDevice") {
-        removeDevice(adapter, call);
     } else if (!adapter.setup.powered &&
                (member == "StartDiscovery" || member == "StopDiscovery" || member == "SetDiscoveryFilter")) {
         call->replyError("org.bluez.Error.NotReady", "Resource Not Ready");
@@ -315,8 +304,7 @@ void BluezModel::setDiscoveryFilter(Adapter& adapter, const CallPtr& call) {
         }
     }
     if (!valid || (hasRssi && hasPathloss)) {
-        const auto error = invalidArguments();
-        call->replyError(error.name, error.text);
+        call->replyError("org.bluez.Error.InvalidArguments", "Invalid arguments in method call");
         return;
     }
     auto client = adapter.clients.find(call->sender());
@@ -326,24 +314,6 @@ void BluezModel::setDiscoveryFilter(Adapter& adapter, const CallPtr& call) {
     } else if (filter) {
         adapter.clients[call->sender()].filter = filter;
     }
-    call->replyEmpty();
-}
-
-void BluezModel::removeDevice(Adapter& adapter, const CallPtr& call) {
-    const char* path = nullptr;
-    if (sd_bus_message_read_basic(call->message(), 'o', &path) <= 0) {
-        const auto error = invalidArguments();
-        call->replyError(error.name, error.text);
-        return;
-    }
-    auto* device = deviceForPath(path);
-    if (device == nullptr || device->path() != path || device->adapterPath() != adapter.path ||
-        !device->exported()) {
-        call->replyError("org.bluez.Error.DoesNotExist", "Does Not Exist");
-        return;
-    }
-    adapter.found.erase(device->path());
-    device->remove();
     call->replyEmpty();
 }
 

@@ -75,7 +75,6 @@ private:
     void startDiscovery(Adapter& adapter, const CallPtr& call);
     void stopDiscovery(Adapter& adapter, const CallPtr& call);
     void setDiscoveryFilter(Adapter& adapter, const CallPtr& call);
-    void removeDevice(Adapter& adapter, const CallPtr& call);
     bool hasActiveClients(const Adapter& adapter) const;
     // Every running session has a filter: bluetoothd reports each advertisement.
     bool filteredScan(const Adapter& adapter) const;

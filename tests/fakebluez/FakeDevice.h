@@ -70,7 +70,8 @@ public:
     void handleCall(const CallPtr& call);
     // A client left the bus: its notification sessions end.
     void clientGone(const std::string& client);
-    // Removes every object of the device (RemoveDevice); the link drops first.
+    // Removes every object of the device (a temporary device forgotten after
+    // a scan); the link drops first.
     void remove();
 
     // --- hooks ------------------------------------------------------------------

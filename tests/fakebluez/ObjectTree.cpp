@@ -33,16 +33,6 @@ void ObjectTree::add(const std::string& path, Interfaces interfaces) {
     if (bus_ != nullptr) bus_->emitInterfacesAdded(path, object);
 }
 
-void ObjectTree::addInterfaces(const std::string& path, Interfaces interfaces) {
-    auto found = objects_.find(path);
-    if (found == objects_.end()) {
-        add(path, std::move(interfaces));
-        return;
-    }
-    for (auto& [name, properties] : interfaces) found->second[name] = properties;
-    if (bus_ != nullptr) bus_->emitInterfacesAdded(path, interfaces);
-}
-
 void ObjectTree::remove(const std::string& path) {
     auto found = objects_.find(path);
     if (found == objects_.end()) return;

@@ -27,8 +27,6 @@ public:
     void setBus(BusConnection* bus) { bus_ = bus; }
 
     void add(const std::string& path, Interfaces interfaces);
-    // Adds interfaces to an existing object (InterfacesAdded with just those).
-    void addInterfaces(const std::string& path, Interfaces interfaces);
     void remove(const std::string& path);
     // Every object strictly below `path`, deepest first.
     void removeBelow(const std::string& path);
