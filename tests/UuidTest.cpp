@@ -24,6 +24,7 @@ TEST(UuidTest, PrintsAndGivesByteFormsByKind) {
     EXPECT_EQ(Uuid::fromString("0001180F").toString(), "0001180F");
     const auto dfu = Uuid::fromString("00001530-1212-efde-1523-785feabcd123");
     EXPECT_EQ(dfu.toString(), "00001530-1212-EFDE-1523-785FEABCD123");
+    EXPECT_EQ(Uuid::fromString("FF08").fullString(), "0000ff08-0000-1000-8000-00805f9b34fb");  // BlueZ's form
     EXPECT_EQ(dfu.data().size(), 16u);
     EXPECT_EQ(Uuid::fromString("EF80").data(), (std::vector<std::uint8_t>{0xEF, 0x80}));
 }

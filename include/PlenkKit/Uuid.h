@@ -40,6 +40,8 @@ public:
     // "180F" for a 16-bit base UUID, "0001180F" for 32 bits, else the upper-case
     // 8-4-4-4-12 form.
     std::string toString() const;
+    // The whole 8-4-4-4-12 form in lower case, as BlueZ writes every UUID.
+    std::string fullString() const;
     // The byte form, most significant byte first: 2, 4 or 16 bytes.
     std::vector<std::uint8_t> data() const;
     const std::array<std::uint8_t, 16>& bytes() const noexcept { return bytes_; }

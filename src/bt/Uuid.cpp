@@ -1,6 +1,7 @@
 #include <PlenkKit/Uuid.h>
 
 #include <random>
+#include <span>
 #include <stdexcept>
 
 namespace plenk {
@@ -86,15 +87,24 @@ std::vector<std::uint8_t> Uuid::data() const {
     return {bytes_.begin(), bytes_.end()};
 }
 
-std::string Uuid::toString() const {
+namespace {
+std::string hexForm(std::span<const std::uint8_t> form, const char* digits) {
     std::string out;
-    const auto form = data();
     for (std::size_t i = 0; i < form.size(); ++i) {
         if (form.size() == 16 && (i == 4 || i == 6 || i == 8 || i == 10)) out += '-';
-        out += kDigits[form[i] >> 4];
-        out += kDigits[form[i] & 0x0F];
+        out += digits[form[i] >> 4];
+        out += digits[form[i] & 0x0F];
     }
     return out;
+}
+}  // namespace
+
+std::string Uuid::toString() const {
+    return hexForm(data(), kDigits);
+}
+
+std::string Uuid::fullString() const {
+    return hexForm(bytes_, "0123456789abcdef");
 }
 
 }  // namespace plenk

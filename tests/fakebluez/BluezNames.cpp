@@ -29,15 +29,6 @@ std::string addressPathPart(const std::string& address) {
     return part;
 }
 
-std::string uuidString(const bt::Uuid& uuid) {
-    const auto& b = uuid.bytes();
-    char text[37];
-    std::snprintf(text, sizeof text, "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x",
-                  b[0], b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13],
-                  b[14], b[15]);
-    return text;
-}
-
 DbusError attErrorToDbus(std::uint8_t code) {
     const std::string bluez = "org.bluez.Error.";
     switch (code) {

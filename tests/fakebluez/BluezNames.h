@@ -30,8 +30,6 @@ inline constexpr std::uint8_t kAttWriteNotPermitted = 0x03;
 // (six hex pairs); nullopt for anything else.
 std::optional<std::string> normalizedAddress(const std::string& address);
 std::string addressPathPart(const std::string& address);
-// bluetoothd's UUID text: lower-case 128-bit form.
-std::string uuidString(const bt::Uuid& uuid);
 // How bluetoothd reports an ATT error code of a read or write.
 DbusError attErrorToDbus(std::uint8_t code);
 

@@ -98,7 +98,7 @@ public:
         root_->callMethod("GetManagedObjects").onInterface(kObjectManager).storeResultsTo(objects);
         for (const auto& [path, interfaces] : objects) {
             auto found = interfaces.find(kCharacteristic);
-            if (found != interfaces.end() && found->second.at("UUID").get<std::string>() == uuidString(uuid))
+            if (found != interfaces.end() && found->second.at("UUID").get<std::string>() == uuid.fullString())
                 return path;
         }
         return "";

@@ -52,8 +52,8 @@ void FakeDevice::cancelTimer(dispatch::PollLoop::TimerId& timer) {
 
 std::vector<std::string> FakeDevice::uuidStrings() const {
     std::set<std::string> uuids;
-    for (const auto& uuid : scale_.advertisedServices()) uuids.insert(uuidString(uuid));
-    for (const auto& uuid : serviceUuids_) uuids.insert(uuidString(uuid));
+    for (const auto& uuid : scale_.advertisedServices()) uuids.insert(uuid.fullString());
+    for (const auto& uuid : serviceUuids_) uuids.insert(uuid.fullString());
     return {uuids.begin(), uuids.end()};
 }
 

@@ -67,9 +67,9 @@ void FakeDevice::exportGatt() {
     }
     std::string table;
     for (const auto& service : profile.services) {
-        table += uuidString(service.uuid) + ":";
+        table += service.uuid.fullString() + ":";
         for (const auto& c : service.characteristics)
-            table += uuidString(c.uuid) + std::to_string(c.properties) + ",";
+            table += c.uuid.fullString() + std::to_string(c.properties) + ",";
     }
     // The GATT cache: an unchanged table keeps its objects (and their sessions).
     if (table == exportedTable_ && !servicePaths_.empty() && context_.tree.has(servicePaths_.front())) return;
@@ -80,7 +80,7 @@ void FakeDevice::exportGatt() {
     for (const auto& service : profile.services) {
         const std::string servicePath = handlePath(path_, "service", handle++);
         tree.add(servicePath, {{kServiceInterface,
-                                {{"UUID", uuidString(service.uuid)},
+                                {{"UUID", service.uuid.fullString()},
                                  {"Device", ObjectPath{path_}},
                                  {"Primary", service.primary},
                                  {"Includes", std::vector<ObjectPath>{}}}}});
@@ -93,7 +93,7 @@ void FakeDevice::exportGatt() {
             characteristic.uuid = definition.uuid;
             characteristic.properties = definition.properties;
             Properties properties{
-                {"UUID", uuidString(definition.uuid)},
+                {"UUID", definition.uuid.fullString()},
                 {"Service", ObjectPath{servicePath}},
                 {"Value", definition.cached ? definition.value.toVector() : std::vector<std::uint8_t>{}},
                 {"Flags", flagsOf(definition.properties)},

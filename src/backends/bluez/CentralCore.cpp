@@ -28,17 +28,6 @@ std::optional<bt::Uuid> uuidFromBluez(const std::string& text) {
     return bt::Uuid::parse(text);
 }
 
-std::string uuidForBluez(const bt::Uuid& uuid) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string out;
-    for (std::size_t i = 0; i < 16; ++i) {
-        if (i == 4 || i == 6 || i == 8 || i == 10) out += '-';
-        out += kDigits[uuid.bytes()[i] >> 4];
-        out += kDigits[uuid.bytes()[i] & 0x0F];
-    }
-    return out;
-}
-
 std::vector<bt::Uuid> uuidsFromBluez(const std::optional<std::vector<std::string>>& texts) {
     std::vector<bt::Uuid> out;
     if (!texts) return out;

@@ -13,10 +13,10 @@
 #include <PlenkKit/LogSink.h>
 
 #include "backends/bluez/BluezBus.h"
-#include "dispatch/PollLoop.h"
 #include "backends/bluez/ObjectTable.h"
 #include "backends/bluez/ScanSession.h"
 #include "bt/Central.h"
+#include "dispatch/PollLoop.h"
 
 namespace plenk::bluez {
 
@@ -131,7 +131,6 @@ private:
 
 // Helpers shared by the central and its peripherals.
 std::optional<bt::Uuid> uuidFromBluez(const std::string& text);
-std::string uuidForBluez(const bt::Uuid& uuid);  // lower-case 128-bit form
 std::vector<bt::Uuid> uuidsFromBluez(const std::optional<std::vector<std::string>>& texts);
 
 }  // namespace plenk::bluez

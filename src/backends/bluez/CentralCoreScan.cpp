@@ -37,7 +37,7 @@ void CentralCore::sendDiscoveryFilter() {
     filter["DuplicateData"] = sdbus::Variant(scan_.allowsDuplicates());
     if (scan_.filter() && !scan_.filter()->empty()) {
         std::vector<std::string> uuids;
-        for (const auto& uuid : *scan_.filter()) uuids.push_back(uuidForBluez(uuid));
+        for (const auto& uuid : *scan_.filter()) uuids.push_back(uuid.fullString());
         filter["UUIDs"] = sdbus::Variant(uuids);
     }
     bus_->call(
