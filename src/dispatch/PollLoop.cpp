@@ -25,23 +25,23 @@ PollLoop::TimePoint now() {
 
 struct PollLoop::State {
     std::string label;
-    int wakeFd = -1;
 
-    mutable std::mutex mutex;  // guards the members up to `last`
+    mutable std::mutex mutex;  // guards tasks, timers, last and stopping
     TaskRing tasks;
     TimerTable timers;
-    bool stopping = false;
     Task last;
 
-    // The loop thread's own.
+    // The loop thread's own (but wakeFd, which any thread writes).
     struct Watch {
         short events;
         std::shared_ptr<std::function<void(short)>> ready;  // shared: a callback may unwatch itself
     };
     std::map<int, Watch> watches;
     Pump* pump = nullptr;
-    bool pumpDue = true;
     std::vector<pollfd> fds;
+    int wakeFd = -1;
+    bool stopping = false;  // guarded by mutex
+    bool pumpDue = true;
 
     ~State() {
         if (wakeFd >= 0) ::close(wakeFd);
