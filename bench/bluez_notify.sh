@@ -10,7 +10,9 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${PLENK_BUILD_DIR:-$root/build/release}
 seconds=${1:-10}
-fake=$build/tests/fakebluez/fake-bluetoothd
+# PLENK_FAKE_BUILD_DIR takes the fake bluetoothd from another build, to tell a
+# change of the client from a change of the fake it is measured against.
+fake=${PLENK_FAKE_BUILD_DIR:-$build}/tests/fakebluez/fake-bluetoothd
 client=$build/bench/bluez_notify_bench
 python=/usr/bin/python3  # Debian's, with python3-bleak
 for needed in "$fake" "$client"; do
