@@ -2,10 +2,12 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <PlenkKit/Clock.h>
 #include <PlenkKit/Context.h>
@@ -172,6 +174,10 @@ public:
         double displayedGrams() const;
         // Tare commands received since the scale was added.
         std::size_t tareCount() const;
+        // The frames written to the command characteristic, oldest first: every
+        // write that arrived, also one answered with a scripted error (the most
+        // recent few thousand are kept).
+        std::vector<std::vector<std::uint8_t>> receivedCommands() const;
         bool isConfigured() const;
         // The scale restarts as its firmware-update target ("DfuTarg"), as
         // after a client's DFU command: links drop, name and services change.
