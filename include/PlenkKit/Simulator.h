@@ -119,6 +119,10 @@ public:
         bool pourOnConnect = true;
         // Uniform sensor noise, plus or minus this many grams.
         double noiseGrams = 0.04;
+        // The identifier clients see (Peripheral::identifier()); nil: a random
+        // one. A real scale keeps its identifier across runs: give one here to
+        // do the same.
+        Uuid identifier;
     };
 
     // The script handle of one simulated scale; copies name the same scale.

@@ -9,7 +9,6 @@
 #include "Commands.h"
 #include "HexText.h"
 #include "ScaleRun.h"
-#include "wire/ConfigurationRecord.h"  // until the record check is public
 
 namespace plenk::cli {
 
@@ -112,7 +111,7 @@ void configInit(ScaleRun& r) {
     r.waitFor("the configuration record");
     r.afterPendingWrites([&r](const RKConfigurationRecord* before) {
         if (before == nullptr) return r.refused("reading the configuration record", nullptr);
-        const bool unconfigured = wire::isUnconfigured(*before);
+        const bool unconfigured = protocol::isUnconfigured(*before);
         r.print(unconfigured ? "config init: the scale is unconfigured: sending the default configuration"
                              : "config init: the scale is configured already",
                 JsonObject().string("event", "initializing").boolean("configured", !unconfigured));
@@ -125,7 +124,7 @@ void configInit(ScaleRun& r) {
                 if (--*remaining > 0) return;
                 r.waitFor("the configuration record after the initialisation");
                 r.afterPendingWrites([&r](const RKConfigurationRecord* after) {
-                    const bool configured = after != nullptr && !wire::isUnconfigured(*after);
+                    const bool configured = after != nullptr && !protocol::isUnconfigured(*after);
                     r.print(std::string("config init: the scale is ") +
                                 (configured ? "configured" : "still unconfigured"),
                             JsonObject().string("event", "initialized").boolean("configured", configured));

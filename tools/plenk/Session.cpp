@@ -158,8 +158,11 @@ void Session::buildSimulator(const std::shared_ptr<LogSink>& log) {
     simulator_ = std::make_unique<Simulator>(options);
     context_ = simulator_->context();
     if (global_.simFault == "no-scale") return;
+    // Fixed identifiers, as real scales keep theirs: --id works across runs.
     Simulator::ScaleOptions plenkScale;
+    plenkScale.identifier = Uuid::fromString("C0FFEE00-5CA1-4E00-8000-000000000001");
     Simulator::ScaleOptions coffeeScale;
+    coffeeScale.identifier = Uuid::fromString("C0FFEE00-5CA1-4E00-8000-000000000002");
     coffeeScale.name = "Coffee Scale";
     coffeeScale.format = Simulator::WeightFormat::Text;
     coffeeScale.configured = true;
