@@ -131,6 +131,9 @@ Session::Session(const GlobalOptions& global, DiagnosticSink diagnostics)
     loop_ = simulator_ ? simulator_->mainLoop() : std::static_pointer_cast<RunLoop>(context_.mainQueue);
     if (global_.verbose) observeNotifications();
     plenk_ = PKPlenk::create(context_);
+    // A fresh kit connects by itself to the first scale it sees until told
+    // otherwise; every verb chooses its scale (watch turns it back on).
+    plenk_->setIsAutoConnectEnabled(false);
     delegate_ = std::make_shared<Delegate>(*this);
     plenk_->setDelegate(delegate_);
 }
