@@ -73,7 +73,11 @@ void ScaleConnector::start(std::function<void()> onConnected) {
     target_ = nullptr;
     name_ = "the scale";
     const auto kit = session_.kit();
-    ignored_ = kit->connectingPeripheral();  // an earlier link's
+    // An earlier search's peripheral is not this one's; on the first search
+    // a connecting peripheral is the kit's own, taken before auto-connect
+    // was switched off.
+    ignored_ = searched_ ? kit->connectingPeripheral() : nullptr;
+    searched_ = true;
     // The kit's list, not its auto-connect: only the list lets the tool choose
     // which scale to connect. With continuous connection off and no picker
     // open, discoveries go to the list and nothing connects by itself.
@@ -145,6 +149,7 @@ void ScaleConnector::letGo(RKRostaKit& kit, const PeripheralPtr& peripheral) {
 }
 
 void ScaleConnector::connected() {
+    if (stage_ == Stage::Connected) return;  // a late event of a scale let go
     const auto kit = session_.kit();
     const auto device = kit->currentDevice();
     const auto peripheral = device ? device->peripheral() : nullptr;

@@ -84,6 +84,7 @@ private:
     bool attemptSeen_ = false;  // the target left the disconnected state once
     std::chrono::steady_clock::time_point connectStarted_;
     PeripheralPtr target_;
+    bool searched_ = false;
     PeripheralPtr ignored_;  // a connecting peripheral that is not this search's
     std::string name_ = "the scale";
 };
