@@ -7,6 +7,7 @@
 
 #include "HexText.h"
 #include "SignalWatcher.h"
+#include "TextLines.h"
 
 namespace plenk::cli {
 
@@ -23,17 +24,10 @@ constexpr auto kDisconnectGrace = std::chrono::seconds(2);
 void writeLines(std::string_view prefix, std::string_view text) {
     static std::mutex mutex;
     std::lock_guard lock(mutex);
-    while (!text.empty()) {
-        const auto end = text.find('\n');
-        auto line = text.substr(0, end);
-        const auto first = line.find_first_not_of(" \t\r");
-        if (first != std::string_view::npos) {
-            line = line.substr(first, line.find_last_not_of(" \t\r") - first + 1);
-            std::fprintf(stderr, "%.*s%.*s\n", static_cast<int>(prefix.size()), prefix.data(),
-                         static_cast<int>(line.size()), line.data());
-        }
-        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    }
+    forEachTrimmedLine(text, [prefix](std::string_view line) {
+        std::fprintf(stderr, "%.*s%.*s\n", static_cast<int>(prefix.size()), prefix.data(),
+                     static_cast<int>(line.size()), line.data());
+    });
     std::fflush(stderr);
 }
 
