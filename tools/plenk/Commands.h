@@ -41,5 +41,7 @@ inline constexpr int kExitNoBluetooth = 3;  // no usable adapter, or no bluetoot
 void addDecodeCommand(CLI::App& app, const GlobalOptions& options);
 void addFrameCommand(CLI::App& app, const GlobalOptions& options);
 void addWatchCommand(CLI::App& app, const GlobalOptions& options);
+// `completion SHELL` and the hidden `manpage`: both read the finished app tree.
+void addCompletionCommand(CLI::App& app);
 
 }  // namespace plenk::cli

@@ -61,6 +61,7 @@ int run(int argc, char** argv) {
     addDecodeCommand(app, options);
     addFrameCommand(app, options);
     addWatchCommand(app, options);
+    addCompletionCommand(app);
 
     // Set after the verbs, which would otherwise inherit it.
     app.footer(
