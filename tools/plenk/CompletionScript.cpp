@@ -35,6 +35,7 @@ std::vector<Table> lookupTables(const CLI::App& root) {
     std::vector<Table> tables;
     for (const CommandNode& node : visibleCommands(root)) {
         const std::string path = node.pathText();
+        const std::string choicesKey = "choices|" + path + "|";  // then an option's name or #INDEX
         Table commands{"commands|" + path, {}};
         for (const CLI::App* sub : visibleSubcommands(*node.app)) {
             commands.entries.push_back({sub->get_name(), firstLine(sub->get_description())});
@@ -48,13 +49,13 @@ std::vector<Table> lookupTables(const CLI::App& root) {
             for (const auto& name : optionNames(*option)) {
                 options.entries.push_back({name, firstLine(option->get_description())});
                 if (takesValue(*option)) values.entries.push_back({name, ""});
-                if (!fixed.empty()) choices.push_back({"choices|" + path + "|" + name, fixed});
+                if (!fixed.empty()) choices.push_back({choicesKey + name, fixed});
             }
         }
         // A positional taking several words gets its choices at its first index only.
         const auto args = positionals(*node.app);
         for (std::size_t i = 0; i < args.size(); ++i) {
-            Table table{"choices|" + path + "|#" + std::to_string(i), {}};
+            Table table{choicesKey + "#" + std::to_string(i), {}};
             for (const auto& choice : choicesOf(*args[i])) {
                 table.entries.push_back({choice, firstLine(args[i]->get_description())});
             }
@@ -262,7 +263,7 @@ const std::vector<std::string>& completionShells() {
 }
 
 bool writeCompletionScript(std::ostream& out, const CLI::App& root, std::string_view shell) {
-    const std::string command = root.get_name();
+    const std::string& command = root.get_name();
     std::string fn = command;
     for (char& c : fn) {
         if (std::isalnum(static_cast<unsigned char>(c)) == 0) c = '_';

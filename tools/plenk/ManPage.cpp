@@ -112,7 +112,7 @@ std::string upper(std::string text) {
 }  // namespace
 
 void writeManPage(std::ostream& out, const CLI::App& root, std::string_view version) {
-    const std::string program = root.get_name();
+    const std::string& program = root.get_name();
     const auto commands = visibleCommands(root);
     // The footer's lines before its first heading close the description.
     std::vector<std::string> footer = lines(root.get_footer());
