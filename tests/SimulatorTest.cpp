@@ -49,6 +49,7 @@ TEST(SimulatorTest, ScaleScriptsReachTheHostAsTheirEvents) {
     ASSERT_EQ(plenk->rosta()->currentDevice()->peripheral()->identifier(), scale.identifier());
     sim.advance(1s);
     EXPECT_EQ(scale.tareCount(), 1u);  // the kit tares every fresh connection
+    EXPECT_EQ(scale.receivedCommands(), (std::vector<std::vector<std::uint8_t>>{{0x10}}));
     scale.addLoad(123.4);
     sim.advance(1s);
     EXPECT_NEAR(host->weight, 123.4, 0.01);  // sent as text, as the name calls for

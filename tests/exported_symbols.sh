@@ -55,7 +55,9 @@ for class in Peripheral CSRDevice CSRDeviceDelegate RKDevice RKDeviceDelegate \
   grep -q "typeinfo for plenk::$class\$" <<<"$demangled" || { echo "typeinfo not exported: plenk::$class"; fail=1; }
 done
 for function in "plenk::BLEConnecter::create(" "plenk::CSRSelectDeviceViewController::create(" \
-                "plenk::RKRostaKit::create(" "plenk::Uuid::fromString(" "plenk::Uuid::toString"; do
+                "plenk::RKRostaKit::create(" "plenk::Uuid::fromString(" "plenk::Uuid::toString" \
+                "plenk::protocol::tareFrame(" "plenk::protocol::defaultConfigurationFrames(" \
+                "plenk::protocol::decodeWeight(" "plenk::protocol::configurationRecord("; do
   grep -qF " T $function" <<<"$demangled" || { echo "not exported: $function"; fail=1; }
 done
 

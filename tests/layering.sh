@@ -39,6 +39,7 @@ layer_of() {
         StringToHexConverter.h | BLEConnecter.h | CSRDevice.h | CSRSelectDeviceViewController.h) echo ble ;;
         RKRostaKit.h | RKDevice.h) echo kit ;;
         PKPlenk.h) echo facade ;;
+        ScaleProtocol.h) echo facade ;; # the wire format's public face, implemented beside the facade
         PlenkKit.h) echo umbrella ;;
         Simulator.h) echo backend:sim ;; # the simulated backend's public scripting API
         *) echo "" ;;

@@ -30,5 +30,8 @@
 #include <PlenkKit/RKRostaKit.h>
 #include <PlenkKit/RadioState.h>
 
+// The scale's frames and decoders, for hosts that speak to it themselves.
+#include <PlenkKit/ScaleProtocol.h>
+
 // Testing without a scale: the simulated world.
 #include <PlenkKit/Simulator.h>

@@ -2,10 +2,12 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <PlenkKit/Clock.h>
 #include <PlenkKit/Context.h>
@@ -117,6 +119,10 @@ public:
         bool pourOnConnect = true;
         // Uniform sensor noise, plus or minus this many grams.
         double noiseGrams = 0.04;
+        // The identifier clients see (Peripheral::identifier()); nil: a random
+        // one. A real scale keeps its identifier across runs: give one here to
+        // do the same.
+        Uuid identifier;
     };
 
     // The script handle of one simulated scale; copies name the same scale.
@@ -172,6 +178,10 @@ public:
         double displayedGrams() const;
         // Tare commands received since the scale was added.
         std::size_t tareCount() const;
+        // The frames written to the command characteristic, oldest first: every
+        // write that arrived, also one answered with a scripted error (the most
+        // recent few thousand are kept).
+        std::vector<std::vector<std::uint8_t>> receivedCommands() const;
         bool isConfigured() const;
         // The scale restarts as its firmware-update target ("DfuTarg"), as
         // after a client's DFU command: links drop, name and services change.

@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <limits>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "HexText.h"
 #include "JsonWriter.h"
@@ -48,7 +50,17 @@ TEST(CliJson, FloatsRoundTripExactlyAndNonFiniteIsNull) {
 
 TEST(CliJson, StringsAreEscapedAndObjectsKeepFieldOrder) {
     EXPECT_EQ(jsonString("a\"b\\c\n\x01"), "\"a\\\"b\\\\c\\n\\u0001\"");
-    EXPECT_EQ(jsonString("\xFF"), "\"\\ufffd\"");  // invalid UTF-8 becomes U+FFFD
+    // Well-formed UTF-8 passes through; each byte that starts no well-formed
+    // sequence (overlong, surrogate, above U+10FFFF, truncated) becomes U+FFFD.
+    const std::vector<std::pair<std::string, std::string>> utf8 = {
+        {"\xFF", "\\ufffd"},
+        {"\xC3\xA9\xF0\x9F\x98\x80", "\xC3\xA9\xF0\x9F\x98\x80"},
+        {"\xC0\x80", "\\ufffd\\ufffd"},
+        {"\xED\xA0\x80", "\\ufffd\\ufffd\\ufffd"},
+        {"\xF4\x90\x80\x80", "\\ufffd\\ufffd\\ufffd\\ufffd"},
+        {"a\xE2\x82", "a\\ufffd\\ufffd"},
+    };
+    for (const auto& [text, escaped] : utf8) EXPECT_EQ(jsonString(text), "\"" + escaped + "\"");
     EXPECT_EQ(
         JsonObject().string("event", "weight").number("value", 12.5f).null("x").boolean("b", true).str(),
         "{\"event\":\"weight\",\"value\":12.5,\"x\":null,\"b\":true}");

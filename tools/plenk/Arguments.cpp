@@ -1,6 +1,7 @@
 #include "Arguments.h"
 
 #include <charconv>
+#include <cstdio>
 #include <limits>
 #include <string>
 
@@ -65,6 +66,16 @@ double parseDurationArgument(std::string_view text, std::string_view what) {
         reject(what, text, "a number of seconds above 0 and at most 2592000 (30 days)");
     }
     return seconds;
+}
+
+std::chrono::nanoseconds toDuration(double seconds) {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds));
+}
+
+std::string formatSeconds(std::chrono::nanoseconds duration) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%g", std::chrono::duration<double>(duration).count());
+    return text;
 }
 
 bool parseSwitchArgument(std::string_view text, std::string_view what) {

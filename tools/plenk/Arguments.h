@@ -1,6 +1,8 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 namespace plenk::cli {
@@ -15,6 +17,9 @@ std::int32_t parseInt32Argument(std::string_view text, std::string_view what);
 // Seconds, decimal ("40", "2.5"): more than 0, at most kMaxDurationSeconds.
 inline constexpr double kMaxDurationSeconds = 30 * 24 * 3600.0;
 double parseDurationArgument(std::string_view text, std::string_view what);
+// Seconds as the loops' duration type, and as text for messages ("20", "2.5").
+std::chrono::nanoseconds toDuration(double seconds);
+std::string formatSeconds(std::chrono::nanoseconds duration);
 // "on" or "off".
 bool parseSwitchArgument(std::string_view text, std::string_view what);
 

@@ -7,13 +7,12 @@
 #include <string>
 #include <vector>
 
+#include <PlenkKit/ScaleProtocol.h>
 #include <CLI/CLI.hpp>
 
 #include "Commands.h"
 #include "HexText.h"
 #include "JsonWriter.h"
-#include "wire/ConfigurationRecord.h"
-#include "wire/Notifications.h"
 
 namespace plenk::cli {
 
@@ -62,7 +61,7 @@ void addWeight(CLI::App& decode, const GlobalOptions& options) {
         "  plenk decode weight --name 'Coffee Scale' 3132333400   # \"1234\" -> 123.4");
     sub->callback([args, &options] {
         const auto bytes = bytesFrom(args->hex);
-        const float weight = wire::decodeWeight(args->name, bytes);
+        const float weight = protocol::decodeWeight(args->name, bytes);
         if (options.json) {
             std::cout << JsonObject().number("weight", weight).str() << '\n';
         } else {
@@ -82,7 +81,7 @@ void addButton(CLI::App& decode, const GlobalOptions& options) {
         "  plenk decode button 02          # 1\n"
         "  plenk --json decode button 03   # {\"button\":null}");
     sub->callback([hex, &options] {
-        const auto button = wire::decodeButton(bytesFrom(*hex));
+        const auto button = protocol::decodeButton(bytesFrom(*hex));
         if (options.json) {
             JsonObject object;
             if (button) {
@@ -107,9 +106,9 @@ void addConfig(CLI::App& decode, const GlobalOptions& options) {
         "  plenk decode config 000000000000000000 31 12 34 56 0000\n"
         "  plenk decode config --json 00000000000000000000ffffff0000   # unconfigured");
     sub->callback([hex, &options] {
-        const auto record = wire::recordFromBytes(bytesFrom(*hex));
-        const RKConfiguration c = wire::decodeConfiguration(record);
-        const bool unconfigured = wire::isUnconfigured(record);
+        const auto record = protocol::configurationRecord(bytesFrom(*hex));
+        const RKConfiguration c = protocol::decodeConfiguration(record);
+        const bool unconfigured = protocol::isUnconfigured(record);
         if (options.json) {
             std::cout << JsonObject()
                              .integer("timerOn", c.timerOn)

@@ -8,41 +8,39 @@
 #include <string>
 #include <vector>
 
+#include <PlenkKit/ScaleProtocol.h>
 #include <CLI/CLI.hpp>
 
 #include "Arguments.h"
 #include "Commands.h"
 #include "HexText.h"
 #include "JsonWriter.h"
-#include "wire/Frames.h"
 
 namespace plenk::cli {
 
 namespace {
 
-using wire::Frame;
-using wire::FrameList;
+using protocol::Frame;
+using FrameList = std::vector<Frame>;
 
-std::string framesAsText(std::span<const Frame> frames) {
+std::string framesAsText(const FrameList& frames) {
     std::string out;
-    for (const Frame& f : frames) out += formatHex(f.span()) + '\n';
+    for (const Frame& f : frames) out += formatHex(f.bytes) + '\n';
     return out;
 }
 
-std::string framesAsJson(std::string_view command, std::span<const Frame> frames) {
+std::string framesAsJson(std::string_view command, const FrameList& frames) {
     std::vector<std::string> items;
     for (const Frame& f : frames) {
         std::vector<std::string> bytes;
-        for (const std::uint8_t b : f.span()) bytes.push_back(jsonString(hexByte(b)));
+        for (const std::uint8_t b : f.bytes) bytes.push_back(jsonString(hexByte(b)));
         items.push_back(jsonArray(bytes));
     }
     return JsonObject().string("command", command).raw("frames", jsonArray(items)).str() + '\n';
 }
 
-FrameList single(const Frame& f) {
-    FrameList list;
-    list.frames[list.count++] = f;
-    return list;
+FrameList single(Frame f) {
+    return {std::move(f)};
 }
 
 // Positional arguments as given on the command line; absent optional ones are nullopt.
@@ -74,32 +72,32 @@ bool state(const Args& a) {
 
 std::vector<FrameVerb> frameVerbs(const std::shared_ptr<bool>& timerDefaultOn) {
     return {
-        {"tare", "Zero the scale", {}, {}, [](auto&) { return single(wire::tareFrame()); }},
+        {"tare", "Zero the scale", {}, {}, [](auto&) { return single(protocol::tareFrame()); }},
         {"calibrate",
          "Calibrate with parameter V",
          {{"V", "BYTE", "Calibration parameter"}},
          {"100"},
-         [](auto& a) { return single(wire::calibrateFrame(parseByteArgument(*a[0], "V"))); }},
+         [](auto& a) { return single(protocol::calibrateFrame(parseByteArgument(*a[0], "V"))); }},
         {"unit",
          "Select the unit: exactly 1 gives unit code 03, anything else 02",
          {{"N", "INT", "Unit, a 32-bit integer"}},
          {"1"},
-         [](auto& a) { return single(wire::unitFrame(parseInt32Argument(*a[0], "N"))); }},
+         [](auto& a) { return single(protocol::unitFrame(parseInt32Argument(*a[0], "N"))); }},
         {"display",
          "Switch the seven-segment display (on: hand it back to the scale, then on)",
          {kState},
          {"on"},
-         [](auto& a) { return wire::ledDisplayFrames(state(a)); }},
+         [](auto& a) { return protocol::ledDisplayFrames(state(a)); }},
         {"led",
          "Switch the indication LED",
          {kState},
          {"on"},
-         [](auto& a) { return single(wire::indicationLedFrame(state(a))); }},
+         [](auto& a) { return single(protocol::indicationLedFrame(state(a))); }},
         {"engineering",
          "Switch engineering mode",
          {kState},
          {"on"},
-         [](auto& a) { return single(wire::engineeringModeFrame(state(a))); }},
+         [](auto& a) { return single(protocol::engineeringModeFrame(state(a))); }},
         {"timer",
          "Switch the timer; with on, optionally on by default",
          {kState, {"DEFAULT", "default-on", "The word default-on, same as --default-on", false}},
@@ -107,90 +105,95 @@ std::vector<FrameVerb> frameVerbs(const std::shared_ptr<bool>& timerDefaultOn) {
          [timerDefaultOn](auto& a) {
              if (a[1] && *a[1] != "default-on")
                  throw UsageError("DEFAULT: '" + *a[1] + "' is not 'default-on'");
-             return single(wire::timerFrame(state(a), *timerDefaultOn || a[1].has_value()));
+             return single(protocol::timerFrame(state(a), *timerDefaultOn || a[1].has_value()));
          }},
         {"timer-auto-start",
          "Switch the timer's auto start",
          {kState},
          {"off"},
-         [](auto& a) { return single(wire::timerAutoStartFrame(state(a))); }},
+         [](auto& a) { return single(protocol::timerAutoStartFrame(state(a))); }},
         {"power-enhanced",
          "Switch enhanced radio power",
          {kState},
          {"on"},
-         [](auto& a) { return single(wire::powerEnhancedFrame(state(a))); }},
+         [](auto& a) { return single(protocol::powerEnhancedFrame(state(a))); }},
         {"sleep",
          "Set the sleep time level for a mode",
          {kLevel, kMode},
          {"2", "1"},
          [](auto& a) {
-             return single(
-                 wire::sleepTimeFrame(parseInt32Argument(*a[0], "LEVEL"), parseInt32Argument(*a[1], "MODE")));
+             return single(protocol::sleepTimeFrame(parseInt32Argument(*a[0], "LEVEL"),
+                                                    parseInt32Argument(*a[1], "MODE")));
          }},
         {"advertising",
          "Set the advertising time level for a mode",
          {kLevel, kMode},
          {"3", "0"},
          [](auto& a) {
-             return single(wire::advertisingTimeFrame(parseInt32Argument(*a[0], "LEVEL"),
-                                                      parseInt32Argument(*a[1], "MODE")));
+             return single(protocol::advertisingTimeFrame(parseInt32Argument(*a[0], "LEVEL"),
+                                                          parseInt32Argument(*a[1], "MODE")));
          }},
         {"fw-disconnect",
          "Ask the scale's firmware to drop the link",
          {},
          {},
-         [](auto&) { return single(wire::firmwareDisconnectFrame()); }},
-        {"sync", "Synchronise the settings", {}, {}, [](auto&) { return single(wire::synchronizeFrame()); }},
+         [](auto&) { return single(protocol::firmwareDisconnectFrame()); }},
+        {"sync",
+         "Synchronise the settings",
+         {},
+         {},
+         [](auto&) { return single(protocol::synchronizeFrame()); }},
         {"dfu",
          "Switch the scale into firmware-update mode",
          {},
          {},
-         [](auto&) { return single(wire::dfuFrame()); }},
+         [](auto&) { return single(protocol::dfuFrame()); }},
         {"fw-version",
          "Request the firmware version",
          {},
          {},
-         [](auto&) { return single(wire::firmwareVersionFrame()); }},
+         [](auto&) { return single(protocol::firmwareVersionFrame()); }},
         {"default-config",
          "The eight frames written to a scale that reports an unconfigured record",
          {},
          {},
-         [](auto&) { return wire::defaultConfigurationFrames(); }},
+         [](auto&) { return protocol::defaultConfigurationFrames(); }},
         {"segment-block",
          "Set a seven-segment block to a value (only the low 3 bits of B count)",
          {{"B", "BYTE", "Block"}, {"V", "BYTE", "Value"}},
          {"0x0a", "200"},
          [](auto& a) {
              return single(
-                 wire::segmentBlockFrame(parseByteArgument(*a[0], "B"), parseByteArgument(*a[1], "V")));
+                 protocol::segmentBlockFrame(parseByteArgument(*a[0], "B"), parseByteArgument(*a[1], "V")));
          }},
         {"segment-preset",
          "Seven-segment display preset",
          {{"P", "BYTE", "Preset"}},
          {"4"},
-         [](auto& a) { return single(wire::segmentPresetFrame(parseByteArgument(*a[0], "P"))); }},
+         [](auto& a) { return single(protocol::segmentPresetFrame(parseByteArgument(*a[0], "P"))); }},
         {"segment-update",
          "Update the seven-segment display",
          {},
          {},
-         [](auto&) { return single(wire::segmentUpdateFrame()); }},
+         [](auto&) { return single(protocol::segmentUpdateFrame()); }},
         {"segment-release",
          "Hand the seven-segment display back to the scale",
          {},
          {},
-         [](auto&) { return single(wire::segmentReleaseFrame()); }},
+         [](auto&) { return single(protocol::segmentReleaseFrame()); }},
         {"segment",
          "Switch the seven-segment display (one frame, no release)",
          {kState},
          {"off"},
-         [](auto& a) { return single(wire::segmentSwitchFrame(state(a))); }},
+         [](auto& a) { return single(protocol::segmentSwitchFrame(state(a))); }},
         {"raw",
          "A raw frame: opcode C, optionally followed by data byte D",
          {{"C", "BYTE", "Opcode"}, {"D", "BYTE", "Data byte", false}},
          {"0xca", "7"},
          [](auto& a) {
              const std::uint8_t opcode = parseByteArgument(*a[0], "C");
-             return single(a[1] ? wire::frame(opcode, parseByteArgument(*a[1], "D")) : wire::frame(opcode));
+             return single(a[1] ? protocol::rawFrame(opcode, parseByteArgument(*a[1], "D"))
+                                : protocol::rawFrame(opcode));
          }},
     };
 }
@@ -208,8 +211,7 @@ std::string exampleFooter(const FrameVerb& verb) {
         "Frames are printed as hex, one write to the command characteristic (EF80) per line;\n"
         "add --json for {\"command\":...,\"frames\":[[...]]}.\nExample:\n" +
         line + "\n";
-    const wire::FrameList list = verb.build(args);
-    for (const Frame& f : list.span()) footer += "    " + formatHex(f.span()) + "\n";
+    for (const Frame& f : verb.build(args)) footer += "    " + formatHex(f.bytes) + "\n";
     footer.pop_back();
     return footer;
 }
@@ -234,8 +236,8 @@ void addFrameSubcommand(CLI::App& frame, FrameVerb verb, const GlobalOptions& op
         for (std::size_t i = 0; i < bound->values.size(); ++i) {
             given.push_back(bound->options[i]->count() > 0 ? std::optional(bound->values[i]) : std::nullopt);
         }
-        const FrameList list = build(given);
-        std::cout << (options.json ? framesAsJson(name, list.span()) : framesAsText(list.span()));
+        const FrameList frames = build(given);
+        std::cout << (options.json ? framesAsJson(name, frames) : framesAsText(frames));
     });
 }
 

@@ -1,5 +1,6 @@
 #include "ManPage.h"
 
+#include <algorithm>
 #include <cctype>
 #include <ostream>
 #include <string>
@@ -99,9 +100,33 @@ void writeVerbatim(std::ostream& out, const std::vector<std::string>& text) {
     out << ".fi\n";
 }
 
-// A line of the root footer that heads a section: unindented, ending in ':'.
-bool isHeading(const std::string& line) {
-    return line.size() > 1 && line.back() == ':' && std::isspace(static_cast<unsigned char>(line[0])) == 0;
+// Where a line of the root footer heads a section, the length of its label: an
+// unindented "Examples:" or "Exit status: 0 done..." (one to three words, then ':').
+std::size_t headingLabel(const std::string& line) {
+    const std::size_t colon = line.find(':');
+    if (colon == 0 || colon == std::string::npos || (colon + 1 < line.size() && line[colon + 1] != ' '))
+        return 0;
+    const std::string label = line.substr(0, colon);
+    if (!std::all_of(label.begin(), label.end(),
+                     [](unsigned char c) { return std::isalpha(c) != 0 || c == ' '; }) ||
+        label.front() == ' ' || std::count(label.begin(), label.end(), ' ') > 2) {
+        return 0;
+    }
+    return colon;
+}
+
+// A section's text as it stands, a new paragraph at each unindented line that
+// introduces a list (ends with ':').
+void writeParagraphs(std::ostream& out, const std::vector<std::string>& text) {
+    std::vector<std::string> paragraph;
+    for (const auto& line : text) {
+        if (!paragraph.empty() && !line.empty() && line.front() != ' ' && line.back() == ':') {
+            writeVerbatim(out, paragraph);
+            paragraph.clear();
+        }
+        paragraph.push_back(line);
+    }
+    writeVerbatim(out, paragraph);
 }
 
 std::string upper(std::string text) {
@@ -117,7 +142,7 @@ void writeManPage(std::ostream& out, const CLI::App& root, std::string_view vers
     // The footer's lines before its first heading close the description.
     std::vector<std::string> footer = lines(root.get_footer());
     auto firstHeading = footer.begin();
-    while (firstHeading != footer.end() && !isHeading(*firstHeading)) ++firstHeading;
+    while (firstHeading != footer.end() && headingLabel(*firstHeading) == 0) ++firstHeading;
 
     out << ".\\\" Written by '" << program << " manpage' from the program's help texts.\n"
         << ".TH " << upper(program) << " 1 \"\" \"" << program << ' ' << version << "\" \"User Commands\"\n"
@@ -127,7 +152,7 @@ void writeManPage(std::ostream& out, const CLI::App& root, std::string_view vers
         << usage(commands.front(), program) << '\n'
         << ".SH DESCRIPTION\n"
         << escaped(root.get_description()) << '\n';
-    writeVerbatim(out, {footer.begin(), firstHeading});
+    writeParagraphs(out, {footer.begin(), firstHeading});
     out << ".SH OPTIONS\n";
     writeArguments(out, commands.front());
     if (commands.size() > 1) out << ".SH COMMANDS\n";
@@ -138,10 +163,13 @@ void writeManPage(std::ostream& out, const CLI::App& root, std::string_view vers
     }
     // The rest of the footer, section by section: "Exit status:" becomes EXIT STATUS.
     for (auto line = firstHeading; line != footer.end();) {
+        const std::size_t label = headingLabel(*line);
+        std::vector<std::string> body;
+        if (label + 2 < line->size()) body.push_back(line->substr(label + 2));
         auto next = line + 1;
-        while (next != footer.end() && !isHeading(*next)) ++next;
-        out << ".SH " << escaped(upper(line->substr(0, line->size() - 1))) << '\n';
-        writeVerbatim(out, {line + 1, next});
+        for (; next != footer.end() && headingLabel(*next) == 0; ++next) body.push_back(*next);
+        out << ".SH " << escaped(upper(line->substr(0, label))) << '\n';
+        writeParagraphs(out, body);
         line = next;
     }
 }

@@ -9,6 +9,8 @@
 #include <CLI/CLI.hpp>
 
 #include "Commands.h"
+#include "JsonWriter.h"
+#include "Session.h"
 
 namespace {
 
@@ -55,12 +57,29 @@ int run(int argc, char** argv) {
     app.fallthrough();
     app.require_subcommand(1);
     app.add_flag("--json", options.json, "Print one JSON object per line (accepted anywhere on the line)");
+    app.add_flag("--sim", options.sim, "Use the simulated scales ('Plenk Scale' and 'Coffee Scale')");
+    app.add_option("--backend", options.backend,
+                   "Bluetooth backend: bluez (real Bluetooth, the default when built in) or sim;\n"
+                   "PLENK_BACKEND overrides it");
+    app.add_option("--adapter", options.adapter,
+                   "The Bluetooth adapter, by name (hci1) or object path (/org/bluez/hci1);\n"
+                   "default: PLENK_ADAPTER, else the first powered adapter");
+    app.add_flag("--verbose", options.verbose,
+                 "Show the library's diagnostics and its log, Reconnect and Connect notifications\n"
+                 "on stderr (with --sim also the frames each simulated scale received)");
+    std::string faults;
+    for (const auto& fault : simulatorFaults()) faults += (faults.empty() ? "" : ", ") + fault;
+    app.add_option("--sim-fault", options.simFault,
+                   "Make the simulated scales misbehave, to try a script's error handling: " + faults)
+        ->type_name("FAULT");
     app.set_version_flag("--version", "plenk " PLENK_TOOL_VERSION, "Print the version and exit");
 
     // The verbs, one registration each (declared in Commands.h).
     addDecodeCommand(app, options);
     addFrameCommand(app, options);
     addWatchCommand(app, options);
+    addScaleCommands(app, options);
+    addReadCommands(app, options);
     addCompletionCommand(app);
 
     // Set after the verbs, which would otherwise inherit it.
@@ -69,7 +88,8 @@ int run(int argc, char** argv) {
         "Examples:\n"
         "  plenk decode weight --name Plenk-01 00 39 30 00 ff\n"
         "  plenk frame timer-auto-start off\n"
-        "  plenk --json frame default-config");
+        "  plenk --json frame default-config\n" +
+        std::string(kExitStatusHelp) + "\n" + kJsonHelp);
 
     try {
         app.parse(argc, argv);
@@ -83,6 +103,14 @@ int run(int argc, char** argv) {
         return 2;
     } catch (const RunError& e) {
         std::cerr << "plenk: " << oneLine(e.what()) << '\n';
+        if (options.json) {
+            std::cout << JsonObject()
+                             .string("event", "failed")
+                             .integer("status", e.status())
+                             .string("message", oneLine(e.what()))
+                             .str()
+                      << std::endl;
+        }
         return e.status();
     } catch (const std::exception& e) {
         std::cerr << "plenk: internal error: " << oneLine(e.what()) << '\n';

@@ -168,6 +168,18 @@ std::size_t Scale::tareCount() const {
     return tares;
 }
 
+std::vector<std::vector<std::uint8_t>> Scale::receivedCommands() const {
+    std::vector<std::vector<std::uint8_t>> frames;
+    if (!device_) return frames;
+    for (const auto& write : device_->writes()) {
+        if (write.characteristic == wire::kCommandCharacteristic) {
+            const auto bytes = write.value.span();
+            frames.emplace_back(bytes.begin(), bytes.end());
+        }
+    }
+    return frames;
+}
+
 bool Scale::isConfigured() const {
     bool configured = false;
     if (device_) {

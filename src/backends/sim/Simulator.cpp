@@ -147,7 +147,9 @@ Simulator::Scale Simulator::addScale(ScaleOptions options) {
     scale.info.firmware = std::move(options.firmwareRevision);
     scale.autoPour = options.pourOnConnect;
     scale.noiseGrams = options.noiseGrams;
-    return Scale(impl_->world->addScale(std::move(scale)));
+    sim::PeripheralOptions peripheral;
+    peripheral.identifier = options.identifier;
+    return Scale(impl_->world->addScale(std::move(scale), std::move(peripheral)));
 }
 
 void Simulator::removeScale(const Scale& scale) {

@@ -1,0 +1,131 @@
+#include "ScaleConnector.h"
+
+#include <CLI/CLI.hpp>
+
+#include "Arguments.h"
+#include "Commands.h"
+#include "ErrorText.h"
+#include "Session.h"
+
+namespace plenk::cli {
+
+namespace {
+// The kit keeps its list and the peripherals their state: look often enough
+// that a connection starts promptly after the scale is seen.
+constexpr auto kPollInterval = std::chrono::milliseconds(50);
+}  // namespace
+
+void addConnectOptions(CLI::App& verb, ConnectOptions& options, const std::string& timeoutHelp) {
+    verb.add_option("--name", options.name, "Use the first scale whose name contains this text")
+        ->type_name("TEXT");
+    verb.add_option("--id", options.id, "Use the scale with this identifier (as 'plenk scan' shows it)")
+        ->type_name("UUID");
+    verb.add_option("--timeout", options.timeout, timeoutHelp)->type_name("SECONDS");
+}
+
+ScaleFilter::ScaleFilter(const ConnectOptions& options) : name_(options.name) {
+    if (name_ && name_->empty()) throw UsageError("--name: the name text is empty");
+    if (options.id) {
+        id_ = Uuid::parse(*options.id);
+        if (!id_)
+            throw UsageError("--id: '" + *options.id +
+                             "' is not an identifier (a UUID, as 'plenk scan' shows)");
+    }
+}
+
+bool ScaleFilter::matches(const Peripheral& peripheral) const {
+    if (id_ && peripheral.identifier() != *id_) return false;
+    if (!name_) return true;
+    const auto name = peripheral.name();
+    return name && name->find(*name_) != std::string::npos;
+}
+
+std::string ScaleFilter::describe() const {
+    if (id_) return "the scale " + id_->toString();
+    if (name_) return "a scale whose name contains '" + *name_ + "'";
+    return "a scale";
+}
+
+ScaleConnector::ScaleConnector(Session& session, const ConnectOptions& options)
+    : session_(session),
+      filter_(options),
+      timeout_(options.timeout.empty() ? std::chrono::nanoseconds(0)
+                                       : toDuration(parseDurationArgument(options.timeout, "--timeout"))) {}
+
+void ScaleConnector::start(std::function<void()> onConnected) {
+    onConnected_ = std::move(onConnected);
+    stage_ = Stage::Searching;
+    scanning_ = false;
+    attemptSeen_ = false;
+    target_ = nullptr;
+    const auto kit = session_.kit();
+    // The kit's list, not its auto-connect: only the list lets the tool choose
+    // which scale to connect. With continuous connection off and no picker
+    // open, discoveries go to the list and nothing connects by itself.
+    kit->setIsContinuousConnectionEnabled(false);
+    session_.plenk()->setIsAutoConnectEnabled(false);
+    // With auto-connect off, failed connections and failed set-ups come
+    // through the picker completion, on the Bluetooth queue.
+    kit->setPickerCompletion([loop = session_.sharedLoop(), this](const ErrorPtr& error) {
+        if (!error) return;  // success: the connected event follows
+        loop->post([this, error] { connectionFailed(error); });
+    });
+    session_.events().connected = [this] {
+        stage_ = Stage::Connected;
+        if (onConnected_) onConnected_();
+    };
+    session_.loop().post([this] { poll(); });
+}
+
+void ScaleConnector::poll() {
+    if (session_.finishing() || stage_ == Stage::Connected) return;
+    const auto kit = session_.kit();
+    if (!scanning_ && kit->leState() == RKRostaKit::kLEStatePoweredOn) {
+        kit->scanDeivces();
+        scanning_ = true;
+    }
+    if (stage_ == Stage::Searching) {
+        for (const auto& peripheral : kit->discoveredResults()) {
+            if (!peripheral || !filter_.matches(*peripheral)) continue;
+            target_ = peripheral;
+            stage_ = Stage::Connecting;
+            kit->connectPeripheral(peripheral);
+            break;
+        }
+    } else if (target_->state() != PeripheralState::Disconnected) {
+        attemptSeen_ = true;
+    } else if (attemptSeen_ && !kit->currentDevice()) {
+        // The attempt ended without a link and without an error the kit
+        // reports (it names only some platform codes). A reported error is
+        // already queued behind this task and wins.
+        session_.loop().post([this] { connectionFailed(nullptr); });
+        return;
+    }
+    session_.loop().postAfter(kPollInterval, [this] { poll(); });
+}
+
+void ScaleConnector::connectionFailed(const ErrorPtr& error) {
+    const std::string what = "connecting to '" + scaleName() + "' failed";
+    session_.finish(kExitConnectionFailed,
+                    error ? what + ": " + describeError(*error) : what + " (the system gave no reason)");
+}
+
+void ScaleConnector::timedOut(const std::string& waitingFor) {
+    switch (stage_) {
+        case Stage::Searching:
+            return session_.finish(kExitNoScale, "no scale found: looked for " + filter_.describe() +
+                                                     " for " + formatSeconds(timeout_) + " s");
+        case Stage::Connecting:
+            return session_.finish(kExitTimedOut, "timed out connecting to '" + scaleName() + "'");
+        case Stage::Connected:
+            return session_.finish(kExitTimedOut,
+                                   "timed out: '" + scaleName() + "' did not answer (" + waitingFor + ")");
+    }
+}
+
+std::string ScaleConnector::scaleName() const {
+    const auto name = target_ ? target_->name() : std::nullopt;
+    return name.value_or("the scale");
+}
+
+}  // namespace plenk::cli
