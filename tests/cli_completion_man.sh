@@ -47,7 +47,9 @@ while IFS='|' read -r expected line; do
   [ "$got" = "$expected" ] || fail "bash: 'plenk $line' -> [$got], expected [$expected]"
 done <<'TABLE'
 --json|--j
+tare|ta
 tare timer timer-auto-start|frame t
+--raw|--sim config read --r
 --default-on|--json frame timer on --d
 on off|frame --json timer 
 default-on|frame timer on 
