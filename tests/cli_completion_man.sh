@@ -14,9 +14,11 @@ fail() {
   failures=$((failures + 1))
 }
 
-# The verb paths below one command, read from its --help ("frame", "frame timer"...).
+# The verbs below one command, read from its --help: "  name   description" lines in
+# the groups of verbs ("Subcommands:", "Commands:"...; not options or positionals).
 verbs_below() {
-  "$plenk" "$@" --help | sed -n '/^Subcommands:/,/^$/p' | sed -n 's/^  \([a-z][a-z0-9-]*\) .*/\1/p'
+  "$plenk" "$@" --help | awk '/^$/ { group = 0 } /^[A-Z][A-Za-z ]*:$/ { group = !/^(Options|Positionals):$/ }
+    group && /^  [a-z][a-z0-9-]*  +[^ ]/ { print $1 }'
 }
 paths=()
 walk() {
