@@ -56,9 +56,7 @@ std::vector<Table> lookupTables(const CLI::App& root) {
         const auto args = positionals(*node.app);
         for (std::size_t i = 0; i < args.size(); ++i) {
             Table table{choicesKey + "#" + std::to_string(i), {}};
-            for (const auto& choice : choicesOf(*args[i])) {
-                table.entries.push_back({choice, firstLine(args[i]->get_description())});
-            }
+            for (const auto& choice : choicesOf(*args[i])) table.entries.push_back({choice, ""});
             choices.push_back(std::move(table));
         }
         for (Table* table : {&commands, &options, &values}) tables.push_back(std::move(*table));
