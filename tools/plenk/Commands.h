@@ -76,5 +76,7 @@ void addFrameCommand(CLI::App& app, const GlobalOptions& options);
 void addWatchCommand(CLI::App& app, const GlobalOptions& options);
 void addScaleCommands(CLI::App& app, const GlobalOptions& options);
 void addReadCommands(CLI::App& app, const GlobalOptions& options);
+// `completion SHELL` and the hidden `manpage`: both read the finished app tree.
+void addCompletionCommand(CLI::App& app);
 
 }  // namespace plenk::cli

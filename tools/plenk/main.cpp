@@ -80,6 +80,7 @@ int run(int argc, char** argv) {
     addWatchCommand(app, options);
     addScaleCommands(app, options);
     addReadCommands(app, options);
+    addCompletionCommand(app);
 
     // Set after the verbs, which would otherwise inherit it.
     app.footer(
