@@ -54,7 +54,7 @@ inline constexpr const char* kExitStatusHelp =
 
 // What --json prints, for the help text.
 inline constexpr const char* kJsonHelp =
-    "With --json every line is one JSON object whose \"event\" field names it:\n"
+    "JSON output: with --json every line is one JSON object; its \"event\" field names it:\n"
     "  watch: state {value}, connected, disconnected, weight {value}, battery {value},\n"
     "         button {value}, error {kind, domain, code, description}\n"
     "  scan: scale {name, identifier, rssi, lastSeen}\n"

@@ -60,7 +60,8 @@ int run(int argc, char** argv) {
     app.add_flag("--sim", options.sim, "Use the simulated scales ('Plenk Scale' and 'Coffee Scale')");
     app.add_option("--backend", options.backend,
                    "Bluetooth backend: bluez (real Bluetooth, the default when built in) or sim;\n"
-                   "PLENK_BACKEND overrides it");
+                   "PLENK_BACKEND overrides it")
+        ->type_name("bluez|sim");
     app.add_option("--adapter", options.adapter,
                    "The Bluetooth adapter, by name (hci1) or object path (/org/bluez/hci1);\n"
                    "default: PLENK_ADAPTER, else the first powered adapter");
@@ -68,10 +69,14 @@ int run(int argc, char** argv) {
                  "Show the library's diagnostics and its log, Reconnect and Connect notifications\n"
                  "on stderr (with --sim also the frames each simulated scale received)");
     std::string faults;
-    for (const auto& fault : simulatorFaults()) faults += (faults.empty() ? "" : ", ") + fault;
+    std::string faultChoices;
+    for (const auto& fault : simulatorFaults()) {
+        faults += (faults.empty() ? "" : ", ") + fault;
+        faultChoices += (faultChoices.empty() ? "" : "|") + fault;
+    }
     app.add_option("--sim-fault", options.simFault,
                    "Make the simulated scales misbehave, to try a script's error handling: " + faults)
-        ->type_name("FAULT");
+        ->type_name(faultChoices);
     app.set_version_flag("--version", "plenk " PLENK_TOOL_VERSION, "Print the version and exit");
 
     // The verbs, one registration each (declared in Commands.h).
