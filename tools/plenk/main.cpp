@@ -68,14 +68,10 @@ int run(int argc, char** argv) {
     app.add_flag("--verbose", options.verbose,
                  "Show the library's diagnostics and its log, Reconnect and Connect notifications\n"
                  "on stderr (with --sim also the frames each simulated scale received)");
-    std::string faults;
     std::string faultChoices;
-    for (const auto& fault : simulatorFaults()) {
-        faults += (faults.empty() ? "" : ", ") + fault;
-        faultChoices += (faultChoices.empty() ? "" : "|") + fault;
-    }
+    for (const auto& fault : simulatorFaults()) faultChoices += (faultChoices.empty() ? "" : "|") + fault;
     app.add_option("--sim-fault", options.simFault,
-                   "Make the simulated scales misbehave, to try a script's error handling: " + faults)
+                   "Make the simulated scales misbehave, to try a script's error handling")
         ->type_name(faultChoices);
     app.set_version_flag("--version", "plenk " PLENK_TOOL_VERSION, "Print the version and exit");
 
