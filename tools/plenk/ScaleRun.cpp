@@ -8,8 +8,16 @@
 
 namespace plenk::cli {
 
+namespace {
+// The connection options are checked before the session starts the library.
+const GlobalOptions& checked(const GlobalOptions& global, const ConnectOptions& connect) {
+    checkConnectOptions(connect);
+    return global;
+}
+}  // namespace
+
 ScaleRun::ScaleRun(const GlobalOptions& global, const ConnectOptions& connect)
-    : checked_((checkConnectOptions(connect), true)), session_(global), connector_(session_, connect) {}
+    : session_(checked(global, connect)), connector_(session_, connect) {}
 
 void ScaleRun::run(const std::function<void(ScaleRun&)>& work) {
     session_.events().error = [this](const ErrorPtr& error) { onError(error); };
