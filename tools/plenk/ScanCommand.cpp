@@ -158,7 +158,12 @@ void runScan(const ScanOptions& options, const GlobalOptions& global) {
         Scanner& scanner;
         ~Finally() { scanner.stop(); }
     } finally{*scanner};
-    session.run();
+    try {
+        session.run();
+    } catch (const RunError&) {
+        printer.abandon();
+        throw;
+    }
     printer.finish(table, scanner->now());
 }
 
@@ -178,7 +183,9 @@ void addScanCommand(CLI::App& app, const GlobalOptions& options) {
         "With --json one object each time a scale is found or heard again:\n"
         "  {\"event\":\"scale\",\"name\":\"Plenk "
         "Scale\",\"identifier\":\"...\",\"rssi\":-58,\"lastSeen\":0.12}\n"
-        "  rssi: dBm, or null when not known; lastSeen: seconds since the scan started.\n"
+        "  rssi: dBm, or null when not known; name: null for a nameless device (--all);\n"
+        "  lastSeen: seconds from the start of the scan to the last report of the scale.\n"
+        "The scan restarts every 2 s, so a scale in range is reported at least that often.\n"
         "Ctrl-C ends the scan early (exit status 0).\n"
         "Examples: plenk --sim scan --duration 3\n"
         "          plenk scan --all --adapter hci1");

@@ -91,6 +91,14 @@ void ScanPrinter::finish(const ScanTable& table, Clock::TimePoint now) {
     }
 }
 
+void ScanPrinter::abandon() {
+    std::lock_guard lock(mutex_);
+    if (mode_ != Mode::Terminal || drawnLines_ == 0) return;
+    erase();
+    drawnLines_ = 0;
+    std::fflush(stdout);
+}
+
 // Redraws over the last drawing; the rows never shrink, and whatever landed
 // below (a "^C" the terminal echoed) is cleared.
 void ScanPrinter::render(const ScanTable& table, Clock::TimePoint now, const std::string& status) {

@@ -29,6 +29,8 @@ public:
     void draw(const ScanTable& table, Clock::TimePoint now, const std::string& status);
     // The scan is over: the table once more (or "no scales found").
     void finish(const ScanTable& table, Clock::TimePoint now);
+    // The scan failed (the error line follows): the drawing goes away.
+    void abandon();
     // A diagnostic text of the library: its lines go to standard error, with
     // the drawing taken away first and put back after.
     void diagnostic(std::string_view text);
