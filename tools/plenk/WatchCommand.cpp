@@ -34,6 +34,7 @@ void runWatch(const WatchOptions& options, const GlobalOptions& global) {
     const double seconds = options.duration ? parseDurationArgument(*options.duration, "--duration") : 0;
     const bool filtered = options.connect.name || options.connect.id;
 
+    checkConnectOptions(options.connect);
     auto printer = std::make_shared<WatchPrinter>(global.json, !global.json && isatty(STDOUT_FILENO) == 1);
     Session session(global, [printer](std::string_view text) { printer->diagnostic(text); });
     ScaleConnector connector(session, options.connect);
