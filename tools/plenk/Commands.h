@@ -74,6 +74,7 @@ inline constexpr const char* kJsonHelp =
 void addDecodeCommand(CLI::App& app, const GlobalOptions& options);
 void addFrameCommand(CLI::App& app, const GlobalOptions& options);
 void addWatchCommand(CLI::App& app, const GlobalOptions& options);
+void addScanCommand(CLI::App& app, const GlobalOptions& options);
 void addScaleCommands(CLI::App& app, const GlobalOptions& options);
 void addReadCommands(CLI::App& app, const GlobalOptions& options);
 // `completion SHELL` and the hidden `manpage`: both read the finished app tree.

@@ -79,6 +79,7 @@ int run(int argc, char** argv) {
     addDecodeCommand(app, options);
     addFrameCommand(app, options);
     addWatchCommand(app, options);
+    addScanCommand(app, options);
     addScaleCommands(app, options);
     addReadCommands(app, options);
     addCompletionCommand(app);
