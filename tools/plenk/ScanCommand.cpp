@@ -162,10 +162,9 @@ void runScan(const ScanOptions& options, const GlobalOptions& global) {
                                                    : ScanPrinter::Mode::Lines;
     ScanPrinter printer(mode);
     Session session(global, [&printer](std::string_view text) { printer.diagnostic(text); });
-    // A fresh kit connects the first scale it hears. That is turned off here,
-    // but the radio's first report can come before it: a link the kit made
-    // anyway is let go at once, so the scan leaves every scale free.
-    session.plenk()->setIsAutoConnectEnabled(false);
+    // The session's kit has auto-connect off from the start; should a real
+    // radio report before that took hold, the link the kit made is let go at
+    // once, so the scan leaves every scale free.
     session.events().connected = [&session] { session.plenk()->disconnect(); };
     ScanTable table(options.all);
     auto scanner = std::make_shared<Scanner>(session, table, printer);
