@@ -78,6 +78,7 @@ int run(int argc, char** argv) {
     addDecodeCommand(app, options);
     addFrameCommand(app, options);
     addWatchCommand(app, options);
+    addPickCommand(app, options);
     addScaleCommands(app, options);
     addReadCommands(app, options);
 
