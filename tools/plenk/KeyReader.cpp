@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <string>
+#include <system_error>
 
 #include "Commands.h"
 
@@ -66,7 +66,8 @@ std::optional<Key> KeyDecoder::timeout() {
 
 KeyReader::KeyReader(int fd, Listener listener) {
     if (pipe2(wake_, O_CLOEXEC) != 0) {
-        throw RunError(1, std::string("cannot read the keyboard: ") + std::strerror(errno));
+        const int error = errno;
+        throw RunError(1, "cannot read the keyboard: " + std::generic_category().message(error));
     }
     thread_ = std::thread([this, fd, listener = std::move(listener)] { run(fd, listener); });
 }

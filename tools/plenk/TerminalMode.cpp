@@ -9,9 +9,9 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <mutex>
+#include <system_error>
 
 #include "Commands.h"
 
@@ -71,8 +71,10 @@ void installLastResort() {
 std::shared_ptr<TerminalMode> TerminalMode::open(const std::string& verb) {
     const int fd = ::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) {
+        const int error = errno;
         throw UsageError(verb + " needs a terminal to show the list of scales on (/dev/tty: " +
-                         std::strerror(errno) + "); scripts can use --name or --id with the other commands");
+                         std::generic_category().message(error) +
+                         "); scripts can use --name or --id with the other commands");
     }
     return std::shared_ptr<TerminalMode>(new TerminalMode(fd));
 }
@@ -86,7 +88,8 @@ void TerminalMode::enterRaw() {
     if (raw_) return;
     termios saved{};
     if (tcgetattr(fd_, &saved) != 0) {
-        throw RunError(1, std::string("cannot read the terminal's settings: ") + std::strerror(errno));
+        const int error = errno;
+        throw RunError(1, "cannot read the terminal's settings: " + std::generic_category().message(error));
     }
     termios raw = saved;
     // Keys one by one, unechoed; Ctrl-C, Ctrl-Z, Ctrl-S reach the picker as bytes.
@@ -98,8 +101,9 @@ void TerminalMode::enterRaw() {
     lastResort().saved = saved;
     lastResort().activeFd.store(fd_);
     if (tcsetattr(fd_, TCSANOW, &raw) != 0) {
+        const int error = errno;
         lastResort().activeFd.store(-1);
-        throw RunError(1, std::string("cannot set up the terminal: ") + std::strerror(errno));
+        throw RunError(1, "cannot set up the terminal: " + std::generic_category().message(error));
     }
     raw_ = true;
     write(kEnterScreen);
@@ -123,6 +127,7 @@ TerminalMode::Size TerminalMode::size() const {
 
 bool TerminalMode::utf8() {
     for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): the tool never changes its environment
         const char* value = std::getenv(name);
         if (value == nullptr || *value == '\0') continue;
         std::string text(value);
