@@ -126,9 +126,21 @@ private:
     // unknown state is waited out (the session gives up on a radio that
     // stays unusable).
     void waitForRadio() {
-        const auto state = session_.kit()->leState();
+        const auto kit = session_.kit();
+        const auto state = kit->leState();
         if (state == 0 || state == RKRostaKit::kLEStateUnknown)
             return later(kRadioPoll, &PickRun::waitForRadio);
+        // The kit may have heard the radio, and auto-connected a scale, before
+        // auto-connect was switched off: the person chooses, so let it go.
+        if (kit->currentDevice()) {
+            session_.plenk()->disconnect();
+            return later(kRadioPoll, &PickRun::waitForRadio);
+        }
+        if (const auto early = kit->connectingPeripheral();
+            early && early->state() != PeripheralState::Disconnected) {
+            kit->connecter()->cancelConnectDeviceWithPeripheral(early);
+            return later(kRadioPoll, &PickRun::waitForRadio);
+        }
         diagnostics_->hold();
         session_.plenk()->showDevicePickerOnViewContoller(
             picker_, [weak = weak_from_this(), loop = session_.sharedLoop()](const ErrorPtr& error) {
