@@ -122,7 +122,7 @@ public:
         // The identifier clients see (Peripheral::identifier()); nil: a random
         // one. A real scale keeps its identifier across runs: give one here to
         // do the same.
-        Uuid identifier;
+        Uuid identifier{};
     };
 
     // The script handle of one simulated scale; copies name the same scale.

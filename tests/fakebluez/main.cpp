@@ -26,6 +26,27 @@
 
 using namespace plenk::fakebluez;
 
+namespace {
+
+// "C0:FF:EE:00:00:01 EF80 ca 64" per write, in the order each scale got them.
+bool writeLog(const FakeBluez& bluez, const std::vector<std::string>& addresses, const std::string& path) {
+    FILE* out = std::fopen(path.c_str(), "w");
+    if (out == nullptr) {
+        std::perror(path.c_str());
+        return false;
+    }
+    for (const auto& address : addresses) {
+        for (const auto& write : bluez.writes(address)) {
+            std::fprintf(out, "%s %s", address.c_str(), write.characteristic.toString().c_str());
+            for (const auto byte : write.value) std::fprintf(out, " %02x", byte);
+            std::fputc('\n', out);
+        }
+    }
+    return std::fclose(out) == 0;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
     CLI::App app{"A fake bluetoothd (org.bluez) serving emulated scales"};
     std::string address;
@@ -36,6 +57,7 @@ int main(int argc, char** argv) {
     int rate = 10;
     bool sequence = false;
     std::string stamps;
+    std::string writesFile;
     app.add_option("--address", address, "D-Bus address to serve on (default: $DBUS_SYSTEM_BUS_ADDRESS)");
     app.add_flag("--private", privateBus,
                  "Start a private dbus-daemon and print its address on the first line")
@@ -51,6 +73,9 @@ int main(int argc, char** argv) {
     app.add_flag("--sequence", sequence, "Weight notification i carries the weight i");
     app.add_option("--stamps", stamps,
                    "Write \"i monotonic_ns\" per emitted notification to this file at exit");
+    app.add_option("--writes", writesFile,
+                   "Write every GATT write the scales received to this file at exit, one per line:\n"
+                   "\"ADDRESS CHARACTERISTIC hex bytes\"");
     CLI11_PARSE(app, argc, argv);
 
     // Signals are taken with sigwait, so every thread started later blocks them.
@@ -109,6 +134,7 @@ int main(int argc, char** argv) {
             while (sigwait(&signals, &received) == 0 && received == SIGUSR1) {
                 for (const auto& each : addresses) bluez.dropLink(each);
             }
+            if (!writesFile.empty() && !writeLog(bluez, addresses, writesFile)) return 1;
         }
         if (!stamps.empty()) {
             FILE* out = std::fopen(stamps.c_str(), "w");

@@ -55,7 +55,7 @@ inline constexpr const char* kExitStatusHelp =
 
 // What --json prints, for the help text.
 inline constexpr const char* kJsonHelp =
-    "With --json every line is one JSON object whose \"event\" field names it:\n"
+    "JSON output: with --json every line is one JSON object; its \"event\" field names it:\n"
     "  watch: state {value}, connected, disconnected, weight {value}, battery {value},\n"
     "         button {value}, error {kind, domain, code, description}\n"
     "  scan: scale {name, identifier, rssi, lastSeen}\n"
@@ -78,5 +78,7 @@ void addWatchCommand(CLI::App& app, const GlobalOptions& options);
 void addPickCommand(CLI::App& app, const GlobalOptions& options);
 void addScaleCommands(CLI::App& app, const GlobalOptions& options);
 void addReadCommands(CLI::App& app, const GlobalOptions& options);
+// `completion SHELL` and the hidden `manpage`: both read the finished app tree.
+void addCompletionCommand(CLI::App& app);
 
 }  // namespace plenk::cli

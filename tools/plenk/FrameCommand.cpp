@@ -15,6 +15,7 @@
 #include "Commands.h"
 #include "HexText.h"
 #include "JsonWriter.h"
+#include "VerbArguments.h"
 
 namespace plenk::cli {
 
@@ -43,16 +44,6 @@ FrameList single(Frame f) {
     return {std::move(f)};
 }
 
-// Positional arguments as given on the command line; absent optional ones are nullopt.
-using Args = std::vector<std::optional<std::string>>;
-
-struct Arg {
-    const char* name;
-    const char* type;  // shown in the help: on|off, BYTE, INT...
-    const char* help;
-    bool required = true;
-};
-
 struct FrameVerb {
     const char* name;
     const char* help;
@@ -61,14 +52,6 @@ struct FrameVerb {
     // Converts the arguments (throwing UsageError) and builds the frames.
     std::function<FrameList(const Args&)> build;
 };
-
-const Arg kState{"STATE", "on|off", "on or off"};
-const Arg kLevel{"LEVEL", "INT", "Level, a 32-bit integer: 1, 2 and 3 are sent as such, anything else as 0"};
-const Arg kMode{"MODE", "INT", "Mode, a 32-bit integer: 0, or any other value for mode 1"};
-
-bool state(const Args& a) {
-    return parseSwitchArgument(*a[0], "STATE");
-}
 
 std::vector<FrameVerb> frameVerbs(const std::shared_ptr<bool>& timerDefaultOn) {
     return {
@@ -85,41 +68,41 @@ std::vector<FrameVerb> frameVerbs(const std::shared_ptr<bool>& timerDefaultOn) {
          [](auto& a) { return single(protocol::unitFrame(parseInt32Argument(*a[0], "N"))); }},
         {"display",
          "Switch the seven-segment display (on: hand it back to the scale, then on)",
-         {kState},
+         {kStateArg},
          {"on"},
-         [](auto& a) { return protocol::ledDisplayFrames(state(a)); }},
+         [](auto& a) { return protocol::ledDisplayFrames(stateArg(a)); }},
         {"led",
          "Switch the indication LED",
-         {kState},
+         {kStateArg},
          {"on"},
-         [](auto& a) { return single(protocol::indicationLedFrame(state(a))); }},
+         [](auto& a) { return single(protocol::indicationLedFrame(stateArg(a))); }},
         {"engineering",
          "Switch engineering mode",
-         {kState},
+         {kStateArg},
          {"on"},
-         [](auto& a) { return single(protocol::engineeringModeFrame(state(a))); }},
+         [](auto& a) { return single(protocol::engineeringModeFrame(stateArg(a))); }},
         {"timer",
          "Switch the timer; with on, optionally on by default",
-         {kState, {"DEFAULT", "default-on", "The word default-on, same as --default-on", false}},
+         {kStateArg, {"DEFAULT", "default-on", "The word default-on, same as --default-on", false}},
          {"on", "default-on"},
          [timerDefaultOn](auto& a) {
              if (a[1] && *a[1] != "default-on")
                  throw UsageError("DEFAULT: '" + *a[1] + "' is not 'default-on'");
-             return single(protocol::timerFrame(state(a), *timerDefaultOn || a[1].has_value()));
+             return single(protocol::timerFrame(stateArg(a), *timerDefaultOn || a[1].has_value()));
          }},
         {"timer-auto-start",
          "Switch the timer's auto start",
-         {kState},
+         {kStateArg},
          {"off"},
-         [](auto& a) { return single(protocol::timerAutoStartFrame(state(a))); }},
+         [](auto& a) { return single(protocol::timerAutoStartFrame(stateArg(a))); }},
         {"power-enhanced",
          "Switch enhanced radio power",
-         {kState},
+         {kStateArg},
          {"on"},
-         [](auto& a) { return single(protocol::powerEnhancedFrame(state(a))); }},
+         [](auto& a) { return single(protocol::powerEnhancedFrame(stateArg(a))); }},
         {"sleep",
          "Set the sleep time level for a mode",
-         {kLevel, kMode},
+         {kLevelArg, kModeArg},
          {"2", "1"},
          [](auto& a) {
              return single(protocol::sleepTimeFrame(parseInt32Argument(*a[0], "LEVEL"),
@@ -127,7 +110,7 @@ std::vector<FrameVerb> frameVerbs(const std::shared_ptr<bool>& timerDefaultOn) {
          }},
         {"advertising",
          "Set the advertising time level for a mode",
-         {kLevel, kMode},
+         {kLevelArg, kModeArg},
          {"3", "0"},
          [](auto& a) {
              return single(protocol::advertisingTimeFrame(parseInt32Argument(*a[0], "LEVEL"),
@@ -183,9 +166,9 @@ std::vector<FrameVerb> frameVerbs(const std::shared_ptr<bool>& timerDefaultOn) {
          [](auto&) { return single(protocol::segmentReleaseFrame()); }},
         {"segment",
          "Switch the seven-segment display (one frame, no release)",
-         {kState},
+         {kStateArg},
          {"off"},
-         [](auto& a) { return single(protocol::segmentSwitchFrame(state(a))); }},
+         [](auto& a) { return single(protocol::segmentSwitchFrame(stateArg(a))); }},
         {"raw",
          "A raw frame: opcode C, optionally followed by data byte D",
          {{"C", "BYTE", "Opcode"}, {"D", "BYTE", "Data byte", false}},
@@ -217,28 +200,13 @@ std::string exampleFooter(const FrameVerb& verb) {
 }
 
 void addFrameSubcommand(CLI::App& frame, FrameVerb verb, const GlobalOptions& options) {
-    struct Bound {
-        std::vector<std::string> values;
-        std::vector<CLI::Option*> options;
-    };
-    auto bound = std::make_shared<Bound>();
-    bound->values.resize(verb.args.size());
-    CLI::App* sub = frame.add_subcommand(verb.name, verb.help);
-    for (std::size_t i = 0; i < verb.args.size(); ++i) {
-        const Arg& arg = verb.args[i];
-        CLI::Option* option = sub->add_option(arg.name, bound->values[i], arg.help)->type_name(arg.type);
-        if (arg.required) option->required();
-        bound->options.push_back(option);
-    }
-    sub->footer(exampleFooter(verb));
-    sub->callback([name = verb.name, bound, build = std::move(verb.build), &options] {
-        Args given;
-        for (std::size_t i = 0; i < bound->values.size(); ++i) {
-            given.push_back(bound->options[i]->count() > 0 ? std::optional(bound->values[i]) : std::nullopt);
-        }
-        const FrameList frames = build(given);
-        std::cout << (options.json ? framesAsJson(name, frames) : framesAsText(frames));
-    });
+    const std::string footer = exampleFooter(verb);
+    addVerbWithArgs(frame, verb.name, verb.help, verb.args,
+                    [name = verb.name, build = std::move(verb.build), &options](const Args& given) {
+                        const FrameList frames = build(given);
+                        std::cout << (options.json ? framesAsJson(name, frames) : framesAsText(frames));
+                    })
+        ->footer(footer);
 }
 
 }  // namespace

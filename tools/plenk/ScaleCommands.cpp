@@ -199,7 +199,7 @@ void confirmDfu(bool yes) {
 }
 
 void runDfu(const GlobalOptions& global, const ConnectOptions& connect, bool yes) {
-    ScaleFilter{connect};  // bad options are reported before asking
+    checkConnectOptions(connect);  // bad options are reported before asking
     confirmDfu(yes);
     ScaleRun run(global, connect);
     run.run([](ScaleRun& r) {

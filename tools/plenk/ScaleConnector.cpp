@@ -13,6 +13,10 @@ namespace {
 // The kit keeps its list and the peripherals their state: look often enough
 // that a connection starts promptly after the scale is seen.
 constexpr auto kPollInterval = std::chrono::milliseconds(50);
+// A fast failure can come and go between two looks: a peripheral still
+// disconnected this long after the connect request has had its attempt (the
+// request reaches the radio within milliseconds).
+constexpr auto kAttemptStart = std::chrono::milliseconds(300);
 }  // namespace
 
 void addConnectOptions(CLI::App& verb, ConnectOptions& options, const std::string& timeoutHelp) {
@@ -46,11 +50,20 @@ std::string ScaleFilter::describe() const {
     return "a scale";
 }
 
+namespace {
+std::chrono::nanoseconds parseTimeout(const ConnectOptions& options) {
+    if (options.timeout.empty()) return std::chrono::nanoseconds(0);
+    return toDuration(parseDurationArgument(options.timeout, "--timeout"));
+}
+}  // namespace
+
+void checkConnectOptions(const ConnectOptions& options) {
+    ScaleFilter{options};
+    parseTimeout(options);
+}
+
 ScaleConnector::ScaleConnector(Session& session, const ConnectOptions& options)
-    : session_(session),
-      filter_(options),
-      timeout_(options.timeout.empty() ? std::chrono::nanoseconds(0)
-                                       : toDuration(parseDurationArgument(options.timeout, "--timeout"))) {}
+    : session_(session), filter_(options), timeout_(parseTimeout(options)) {}
 
 void ScaleConnector::start(std::function<void()> onConnected) {
     onConnected_ = std::move(onConnected);
@@ -58,7 +71,13 @@ void ScaleConnector::start(std::function<void()> onConnected) {
     scanning_ = false;
     attemptSeen_ = false;
     target_ = nullptr;
+    name_ = "the scale";
     const auto kit = session_.kit();
+    // An earlier search's peripheral is not this one's; on the first search
+    // a connecting peripheral is the kit's own, taken before auto-connect
+    // was switched off.
+    ignored_ = searched_ ? kit->connectingPeripheral() : nullptr;
+    searched_ = true;
     // The kit's list, not its auto-connect: only the list lets the tool choose
     // which scale to connect. With continuous connection off and no picker
     // open, discoveries go to the list and nothing connects by itself.
@@ -70,10 +89,7 @@ void ScaleConnector::start(std::function<void()> onConnected) {
         if (!error) return;  // success: the connected event follows
         loop->post([this, error] { connectionFailed(error); });
     });
-    session_.events().connected = [this] {
-        stage_ = Stage::Connected;
-        if (onConnected_) onConnected_();
-    };
+    session_.events().connected = [this] { connected(); };
     session_.loop().post([this] { poll(); });
 }
 
@@ -85,16 +101,11 @@ void ScaleConnector::poll() {
         scanning_ = true;
     }
     if (stage_ == Stage::Searching) {
-        for (const auto& peripheral : kit->discoveredResults()) {
-            if (!peripheral || !filter_.matches(*peripheral)) continue;
-            target_ = peripheral;
-            stage_ = Stage::Connecting;
-            kit->connectPeripheral(peripheral);
-            break;
-        }
+        search(*kit);
     } else if (target_->state() != PeripheralState::Disconnected) {
         attemptSeen_ = true;
-    } else if (attemptSeen_ && !kit->currentDevice()) {
+    } else if ((attemptSeen_ || std::chrono::steady_clock::now() - connectStarted_ >= kAttemptStart) &&
+               !kit->currentDevice()) {
         // The attempt ended without a link and without an error the kit
         // reports (it names only some platform codes). A reported error is
         // already queued behind this task and wins.
@@ -104,10 +115,59 @@ void ScaleConnector::poll() {
     session_.loop().postAfter(kPollInterval, [this] { poll(); });
 }
 
+void ScaleConnector::search(RKRostaKit& kit) {
+    // A fresh kit may have started connecting by itself in the moment before
+    // auto-connect was switched off: a matching scale is taken as chosen, any
+    // other one let go (and the scan, which that connection stopped, restarted).
+    if (const auto connecting = kit.connectingPeripheral(); connecting && connecting != ignored_) {
+        ignored_ = connecting;
+        if (filter_.matches(*connecting)) return choose(connecting);
+        return letGo(kit, connecting);
+    }
+    if (kit.currentDevice()) return;  // one being let go
+    for (const auto& peripheral : kit.discoveredResults()) {
+        if (!peripheral || !filter_.matches(*peripheral)) continue;
+        choose(peripheral);
+        return kit.connectPeripheral(peripheral);
+    }
+}
+
+void ScaleConnector::choose(const PeripheralPtr& peripheral) {
+    target_ = peripheral;
+    name_ = peripheral->name().value_or("the scale");
+    stage_ = Stage::Connecting;
+    connectStarted_ = std::chrono::steady_clock::now();
+}
+
+void ScaleConnector::letGo(RKRostaKit& kit, const PeripheralPtr& peripheral) {
+    if (kit.currentDevice()) {
+        session_.plenk()->disconnect();
+    } else {
+        kit.connecter()->cancelConnectDeviceWithPeripheral(peripheral);
+    }
+    scanning_ = false;
+}
+
+void ScaleConnector::connected() {
+    if (stage_ == Stage::Connected) return;  // a late event of a scale let go
+    const auto kit = session_.kit();
+    const auto device = kit->currentDevice();
+    const auto peripheral = device ? device->peripheral() : nullptr;
+    if (!peripheral) return;
+    // The kit's own connection may come up before the first look at it.
+    if (!target_ && filter_.matches(*peripheral)) choose(peripheral);
+    if (!target_ || peripheral->identifier() != target_->identifier()) {
+        ignored_ = kit->connectingPeripheral();
+        return letGo(*kit, peripheral);
+    }
+    stage_ = Stage::Connected;
+    if (onConnected_) onConnected_();
+}
+
 void ScaleConnector::connectionFailed(const ErrorPtr& error) {
     const std::string what = "connecting to '" + scaleName() + "' failed";
     session_.finish(kExitConnectionFailed,
-                    error ? what + ": " + describeError(*error) : what + " (the system gave no reason)");
+                    error ? what + ": " + describeError(*error) : what + " (no error was reported)");
 }
 
 void ScaleConnector::timedOut(const std::string& waitingFor) {
@@ -124,8 +184,7 @@ void ScaleConnector::timedOut(const std::string& waitingFor) {
 }
 
 std::string ScaleConnector::scaleName() const {
-    const auto name = target_ ? target_->name() : std::nullopt;
-    return name.value_or("the scale");
+    return name_;
 }
 
 }  // namespace plenk::cli

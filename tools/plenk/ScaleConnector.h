@@ -21,6 +21,9 @@ struct ConnectOptions {
     std::optional<std::string> id;    // the identifier `plenk scan` shows
     std::string timeout = "20";       // seconds, for the whole verb; empty: none
 };
+// Checks the options as ScaleConnector would, before anything connects
+// (throws UsageError).
+void checkConnectOptions(const ConnectOptions& options);
 // Adds --name, --id and --timeout to a verb; `timeoutHelp` tells what the
 // time-out bounds for this verb.
 void addConnectOptions(CLI::App& verb, ConnectOptions& options,
@@ -57,7 +60,8 @@ public:
     // `waitingFor` names what the verb was waiting for once connected.
     void timedOut(const std::string& waitingFor);
     std::chrono::nanoseconds timeout() const { return timeout_; }
-    // The connected (or connecting) scale's name, for messages.
+    // The connected (or connecting) scale's name as it was found, for messages
+    // (a scale restarting for an update changes its name).
     std::string scaleName() const;
     bool isConnected() const { return stage_ == Stage::Connected; }
 
@@ -65,6 +69,10 @@ private:
     enum class Stage { Searching, Connecting, Connected };
 
     void poll();
+    void search(RKRostaKit& kit);
+    void choose(const PeripheralPtr& peripheral);
+    void letGo(RKRostaKit& kit, const PeripheralPtr& peripheral);
+    void connected();
     void connectionFailed(const ErrorPtr& error);
 
     Session& session_;
@@ -74,7 +82,11 @@ private:
     Stage stage_ = Stage::Searching;
     bool scanning_ = false;
     bool attemptSeen_ = false;  // the target left the disconnected state once
+    std::chrono::steady_clock::time_point connectStarted_;
     PeripheralPtr target_;
+    bool searched_ = false;
+    PeripheralPtr ignored_;  // a connecting peripheral that is not this search's
+    std::string name_ = "the scale";
 };
 
 }  // namespace plenk::cli

@@ -9,12 +9,13 @@
 namespace plenk::cli {
 
 ScaleRun::ScaleRun(const GlobalOptions& global, const ConnectOptions& connect)
-    : session_(global), connector_(session_, connect) {}
+    : checked_((checkConnectOptions(connect), true)), session_(global), connector_(session_, connect) {}
 
 void ScaleRun::run(const std::function<void(ScaleRun&)>& work) {
     session_.events().error = [this](const ErrorPtr& error) { onError(error); };
     // A held link is brought back by the kit; one that is given up ends the verb.
     session_.events().disconnected = [this] {
+        if (!connector_.isConnected()) return;  // a scale the kit took by itself, let go
         session_.finish(kExitConnectionFailed, "the link to '" + scaleName() + "' was lost");
     };
     session_.setDeadline(connector_.timeout(), [this] { connector_.timedOut(waitingFor_); });

@@ -65,6 +65,7 @@ public:
 private:
     void onError(const ErrorPtr& error);
 
+    const bool checked_;  // the options were checked before the session started
     Session session_;
     ScaleConnector connector_;
     std::string waitingFor_ = "its answer";

@@ -7,6 +7,7 @@
 
 #include "HexText.h"
 #include "SignalWatcher.h"
+#include "TextLines.h"
 
 namespace plenk::cli {
 
@@ -23,17 +24,10 @@ constexpr auto kDisconnectGrace = std::chrono::seconds(2);
 void writeLines(std::string_view prefix, std::string_view text) {
     static std::mutex mutex;
     std::lock_guard lock(mutex);
-    while (!text.empty()) {
-        const auto end = text.find('\n');
-        auto line = text.substr(0, end);
-        const auto first = line.find_first_not_of(" \t\r");
-        if (first != std::string_view::npos) {
-            line = line.substr(first, line.find_last_not_of(" \t\r") - first + 1);
-            std::fprintf(stderr, "%.*s%.*s\n", static_cast<int>(prefix.size()), prefix.data(),
-                         static_cast<int>(line.size()), line.data());
-        }
-        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    }
+    forEachTrimmedLine(text, [prefix](std::string_view line) {
+        std::fprintf(stderr, "%.*s%.*s\n", static_cast<int>(prefix.size()), prefix.data(),
+                     static_cast<int>(line.size()), line.data());
+    });
     std::fflush(stderr);
 }
 
@@ -131,6 +125,12 @@ Session::Session(const GlobalOptions& global, DiagnosticSink diagnostics)
     loop_ = simulator_ ? simulator_->mainLoop() : std::static_pointer_cast<RunLoop>(context_.mainQueue);
     if (global_.verbose) observeNotifications();
     plenk_ = PKPlenk::create(context_);
+    // A fresh kit connects by itself to the first scale it sees until told
+    // otherwise; every verb chooses its scale (watch turns it back on). The
+    // simulated radio comes on only now, so no simulated scale is taken
+    // before; a real one reports after a bus round trip.
+    plenk_->setIsAutoConnectEnabled(false);
+    if (simulator_) simulator_->setRadioState(RadioState::PoweredOn);
     delegate_ = std::make_shared<Delegate>(*this);
     plenk_->setDelegate(delegate_);
 }
@@ -155,6 +155,7 @@ void Session::buildSimulator(const std::shared_ptr<LogSink>& log) {
     Simulator::Options options;
     options.clock = Clock::steady();
     options.log = log;
+    options.radio = std::nullopt;  // powered on once the facade is set up
     simulator_ = std::make_unique<Simulator>(options);
     context_ = simulator_->context();
     if (global_.simFault == "no-scale") return;
@@ -237,6 +238,7 @@ void Session::close() {
     closed_ = true;
     const auto kit = plenk_->rosta();
     plenk_->setIsAutoConnectEnabled(false);
+    if (simulator_) simulator_->setRadioState(RadioState::PoweredOn);
     if (kit && kit->currentDevice()) {
         plenk_->disconnect();  // plenkDidDisconnected stops the loop
         loop_->postAfter(kDisconnectGrace, [loop = loop_] { loop->stop(); });

@@ -31,6 +31,7 @@ void runWatch(const WatchOptions& options, const GlobalOptions& global) {
     const double seconds = options.duration ? parseDurationArgument(*options.duration, "--duration") : 0;
     const bool filtered = options.connect.name || options.connect.id;
 
+    checkConnectOptions(options.connect);
     auto printer = LiveWatch::makePrinter(global);
     Session session(global, [printer](std::string_view text) { printer->diagnostic(text); });
     ScaleConnector connector(session, options.connect);

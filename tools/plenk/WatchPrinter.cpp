@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "JsonWriter.h"
+#include "TextLines.h"
 
 namespace plenk::cli {
 
@@ -79,16 +80,9 @@ void WatchPrinter::diagnostic(std::string_view text) {
         std::fflush(stdout);
         drawn_ = false;
     }
-    while (!text.empty()) {
-        const auto end = text.find('\n');
-        auto line = text.substr(0, end);
-        const auto first = line.find_first_not_of(" \t\r");
-        if (first != std::string_view::npos) {
-            line = line.substr(first, line.find_last_not_of(" \t\r") - first + 1);
-            std::fprintf(stderr, "plenk: library: %.*s\n", static_cast<int>(line.size()), line.data());
-        }
-        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    }
+    forEachTrimmedLine(text, [](std::string_view line) {
+        std::fprintf(stderr, "plenk: library: %.*s\n", static_cast<int>(line.size()), line.data());
+    });
     std::fflush(stderr);
     if (redraw) status();
 }

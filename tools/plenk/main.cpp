@@ -60,18 +60,19 @@ int run(int argc, char** argv) {
     app.add_flag("--sim", options.sim, "Use the simulated scales ('Plenk Scale' and 'Coffee Scale')");
     app.add_option("--backend", options.backend,
                    "Bluetooth backend: bluez (real Bluetooth, the default when built in) or sim;\n"
-                   "PLENK_BACKEND overrides it");
+                   "PLENK_BACKEND overrides it")
+        ->type_name("bluez|sim");
     app.add_option("--adapter", options.adapter,
                    "The Bluetooth adapter, by name (hci1) or object path (/org/bluez/hci1);\n"
                    "default: PLENK_ADAPTER, else the first powered adapter");
     app.add_flag("--verbose", options.verbose,
                  "Show the library's diagnostics and its log, Reconnect and Connect notifications\n"
                  "on stderr (with --sim also the frames each simulated scale received)");
-    std::string faults;
-    for (const auto& fault : simulatorFaults()) faults += (faults.empty() ? "" : ", ") + fault;
+    std::string faultChoices;
+    for (const auto& fault : simulatorFaults()) faultChoices += (faultChoices.empty() ? "" : "|") + fault;
     app.add_option("--sim-fault", options.simFault,
-                   "Make the simulated scales misbehave, to try a script's error handling: " + faults)
-        ->type_name("FAULT");
+                   "Make the simulated scales misbehave, to try a script's error handling")
+        ->type_name(faultChoices);
     app.set_version_flag("--version", "plenk " PLENK_TOOL_VERSION, "Print the version and exit");
 
     // The verbs, one registration each (declared in Commands.h).
@@ -81,6 +82,7 @@ int run(int argc, char** argv) {
     addPickCommand(app, options);
     addScaleCommands(app, options);
     addReadCommands(app, options);
+    addCompletionCommand(app);
 
     // Set after the verbs, which would otherwise inherit it.
     app.footer(
