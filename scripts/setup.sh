@@ -7,7 +7,7 @@ packages=(
   g++ clang lld libclang-rt-14-dev clang-format clang-tidy
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev
-  python3 binutils
+  python3 binutils tmux
   libsdbus-c++-dev libsystemd-dev dbus-daemon python3-bleak python3-dbus
 )
 # --if-needed: do nothing when every package is already installed.

@@ -1,8 +1,6 @@
 // plenk watch: connects to a scale through the public facade and shows its
 // live weight and the link's state until Ctrl-C or --duration.
 
-#include <unistd.h>
-
 #include <chrono>
 #include <memory>
 #include <optional>
@@ -14,10 +12,9 @@
 
 #include "Arguments.h"
 #include "Commands.h"
-#include "LinkMonitor.h"
+#include "LiveWatch.h"
 #include "ScaleConnector.h"
 #include "Session.h"
-#include "WatchPrinter.h"
 
 namespace plenk::cli {
 namespace {
@@ -35,39 +32,20 @@ void runWatch(const WatchOptions& options, const GlobalOptions& global) {
     const bool filtered = options.connect.name || options.connect.id;
 
     checkConnectOptions(options.connect);
-    auto printer = std::make_shared<WatchPrinter>(global.json, !global.json && isatty(STDOUT_FILENO) == 1);
+    auto printer = LiveWatch::makePrinter(global);
     Session session(global, [printer](std::string_view text) { printer->diagnostic(text); });
     ScaleConnector connector(session, options.connect);
-    const auto plenk = session.plenk();
-    auto monitor = std::make_shared<LinkMonitor>(
-        plenk, session.sharedLoop(),
-        [&printer](LinkMonitor::State state) { printer->linkState(LinkMonitor::describe(state)); });
+    LiveWatch watch(session, printer);
 
-    bool everConnected = false;
-    const auto onConnected = [&] {
-        everConnected = true;
-        printer->connected();
-        monitor->connected();
-        plenk->readPlenkBatteryLifeWithCompletion(
-            [&printer](std::int64_t level) { printer->battery(level); });
-    };
-    auto& events = session.events();
-    events.disconnected = [&] {
-        printer->disconnected();
-        monitor->disconnected(session.finishing());
-        if (filtered && !session.finishing()) connector.start(onConnected);  // the held link was given up
-    };
-    events.error = [&printer](const ErrorPtr& error) {
-        if (error) printer->error(*error);
-    };
-    events.weight = [&printer](float grams) { printer->weight(grams); };
-    events.button = [&printer](std::uint64_t button) { printer->button(button); };
-    monitor->start(session.context().notifications);
+    const auto onConnected = [&watch] { watch.connected(); };
+    watch.start([&] {
+        if (filtered) connector.start(onConnected);  // the held link was given up
+    });
     if (filtered) {
         connector.start(onConnected);
     } else {
-        events.connected = onConnected;
-        plenk->setIsAutoConnectEnabled(true);
+        session.events().connected = onConnected;
+        session.plenk()->setIsAutoConnectEnabled(true);
     }
 
     session.setInterruptStatus(0);  // Ctrl-C is how a watch ends
@@ -76,17 +54,13 @@ void runWatch(const WatchOptions& options, const GlobalOptions& global) {
     }
     if (connector.timeout().count() > 0) {
         session.setDeadline(connector.timeout(), [&] {
-            if (everConnected) return;
+            if (watch.everConnected()) return;
             if (filtered) return connector.timedOut("");
             const bool connecting = session.kit()->connectingPeripheral() != nullptr;
             session.finish(connecting ? kExitTimedOut : kExitNoScale,
                            connecting ? "timed out connecting to a scale" : "no scale found");
         });
     }
-    struct Finally {
-        WatchPrinter& printer;
-        ~Finally() { printer.finish(); }
-    } finally{*printer};
     session.run();
 }
 

@@ -80,6 +80,7 @@ int run(int argc, char** argv) {
     addFrameCommand(app, options);
     addWatchCommand(app, options);
     addScanCommand(app, options);
+    addPickCommand(app, options);
     addScaleCommands(app, options);
     addReadCommands(app, options);
     addCompletionCommand(app);
