@@ -15,6 +15,7 @@
 
 #include "Arguments.h"
 #include "Commands.h"
+#include "ConnectAttempt.h"
 #include "ErrorText.h"
 #include "JsonWriter.h"
 #include "LiveWatch.h"
@@ -176,8 +177,7 @@ private:
     }
 
     void chosen(std::int64_t /*row*/) {
-        target_ = session_.kit()->connectingPeripheral();
-        attemptSeen_ = target_ && target_->state() != PeripheralState::Disconnected;
+        attempt_.begin(session_.kit()->connectingPeripheral());
         failure_.clear();
         later(kAttemptPoll, &PickRun::followAttempt);
     }
@@ -185,18 +185,15 @@ private:
     // Some failed attempts reach the kit with a code it names no error for:
     // the picker would spin on. The peripheral's state tells.
     void followAttempt() {
-        if (picked_ || !target_ || !picker_->isShown()) return;
-        if (target_->state() != PeripheralState::Disconnected) {
-            attemptSeen_ = true;
-        } else if (attemptSeen_ && !session_.kit()->currentDevice()) {
+        if (picked_ || !attempt_.peripheral() || !picker_->isShown()) return;
+        if (attempt_.endedWithoutLink(*session_.kit()))
             return later(kErrorGrace, &PickRun::attemptEndedSilently);
-        }
         later(kAttemptPoll, &PickRun::followAttempt);
     }
 
     void attemptEndedSilently() {
         if (picked_ || !failure_.empty()) return;  // the kit's error came first
-        failure_ = "connecting to '" + targetName() + "' failed (the system gave no reason)";
+        failure_ = "connecting to '" + targetName() + "' failed (no error was reported)";
         picker_->showMessage(failure_);
     }
 
@@ -230,7 +227,8 @@ private:
         if (picked_) return;  // the time-out bounds the choice and the connection
         if (!failure_.empty()) return end(kExitConnectionFailed, failure_);
         const std::string after = " after " + formatSeconds(timeout_) + " s";
-        if (target_) return end(kExitTimedOut, "timed out connecting to '" + targetName() + "'" + after);
+        if (attempt_.peripheral())
+            return end(kExitTimedOut, "timed out connecting to '" + targetName() + "'" + after);
         const auto scales = session_.kit()->discoveredResults().size();
         if (scales == 0) return end(kExitNoScale, "no scale found" + after);
         end(kExitTimedOut, "timed out: no scale was chosen" + after);
@@ -244,7 +242,7 @@ private:
     }
 
     std::string targetName() const {
-        const auto name = target_ ? target_->name() : std::nullopt;
+        const auto name = attempt_.peripheral() ? attempt_.peripheral()->name() : std::nullopt;
         return name.value_or("the scale");
     }
 
@@ -255,9 +253,8 @@ private:
     const std::chrono::nanoseconds timeout_;
     LiveWatch watch_;
     std::shared_ptr<TerminalPicker> picker_;
-    PeripheralPtr target_;      // the chosen scale
-    bool attemptSeen_ = false;  // it left the disconnected state
-    std::string failure_;       // why its connection failed, once known
+    ConnectAttempt attempt_;  // the chosen scale's connection
+    std::string failure_;     // why its connection failed, once known
     bool picked_ = false;
 };
 

@@ -13,10 +13,6 @@ namespace {
 // The kit keeps its list and the peripherals their state: look often enough
 // that a connection starts promptly after the scale is seen.
 constexpr auto kPollInterval = std::chrono::milliseconds(50);
-// A fast failure can come and go between two looks: a peripheral still
-// disconnected this long after the connect request has had its attempt (the
-// request reaches the radio within milliseconds).
-constexpr auto kAttemptStart = std::chrono::milliseconds(300);
 }  // namespace
 
 void addConnectOptions(CLI::App& verb, ConnectOptions& options, const std::string& timeoutHelp) {
@@ -58,7 +54,7 @@ std::chrono::nanoseconds parseTimeout(const ConnectOptions& options) {
 }  // namespace
 
 void checkConnectOptions(const ConnectOptions& options) {
-    ScaleFilter{options};
+    [[maybe_unused]] const ScaleFilter filter(options);
     parseTimeout(options);
 }
 
@@ -69,7 +65,6 @@ void ScaleConnector::start(std::function<void()> onConnected) {
     onConnected_ = std::move(onConnected);
     stage_ = Stage::Searching;
     scanning_ = false;
-    attemptSeen_ = false;
     target_ = nullptr;
     name_ = "the scale";
     const auto kit = session_.kit();
@@ -102,13 +97,8 @@ void ScaleConnector::poll() {
     }
     if (stage_ == Stage::Searching) {
         search(*kit);
-    } else if (target_->state() != PeripheralState::Disconnected) {
-        attemptSeen_ = true;
-    } else if ((attemptSeen_ || std::chrono::steady_clock::now() - connectStarted_ >= kAttemptStart) &&
-               !kit->currentDevice()) {
-        // The attempt ended without a link and without an error the kit
-        // reports (it names only some platform codes). A reported error is
-        // already queued behind this task and wins.
+    } else if (stage_ == Stage::Connecting && attempt_.endedWithoutLink(*kit)) {
+        // A reported error is already queued behind this task and wins.
         session_.loop().post([this] { connectionFailed(nullptr); });
         return;
     }
@@ -136,7 +126,7 @@ void ScaleConnector::choose(const PeripheralPtr& peripheral) {
     target_ = peripheral;
     name_ = peripheral->name().value_or("the scale");
     stage_ = Stage::Connecting;
-    connectStarted_ = std::chrono::steady_clock::now();
+    attempt_.begin(peripheral);
 }
 
 void ScaleConnector::letGo(RKRostaKit& kit, const PeripheralPtr& peripheral) {

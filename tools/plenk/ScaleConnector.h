@@ -7,6 +7,8 @@
 
 #include <PlenkKit/PlenkKit.h>
 
+#include "ConnectAttempt.h"
+
 namespace CLI {
 class App;
 }
@@ -81,8 +83,7 @@ private:
     std::function<void()> onConnected_;
     Stage stage_ = Stage::Searching;
     bool scanning_ = false;
-    bool attemptSeen_ = false;  // the target left the disconnected state once
-    std::chrono::steady_clock::time_point connectStarted_;
+    ConnectAttempt attempt_;
     PeripheralPtr target_;
     bool searched_ = false;
     PeripheralPtr ignored_;  // a connecting peripheral that is not this search's
