@@ -31,7 +31,7 @@ wait_status() {
 # and the exit status.
 cat >"$dir/run.sh" <<EOF
 stty -g >"$dir/before"
-"$plenk" --sim "\$@" >"$dir/out" 2>"$dir/err"
+"$plenk" \${PLENK_WORLD:---sim} "\$@" >"$dir/out" 2>"$dir/err"
 echo \$? >"$dir/status.new"
 stty -g >"$dir/after"
 mv "$dir/status.new" "$dir/status"
@@ -110,4 +110,21 @@ status=$?
 set -e
 [ "$status" -eq 2 ] && [ "$(grep -c '' "$dir/err")" -eq 1 ] && grep -q 'needs a terminal' "$dir/err" ||
   fail "without a terminal: status $status"
+# 6. Once on the BlueZ backend, when it is built: the fake bluetoothd's scale is
+#    listed, picked and tared on connecting (the write the fake recorded).
+fake=$PLENK_BINARY_DIR/tests/fakebluez/fake-bluetoothd
+if [ -x "$fake" ]; then
+  coproc FAKE { exec "$fake" --private --writes "$dir/writes" 2>/dev/null; }
+  read -r address <&"${FAKE[0]}" || fail "the fake bluetoothd did not start"
+  rm -f "$dir/status"
+  wait_screen 'ready\$ *$'
+  tmx send-keys "clear; PLENK_WORLD='--backend bluez' DBUS_SYSTEM_BUS_ADDRESS=$address bash $dir/run.sh pick --print-id" Enter
+  wait_screen '^ > Plenk Scale'
+  tmx send-keys Enter
+  finish 0
+  grep -Eqx '[0-9A-F-]{36}' "$dir/out" || fail "bluez: printed id"
+  kill -TERM "$FAKE_PID"
+  wait "$FAKE_PID" || true
+  grep -q ' EF80 10$' "$dir/writes" || fail "bluez: the fake's scale was not tared"
+fi
 echo "cli pick: ok"
