@@ -136,6 +136,10 @@ Session::Session(const GlobalOptions& global, DiagnosticSink diagnostics)
 }
 
 Session::~Session() {
+    // The verb's objects that the events call into may already be gone: no
+    // event reaches them from here on (the facade holds its delegate weakly).
+    delegate_.reset();
+    events_ = Events{};
     for (const auto token : observers_) context_.notifications->removeObserver(token);
     plenk_.reset();
     loop_->runUntilIdle();
