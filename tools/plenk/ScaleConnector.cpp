@@ -80,12 +80,15 @@ void ScaleConnector::start(std::function<void()> onConnected) {
     session_.plenk()->setIsAutoConnectEnabled(false);
     // With auto-connect off, failed connections and failed set-ups come
     // through the picker completion, on the Bluetooth queue.
-    kit->setPickerCompletion([loop = session_.sharedLoop(), this](const ErrorPtr& error) {
-        if (!error) return;  // success: the connected event follows
-        loop->post([this, error] { connectionFailed(error); });
-    });
+    kit->setPickerCompletion(
+        [loop = session_.sharedLoop(), alive = std::weak_ptr(alive_), this](const ErrorPtr& error) {
+            if (!error) return;  // success: the connected event follows
+            loop->post([alive, this, error] {
+                if (alive.lock()) connectionFailed(error);
+            });
+        });
     session_.events().connected = [this] { connected(); };
-    session_.loop().post([this] { poll(); });
+    later(std::chrono::nanoseconds(0), [this] { poll(); });
 }
 
 void ScaleConnector::poll() {
@@ -99,10 +102,17 @@ void ScaleConnector::poll() {
         search(*kit);
     } else if (stage_ == Stage::Connecting && attempt_.endedWithoutLink(*kit)) {
         // A reported error is already queued behind this task and wins.
-        session_.loop().post([this] { connectionFailed(nullptr); });
-        return;
+        return later(std::chrono::nanoseconds(0), [this] { connectionFailed(nullptr); });
     }
-    session_.loop().postAfter(kPollInterval, [this] { poll(); });
+    later(kPollInterval, [this] { poll(); });
+}
+
+// Tasks of a connector that is gone (the session's loop runs once more as it
+// is torn down) do nothing.
+void ScaleConnector::later(std::chrono::nanoseconds delay, std::function<void()> task) {
+    session_.loop().postAfter(delay, [alive = std::weak_ptr(alive_), task = std::move(task)] {
+        if (alive.lock()) task();
+    });
 }
 
 void ScaleConnector::search(RKRostaKit& kit) {

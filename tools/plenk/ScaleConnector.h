@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -71,6 +72,7 @@ private:
     enum class Stage { Searching, Connecting, Connected };
 
     void poll();
+    void later(std::chrono::nanoseconds delay, std::function<void()> task);
     void search(RKRostaKit& kit);
     void choose(const PeripheralPtr& peripheral);
     void letGo(RKRostaKit& kit, const PeripheralPtr& peripheral);
@@ -84,6 +86,7 @@ private:
     Stage stage_ = Stage::Searching;
     bool scanning_ = false;
     ConnectAttempt attempt_;
+    const std::shared_ptr<int> alive_ = std::make_shared<int>(0);  // tasks hold it weakly
     PeripheralPtr target_;
     bool searched_ = false;
     PeripheralPtr ignored_;  // a connecting peripheral that is not this search's
