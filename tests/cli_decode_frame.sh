@@ -3,23 +3,7 @@
 # (one line on stderr, exit status 2). Each table row is "expected|arguments";
 # arguments are shell words, the expected output may hold \n.
 set -uo pipefail
-plenk=${PLENK_BINARY_DIR:?}/tools/plenk
-[ -x "$plenk" ] || { echo "missing $plenk"; exit 1; }
-
-failures=0
-out="" err="" rc=0
-run() {
-  local errfile
-  errfile=$(mktemp)
-  out=$("$plenk" "$@" 2>"$errfile")
-  rc=$?
-  err=$(cat "$errfile")
-  rm -f "$errfile"
-}
-fail() {
-  echo "FAIL: plenk $*"
-  failures=$((failures + 1))
-}
+source "$(dirname "$0")/support/cli.sh"
 
 # Exit 0, exactly the expected text on stdout, nothing on stderr.
 while IFS='|' read -r expected args; do
@@ -131,8 +115,4 @@ for command in tare calibrate unit display led engineering timer timer-auto-star
   [ "$rc" -eq 0 ] && grep -q "Example:" <<<"$out" || fail "frame $command --help"
 done
 
-if [ "$failures" -ne 0 ]; then
-  echo "$failures failure(s)"
-  exit 1
-fi
-echo "all CLI checks passed"
+checks_done "cli decode and frame"

@@ -4,19 +4,13 @@
 # restart of the scan, other devices only with --all, and a name holding a
 # terminal escape is printed harmlessly.
 set -euo pipefail
-plenk=${PLENK_BINARY_DIR:?}/tools/plenk
-fake=$PLENK_BINARY_DIR/tests/fakebluez/fake-bluetoothd
+source "$(dirname "$0")/support/cli.sh"
 out=$(mktemp)
 err=$(mktemp)
-fake_pid=
-trap '[ -z "$fake_pid" ] || { kill "$fake_pid"; wait "$fake_pid"; } 2>/dev/null; rm -f "$out" "$err"' EXIT
+trap 'stop_fake; rm -f "$out" "$err"' EXIT
 fail() { echo "FAIL: $*"; cat "$out" "$err"; exit 1; }
 
-unset PLENK_BACKEND PLENK_ADAPTER
-coproc FAKE { exec "$fake" --private --scale "Plenk Scale" --scale "Kettle" --scale $'Coffee\e[2J' 2>/dev/null; }
-fake_pid=$FAKE_PID
-read -r DBUS_SYSTEM_BUS_ADDRESS <&"${FAKE[0]}" || fail "the fake bluetoothd did not start"
-export DBUS_SYSTEM_BUS_ADDRESS
+start_fake --scale "Plenk Scale" --scale "Kettle" --scale $'Coffee\e[2J'
 
 # 1. JSON on the default backend: the scale at the fake's -60 dBm, reported
 #    again after the scan's restart; the kettle is not a scale.

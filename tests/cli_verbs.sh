@@ -3,22 +3,7 @@
 # (the simulator's own record, shown by --verbose), the printed result, the
 # JSON shape, and the exit status of every way a verb can fail.
 set -uo pipefail
-plenk=${PLENK_BINARY_DIR:?}/tools/plenk
-[ -x "$plenk" ] || { echo "missing $plenk"; exit 1; }
-failures=0
-out="" err="" rc=0
-run() {
-  local errfile
-  errfile=$(mktemp)
-  out=$(timeout 30 "$plenk" "$@" 2>"$errfile" </dev/null)
-  rc=$?
-  err=$(cat "$errfile")
-  rm -f "$errfile"
-}
-fail() {
-  echo "FAIL: plenk $*"
-  failures=$((failures + 1))
-}
+source "$(dirname "$0")/support/cli.sh"
 # The frames the named scale received, one per line ("10", "ca 64").
 frames() { sed -n "s/^plenk: sim: '$1' received //p" <<<"$err"; }
 
@@ -135,5 +120,4 @@ TABLE
 run --sim-fault write-fails tare
 [ "$rc" -eq 2 ] && grep -q -- '--sim-fault needs --sim' <<<"$err" || fail "--sim-fault without --sim -> rc=$rc [$err]"
 
-[ "$failures" -eq 0 ] || { echo "$failures failure(s)"; exit 1; }
-echo "cli verbs: ok"
+checks_done "cli verbs"

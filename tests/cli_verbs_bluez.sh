@@ -3,22 +3,10 @@
 # bluetoothd on a private bus: every frame the fake's scale recorded on its
 # command characteristic, in order, and what each verb printed.
 set -uo pipefail
-plenk=${PLENK_BINARY_DIR:?}/tools/plenk
-fake=$PLENK_BINARY_DIR/tests/fakebluez/fake-bluetoothd
+source "$(dirname "$0")/support/cli.sh"
 log=$(mktemp)
-fake_pid=
-trap '[ -n "$fake_pid" ] && kill "$fake_pid" 2>/dev/null; rm -f "$log"' EXIT
-failures=0
-fail() {
-  echo "FAIL: $*"
-  failures=$((failures + 1))
-}
-
-unset PLENK_BACKEND PLENK_ADAPTER
-coproc FAKE { exec "$fake" --private --writes "$log" 2>/dev/null; }
-fake_pid=$FAKE_PID
-read -r DBUS_SYSTEM_BUS_ADDRESS <&"${FAKE[0]}" || { echo "the fake bluetoothd did not start"; exit 1; }
-export DBUS_SYSTEM_BUS_ADDRESS
+trap 'stop_fake; rm -f "$log"' EXIT
+start_fake --writes "$log"
 
 # The identifier the backend gives the scale, for --id below.
 id=$(timeout 30 "$plenk" --backend bluez --json info | sed -n 's/.*"identifier":"\([^"]*\)".*/\1/p')
@@ -28,9 +16,8 @@ expected="10;"
 # Rows: the frames after the connection's tare (;-separated)|output regex|arguments.
 # The scale starts unconfigured; dfu comes last (the scale restarts as "DfuTarg").
 while IFS='|' read -r frames pattern args; do
-  out=$(eval "timeout 30 \"\$plenk\" --backend bluez $args" 2>&1 </dev/null)
-  rc=$?
-  [ "$rc" -eq 0 ] && grep -Eq "$pattern" <<<"$out" || fail "$args -> rc=$rc [$out], expected /$pattern/"
+  eval "run --backend bluez $args"
+  [ "$rc" -eq 0 ] && grep -Eq "$pattern" <<<"$out" || fail "$args -> rc=$rc [$out] [$err], expected /$pattern/"
   expected+="10;${frames:+$frames;}"
 done <<'TABLE'
 10|^tare: sent to 'Plenk Scale'$|tare
@@ -63,13 +50,10 @@ f1|^fw-disconnect: sent|fw-disconnect
 aa 55|^dfu: 'Plenk Scale' restarts|dfu --yes
 TABLE
 
-kill -TERM "$fake_pid"
-wait "$fake_pid" 2>/dev/null
-fake_pid=
+stop_fake
 got=$(awk '$2 == "EF80" { $1 = ""; $2 = ""; sub(/^  /, ""); printf "%s;", $0 }' "$log")
 [ "$got" = "$expected" ] || fail "frames recorded by the fake:
   got      $got
   expected $expected"
 
-[ "$failures" -eq 0 ] || { echo "$failures failure(s)"; exit 1; }
-echo "cli verbs on bluez: ok"
+checks_done "cli verbs on bluez"

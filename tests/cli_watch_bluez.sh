@@ -4,27 +4,12 @@
 # both formats, shows a dropped link coming back; an adapter that does not exist and a bus without bluetoothd
 # end with status 3 and advice.
 set -euo pipefail
-plenk=${PLENK_BINARY_DIR:?}/tools/plenk
-fake=$PLENK_BINARY_DIR/tests/fakebluez/fake-bluetoothd
+source "$(dirname "$0")/support/cli.sh"
 out=$(mktemp)
 err=$(mktemp)
-fake_pid=
-stop_fake() {
-  if [ -n "$fake_pid" ]; then kill "$fake_pid" 2>/dev/null || true; wait "$fake_pid" 2>/dev/null || true; fi
-  fake_pid=
-}
 trap 'stop_fake; rm -f "$out" "$err"' EXIT
 fail() { echo "FAIL: $*"; cat "$out" "$err"; exit 1; }
 
-# Starts the fake with these options and points the system bus at it.
-start_fake() {
-  coproc FAKE { exec "$fake" --private "$@"; }
-  fake_pid=$FAKE_PID
-  read -r DBUS_SYSTEM_BUS_ADDRESS <&"${FAKE[0]}" || fail "the fake bluetoothd did not start"
-  export DBUS_SYSTEM_BUS_ADDRESS
-}
-
-unset PLENK_BACKEND PLENK_ADAPTER
 # 1. Both weight formats, by the advertised name; the library's default backend.
 while IFS='|' read -r name format; do
   start_fake --scale "$name" --format "$format" --rate 20
