@@ -242,7 +242,6 @@ void Session::close() {
     closed_ = true;
     const auto kit = plenk_->rosta();
     plenk_->setIsAutoConnectEnabled(false);
-    if (simulator_) simulator_->setRadioState(RadioState::PoweredOn);
     if (kit && kit->currentDevice()) {
         plenk_->disconnect();  // plenkDidDisconnected stops the loop
         loop_->postAfter(kDisconnectGrace, [loop = loop_] { loop->stop(); });
