@@ -110,7 +110,17 @@ status=$?
 set -e
 [ "$status" -eq 2 ] && [ "$(grep -c '' "$dir/err")" -eq 1 ] && grep -q 'needs a terminal' "$dir/err" ||
   fail "without a terminal: status $status"
-# 6. Once on the BlueZ backend, when it is built: the fake bluetoothd's scale is
+# 6. dfu asks on a terminal (on stderr); anything but yes cancels (8) before
+#    connecting.
+rm -f "$dir/status"
+wait_screen 'ready\$ *$'
+tmx send-keys "clear; bash $dir/run.sh --verbose dfu" Enter
+for _ in $(seq 1 100); do grep -q '\[y/N\]' "$dir/err" 2>/dev/null && break; sleep 0.05; done
+tmx send-keys n Enter
+finish 8
+grep -q received "$dir/err" && fail "dfu connected although it was declined"
+
+# 7. Once on the BlueZ backend, when it is built: the fake bluetoothd's scale is
 #    listed, picked and tared on connecting (the write the fake recorded).
 fake=$PLENK_BINARY_DIR/tests/fakebluez/fake-bluetoothd
 if [ -x "$fake" ]; then

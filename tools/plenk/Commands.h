@@ -44,14 +44,14 @@ inline constexpr int kExitNoScale = 4;           // no matching scale found in t
 inline constexpr int kExitConnectionFailed = 5;  // the link failed or the scale failed its set-up
 inline constexpr int kExitTimedOut = 6;          // connecting or the scale's answer took too long
 inline constexpr int kExitCommandFailed = 7;     // the scale refused a command or a read
-inline constexpr int kExitCancelled = 8;         // the person cancelled the picker
+inline constexpr int kExitCancelled = 8;         // the person cancelled (the picker, dfu's question)
 inline constexpr int kExitInterrupted = 130;     // Ctrl-C or SIGTERM before a one-shot verb was done
 inline constexpr const char* kExitStatusHelp =
     "Exit status: 0 done; 1 internal error; 2 bad usage or input; 3 no usable Bluetooth\n"
     "(no adapter, no bluetoothd, not allowed, or switched off); 4 no matching scale found;\n"
     "5 connection failed (the error's kind, domain and code are printed); 6 timed out\n"
     "(connecting, or the scale did not answer); 7 the scale refused the command or read;\n"
-    "8 cancelled in the picker (Esc or q); 130 interrupted by Ctrl-C or SIGTERM.";
+    "8 cancelled (Esc or q in the picker, no to dfu's question); 130 interrupted by Ctrl-C or SIGTERM.";
 
 // What --json prints, for the help text.
 inline constexpr const char* kJsonHelp =

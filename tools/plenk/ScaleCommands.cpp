@@ -195,7 +195,7 @@ void confirmDfu(bool yes) {
               << std::flush;
     std::string answer;
     std::getline(std::cin, answer);
-    if (answer != "y" && answer != "Y" && answer != "yes") throw RunError(kExitInterrupted, "dfu cancelled");
+    if (answer != "y" && answer != "Y" && answer != "yes") throw RunError(kExitCancelled, "dfu cancelled");
 }
 
 void runDfu(const GlobalOptions& global, const ConnectOptions& connect, bool yes) {
