@@ -1,5 +1,7 @@
 #include "JsonWriter.h"
 
+#include "Utf8Decode.h"
+
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -16,36 +18,6 @@ std::string shortestNumber(T value) {
     return std::string(buffer, result.ptr);
 }
 
-// Length of the well-formed UTF-8 sequence at the start of `text` (up to 4
-// bytes; no overlong forms, surrogates or code points above U+10FFFF), or 0.
-std::size_t utf8SequenceLength(std::string_view text) {
-    const auto byte = [&](std::size_t i) {
-        return i < text.size() ? static_cast<unsigned char>(text[i]) : 0u;
-    };
-    const unsigned lead = byte(0);
-    std::size_t length = 0;
-    unsigned lo = 0x80, hi = 0xBF;  // allowed range of the first continuation byte
-    if (lead < 0x80) return text.empty() ? 0 : 1;
-    if (lead >= 0xC2 && lead <= 0xDF) {
-        length = 2;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-        length = 3;
-        if (lead == 0xE0) lo = 0xA0;
-        if (lead == 0xED) hi = 0x9F;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-        length = 4;
-        if (lead == 0xF0) lo = 0x90;
-        if (lead == 0xF4) hi = 0x8F;
-    } else {
-        return 0;
-    }
-    if (byte(1) < lo || byte(1) > hi) return 0;
-    for (std::size_t i = 2; i < length; ++i) {
-        if ((byte(i) & 0xC0) != 0x80) return 0;
-    }
-    return length;
-}
-
 }  // namespace
 
 // Bytes that are not UTF-8 (device names can hold anything) become U+FFFD, so
@@ -57,7 +29,7 @@ std::string jsonString(std::string_view text) {
     for (std::size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
         if (static_cast<unsigned char>(c) >= 0x80) {
-            const std::size_t length = utf8SequenceLength(text.substr(i));
+            const std::size_t length = decodeUtf8(text.substr(i)).length;
             if (length == 0) {
                 out += "\\ufffd";
             } else {

@@ -14,9 +14,6 @@ namespace plenk::cli {
 
 namespace {
 
-constexpr const char* kUtf8Spinner[] = {"⠋", "⠙", "⠹", "⠸", "⠼", "⠴", "⠦", "⠧", "⠇", "⠏"};
-constexpr const char* kAsciiSpinner[] = {"|", "/", "-", "\\"};
-
 struct TerminalSize {
     int columns = 80;
     int rows = 24;
@@ -63,8 +60,7 @@ void ScanPrinter::update(const ScanTable& table, const ScanUpdate& update, Clock
 void ScanPrinter::draw(const ScanTable& table, Clock::TimePoint now, const std::string& status) {
     if (mode_ != Mode::Terminal) return;
     std::lock_guard lock(mutex_);
-    const std::string spinner = text_.utf8() ? kUtf8Spinner[frame_ % std::size(kUtf8Spinner)]
-                                             : kAsciiSpinner[frame_ % std::size(kAsciiSpinner)];
+    const std::string spinner(text_.spinner(frame_));
     ++frame_;
     const std::size_t found = table.rows().size();
     const std::string count =

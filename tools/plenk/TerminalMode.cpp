@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <exception>
@@ -123,18 +122,6 @@ TerminalMode::Size TerminalMode::size() const {
     winsize window{};
     if (ioctl(fd_, TIOCGWINSZ, &window) != 0 || window.ws_row == 0 || window.ws_col == 0) return {24, 80};
     return {window.ws_row, window.ws_col};
-}
-
-bool TerminalMode::utf8() {
-    for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
-        // NOLINTNEXTLINE(concurrency-mt-unsafe): the tool never changes its environment
-        const char* value = std::getenv(name);
-        if (value == nullptr || *value == '\0') continue;
-        std::string text(value);
-        for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        return text.find("utf-8") != std::string::npos || text.find("utf8") != std::string::npos;
-    }
-    return false;
 }
 
 }  // namespace plenk::cli

@@ -38,7 +38,6 @@ public:
     // The window's size now (it may change between two draws); 24x80 if unknown.
     Size size() const;
     // Whether the locale says the terminal takes UTF-8 (else plain ASCII is drawn).
-    static bool utf8();
 
 private:
     explicit TerminalMode(int fd) : fd_(fd) {}

@@ -11,62 +11,11 @@ namespace plenk::cli {
 namespace {
 
 constexpr auto kSpinnerInterval = std::chrono::milliseconds(120);
-constexpr std::array<std::string_view, 10> kUtf8Spinner = {"⠋", "⠙", "⠹", "⠸", "⠼", "⠴", "⠦", "⠧", "⠇", "⠏"};
-constexpr std::array<std::string_view, 4> kAsciiSpinner = {"|", "/", "-", "\\"};
 constexpr std::string_view kCancelHint = "Esc/q: Cancel";
 constexpr std::string_view kReverse = "\x1b[7m";
 constexpr std::string_view kPlain = "\x1b[0m";
 // Bar, blank line, header above the rows; blank line and key help below.
 constexpr int kLinesAroundRows = 5;
-
-// Scale names come from the air: they may hold escape sequences, control
-// characters or malformed UTF-8. What reaches the terminal is printable text
-// of at most `columns` characters (each counted as one column), with '?' for
-// anything else; without UTF-8 only ASCII is printed.
-std::string terminalText(std::string_view text, std::size_t columns, bool utf8) {
-    std::string out;
-    std::size_t used = 0;
-    for (std::size_t i = 0; i < text.size() && used < columns; ++used) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        std::size_t length = 1;
-        char32_t code = byte;
-        if (byte >= 0xc2 && byte <= 0xf4) {
-            length = byte >= 0xf0 ? 4 : byte >= 0xe0 ? 3 : 2;
-            code = byte & (0x3f >> (length - 1));
-            for (std::size_t k = 1; k < length; ++k) {
-                const auto next = i + k < text.size() ? static_cast<unsigned char>(text[i + k]) : 0;
-                if ((next & 0xc0) != 0x80) {
-                    length = k;  // cut short: the bytes so far are one bad character
-                    code = 0xfffd;
-                    break;
-                }
-                code = (code << 6) | (next & 0x3f);
-            }
-        }
-        const bool overlong = (length == 3 && code < 0x800) || (length == 4 && code < 0x10000);
-        const bool bad = byte >= 0x80 && (length == 1 || code == 0xfffd || overlong || code > 0x10ffff ||
-                                          (code >= 0xd800 && code <= 0xdfff));
-        const bool control = code < 0x20 || code == 0x7f || (code >= 0x80 && code <= 0x9f);
-        if (bad || control || (!utf8 && byte >= 0x80)) {
-            out += '?';
-        } else {
-            out.append(text.substr(i, length));
-        }
-        i += length;
-    }
-    return out;
-}
-
-std::string padded(std::string text, std::size_t printed, std::size_t width) {
-    if (printed < width) text.append(width - printed, ' ');
-    return text;
-}
-
-// Printed width of text that terminalText made: one column per character.
-std::size_t columnsOf(std::string_view text) {
-    return static_cast<std::size_t>(std::count_if(
-        text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xc0) != 0x80; }));
-}
 
 }  // namespace
 
@@ -75,7 +24,7 @@ TerminalPicker::TerminalPicker(std::shared_ptr<TerminalMode> terminal, std::shar
     : terminal_(std::move(terminal)),
       loop_(std::move(loop)),
       hooks_(std::move(hooks)),
-      utf8_(TerminalMode::utf8()) {}
+      text_(TerminalText::fromLocale()) {}
 
 TerminalPicker::~TerminalPicker() {
     close();
@@ -177,25 +126,28 @@ void TerminalPicker::draw() {
     const auto controller = controller_.lock();
     if (!shown_ || !controller) return;
     const auto size = terminal_->size();
-    const auto width = static_cast<std::size_t>(size.columns);
-    const std::string_view spinner =
-        utf8_ ? kUtf8Spinner[frame_ % kUtf8Spinner.size()] : kAsciiSpinner[frame_ % kAsciiSpinner.size()];
+    const int width = size.columns;
+    const std::string spinner(text_.spinner(frame_));
+    // Scale names come from the air: only printable text of the width given
+    // reaches the terminal ('?' for anything else).
+    const auto fitted = [this](std::string_view text, int columns) {
+        return text_.fit(text_.clean(text), std::max(columns, 0));
+    };
     const std::int64_t rows = std::max<std::int64_t>(controller->tableViewNumberOfRowsInSection(0), 0);
     if (!chosen_) cursor_ = std::clamp<std::int64_t>(cursor_, 0, std::max<std::int64_t>(rows - 1, 0));
 
     std::vector<std::string> lines;
     // The bar: the title on the left, the Cancel key on the right, reversed.
     {
-        const std::size_t hintColumns = width > kCancelHint.size() + 2 ? kCancelHint.size() + 1 : 0;
-        const std::string title =
-            terminalText(controller->title(), width > hintColumns + 1 ? width - hintColumns - 1 : 0, utf8_);
-        std::string bar = padded(" " + title, columnsOf(title) + 1, width - hintColumns);
+        const int hint = static_cast<int>(kCancelHint.size());
+        const int hintColumns = width > hint + 2 ? hint + 1 : 0;
+        const std::string title = fitted(controller->title(), width - hintColumns - 1);
+        std::string bar = text_.pad(" " + title, width - hintColumns);
         if (hintColumns > 0) bar += std::string(kCancelHint) + " ";
         lines.push_back(std::string(kReverse) + bar + std::string(kPlain));
     }
     lines.emplace_back();
-    const std::string header = terminalText(controller->deviceString(), width > 4 ? width - 4 : 0, utf8_);
-    lines.push_back(" " + header + " " + std::string(spinner));
+    lines.push_back(" " + fitted(controller->deviceString(), width - 4) + " " + spinner);
 
     // The rows, scrolled so that the cursor (or the chosen row) is on screen.
     const int extra = message_.empty() ? 0 : 1;
@@ -207,16 +159,15 @@ void TerminalPicker::draw() {
     for (std::int64_t row = top_; row < rows && row < top_ + visible; ++row) {
         const bool atCursor = !chosen_ && row == cursor_;
         const bool busy = chosen_ == row;
-        const std::size_t room = width > 6 ? width - 6 : 0;
-        std::string text = terminalText(controller->tableViewTitleForRowAtIndexPath({0, row}), room, utf8_);
-        if (busy) text += " " + std::string(spinner);
+        std::string text = fitted(controller->tableViewTitleForRowAtIndexPath({0, row}), width - 6);
+        if (busy) text += " " + spinner;
         lines.push_back(atCursor ? std::string(kReverse) + " > " + text + " " + std::string(kPlain)
                                  : "   " + text);
     }
     lines.emplace_back();
-    if (!message_.empty()) lines.push_back(" " + terminalText(message_, width > 1 ? width - 1 : 0, utf8_));
-    lines.push_back(terminalText(
-        chosen_ ? " Esc/q: Cancel" : " Up/Down or k/j: move   Enter: connect   Esc/q: Cancel", width, utf8_));
+    if (!message_.empty()) lines.push_back(" " + fitted(message_, width - 1));
+    lines.push_back(
+        fitted(chosen_ ? " Esc/q: Cancel" : " Up/Down or k/j: move   Enter: connect   Esc/q: Cancel", width));
 
     // Drawn over the last frame; the last line gets no line feed, so a
     // full screen never scrolls.

@@ -12,6 +12,7 @@
 
 #include "KeyReader.h"
 #include "TerminalMode.h"
+#include "TerminalText.h"
 
 namespace plenk::cli {
 
@@ -69,7 +70,7 @@ private:
     const std::shared_ptr<TerminalMode> terminal_;
     const std::shared_ptr<RunLoop> loop_;
     const Hooks hooks_;
-    const bool utf8_;
+    const TerminalText text_;
     std::weak_ptr<CSRSelectDeviceViewController> controller_;  // it holds this view
     std::unique_ptr<KeyReader> keys_;
     bool shown_ = false;

@@ -1,5 +1,7 @@
 #include "TerminalText.h"
 
+#include "Utf8Decode.h"
+
 #include <langinfo.h>
 #include <locale.h>
 
@@ -10,38 +12,6 @@
 namespace plenk::cli {
 
 namespace {
-
-struct CodePoint {
-    char32_t value = 0;
-    std::size_t length = 0;  // 0: not a well-formed UTF-8 sequence
-};
-
-// The UTF-8 sequence at the start of `text`: no overlong forms, surrogates or
-// code points above U+10FFFF.
-CodePoint decode(std::string_view text) {
-    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    const unsigned lead = byte(0);
-    if (lead < 0x80) return {lead, 1};
-    std::size_t length = 0;
-    if (lead >= 0xC2 && lead <= 0xDF) {
-        length = 2;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-        length = 3;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-        length = 4;
-    } else {
-        return {};
-    }
-    char32_t value = lead & (0x7Fu >> length);
-    if (text.size() < length) return {};
-    for (std::size_t i = 1; i < length; ++i) {
-        if ((byte(i) & 0xC0u) != 0x80u) return {};
-        value = (value << 6) | (byte(i) & 0x3Fu);
-    }
-    static constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (value < kSmallest[length] || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) return {};
-    return {value, length};
-}
 
 // Columns of one printable code point: the locale's width where it knows
 // one, else one.
@@ -71,7 +41,7 @@ std::string TerminalText::clean(std::string_view text) const {
     std::string out;
     out.reserve(text.size());
     while (!text.empty()) {
-        const CodePoint c = decode(text);
+        const CodePoint c = decodeUtf8(text);
         const bool printable = c.length > 0 && !isControl(c.value) && (utf8_ || c.value < 0x80);
         if (printable) {
             out.append(text.substr(0, c.length));
@@ -86,7 +56,7 @@ std::string TerminalText::clean(std::string_view text) const {
 int TerminalText::width(std::string_view cleaned) const {
     int columns = 0;
     while (!cleaned.empty()) {
-        const CodePoint c = decode(cleaned);
+        const CodePoint c = decodeUtf8(cleaned);
         columns += c.length > 0 ? columnsOf(c.value) : 1;
         cleaned.remove_prefix(c.length > 0 ? c.length : 1);
     }
@@ -99,7 +69,7 @@ std::string TerminalText::fit(std::string_view cleaned, int columns) const {
     std::string out;
     int used = 0;
     while (!cleaned.empty()) {
-        const CodePoint c = decode(cleaned);
+        const CodePoint c = decodeUtf8(cleaned);
         const std::size_t length = c.length > 0 ? c.length : 1;
         const int w = c.length > 0 ? columnsOf(c.value) : 1;
         if (used + w > room) break;
@@ -108,6 +78,12 @@ std::string TerminalText::fit(std::string_view cleaned, int columns) const {
         cleaned.remove_prefix(length);
     }
     return room < 0 ? std::string() : out + ellipsis();
+}
+
+std::string_view TerminalText::spinner(std::size_t frame) const {
+    static constexpr std::string_view kUtf8[] = {"⠋", "⠙", "⠹", "⠸", "⠼", "⠴", "⠦", "⠧", "⠇", "⠏"};
+    static constexpr std::string_view kAscii[] = {"|", "/", "-", "\\"};
+    return utf8_ ? kUtf8[frame % std::size(kUtf8)] : kAscii[frame % std::size(kAscii)];
 }
 
 std::string TerminalText::pad(std::string_view cleaned, int columns) const {

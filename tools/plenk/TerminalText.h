@@ -29,6 +29,8 @@ public:
     // A cleaned text filled with spaces to `columns` (never cut).
     std::string pad(std::string_view cleaned, int columns) const;
     // "…" or "...".
+    // Frame `frame` of a turning spinner, in what the terminal can show.
+    std::string_view spinner(std::size_t frame) const;
     const char* ellipsis() const { return utf8_ ? "\u2026" : "..."; }
 
 private:
