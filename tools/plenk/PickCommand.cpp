@@ -133,15 +133,7 @@ private:
             return later(kRadioPoll, &PickRun::waitForRadio);
         // The kit may have heard the radio, and auto-connected a scale, before
         // auto-connect was switched off: the person chooses, so let it go.
-        if (kit->currentDevice()) {
-            session_.plenk()->disconnect();
-            return later(kRadioPoll, &PickRun::waitForRadio);
-        }
-        if (const auto early = kit->connectingPeripheral();
-            early && early->state() != PeripheralState::Disconnected) {
-            kit->connecter()->cancelConnectDeviceWithPeripheral(early);
-            return later(kRadioPoll, &PickRun::waitForRadio);
-        }
+        if (session_.releaseUnwantedLink()) return later(kRadioPoll, &PickRun::waitForRadio);
         diagnostics_->hold();
         session_.plenk()->showDevicePickerOnViewContoller(
             picker_, [weak = weak_from_this(), loop = session_.sharedLoop()](const ErrorPtr& error) {

@@ -68,11 +68,6 @@ void ScaleConnector::start(std::function<void()> onConnected) {
     target_ = nullptr;
     name_ = "the scale";
     const auto kit = session_.kit();
-    // An earlier search's peripheral is not this one's; on the first search
-    // a connecting peripheral is the kit's own, taken before auto-connect
-    // was switched off.
-    ignored_ = searched_ ? kit->connectingPeripheral() : nullptr;
-    searched_ = true;
     // The kit's list, not its auto-connect: only the list lets the tool choose
     // which scale to connect. With continuous connection off and no picker
     // open, discoveries go to the list and nothing connects by itself.
@@ -116,15 +111,12 @@ void ScaleConnector::later(std::chrono::nanoseconds delay, std::function<void()>
 }
 
 void ScaleConnector::search(RKRostaKit& kit) {
-    // A fresh kit may have started connecting by itself in the moment before
-    // auto-connect was switched off: a matching scale is taken as chosen, any
-    // other one let go (and the scan, which that connection stopped, restarted).
-    if (const auto connecting = kit.connectingPeripheral(); connecting && connecting != ignored_) {
-        ignored_ = connecting;
-        if (filter_.matches(*connecting)) return choose(connecting);
-        return letGo(kit, connecting);
+    // A link the kit made by itself is let go first (and the scan, which
+    // that connection stopped, restarted).
+    if (session_.releaseUnwantedLink()) {
+        scanning_ = false;
+        return;
     }
-    if (kit.currentDevice()) return;  // one being let go
     for (const auto& peripheral : kit.discoveredResults()) {
         if (!peripheral || !filter_.matches(*peripheral)) continue;
         choose(peripheral);
@@ -139,26 +131,12 @@ void ScaleConnector::choose(const PeripheralPtr& peripheral) {
     attempt_.begin(peripheral);
 }
 
-void ScaleConnector::letGo(RKRostaKit& kit, const PeripheralPtr& peripheral) {
-    if (kit.currentDevice()) {
-        session_.plenk()->disconnect();
-    } else {
-        kit.connecter()->cancelConnectDeviceWithPeripheral(peripheral);
-    }
-    scanning_ = false;
-}
-
 void ScaleConnector::connected() {
     if (stage_ == Stage::Connected) return;  // a late event of a scale let go
-    const auto kit = session_.kit();
-    const auto device = kit->currentDevice();
-    const auto peripheral = device ? device->peripheral() : nullptr;
-    if (!peripheral) return;
-    // The kit's own connection may come up before the first look at it.
-    if (!target_ && filter_.matches(*peripheral)) choose(peripheral);
-    if (!target_ || peripheral->identifier() != target_->identifier()) {
-        ignored_ = kit->connectingPeripheral();
-        return letGo(*kit, peripheral);
+    if (!session_.kit()->currentDevice()) return;  // already gone again
+    if (!target_ || session_.releaseUnwantedLink(target_)) {
+        scanning_ = false;
+        return;  // the kit's own connection, or a late event of one let go
     }
     stage_ = Stage::Connected;
     if (onConnected_) onConnected_();

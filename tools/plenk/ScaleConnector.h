@@ -75,7 +75,6 @@ private:
     void later(std::chrono::nanoseconds delay, std::function<void()> task);
     void search(RKRostaKit& kit);
     void choose(const PeripheralPtr& peripheral);
-    void letGo(RKRostaKit& kit, const PeripheralPtr& peripheral);
     void connected();
     void connectionFailed(const ErrorPtr& error);
 
@@ -88,8 +87,6 @@ private:
     ConnectAttempt attempt_;
     const std::shared_ptr<int> alive_ = std::make_shared<int>(0);  // tasks hold it weakly
     PeripheralPtr target_;
-    bool searched_ = false;
-    PeripheralPtr ignored_;  // a connecting peripheral that is not this search's
     std::string name_ = "the scale";
 };
 

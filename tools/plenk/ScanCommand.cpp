@@ -165,7 +165,7 @@ void runScan(const ScanOptions& options, const GlobalOptions& global) {
     // The session's kit has auto-connect off from the start; should a real
     // radio report before that took hold, the link the kit made is let go at
     // once, so the scan leaves every scale free.
-    session.events().connected = [&session] { session.plenk()->disconnect(); };
+    session.events().connected = [&session] { session.releaseUnwantedLink(); };
     ScanTable table(options.all);
     auto scanner = std::make_shared<Scanner>(session, table, printer);
     scanner->start();

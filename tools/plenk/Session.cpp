@@ -201,6 +201,23 @@ void Session::setDeadline(std::chrono::nanoseconds delay, std::function<void()> 
     onDeadline_ = std::move(onDeadline);
 }
 
+bool Session::releaseUnwantedLink(const PeripheralPtr& wanted) {
+    const auto kit = plenk_->rosta();
+    const auto isWanted = [&wanted](const PeripheralPtr& p) {
+        return wanted && p && p->identifier() == wanted->identifier();
+    };
+    if (const auto device = kit ? kit->currentDevice() : nullptr) {
+        if (isWanted(device->peripheral())) return false;
+        plenk_->disconnect();
+        return true;
+    }
+    const auto connecting = kit ? kit->connectingPeripheral() : nullptr;
+    if (!connecting || isWanted(connecting) || connecting->state() == PeripheralState::Disconnected)
+        return false;
+    kit->connecter()->cancelConnectDeviceWithPeripheral(connecting);
+    return true;
+}
+
 std::string Session::radioProblem() const {
     const auto kit = plenk_->rosta();
     const std::uint64_t state = kit ? kit->leState() : 0;

@@ -62,6 +62,10 @@ public:
     void setDeadline(std::chrono::nanoseconds delay, std::function<void()> onDeadline);
     // The status Ctrl-C and SIGTERM end the run with (default kExitInterrupted).
     void setInterruptStatus(int status) { interruptStatus_ = status; }
+    // Drops a link the kit holds or is making that the verb did not ask for
+    // (a fresh kit connects by itself until auto-connect is off, which a real
+    // radio's first report can beat): any but `wanted`. True if there was one.
+    bool releaseUnwantedLink(const PeripheralPtr& wanted = nullptr);
     // Why the radio cannot be used right now, as a user can act on it; empty
     // when it is powered on.
     std::string radioProblem() const;
