@@ -71,13 +71,14 @@ void printConfiguration(ScaleRun& r, const RKConfiguration& c) {
 Work configRead(const bool& raw) {
     return [&raw](ScaleRun& r) {
         r.waitFor("the configuration record");
-        if (raw) {
-            return r.device()->readRawData(r.onLoop([&r](RKConfigurationRecord record) {
-                r.print(recordHex(record),
-                        JsonObject().string("event", "configuration").string("raw", recordHex(record)));
-                r.done();
-            }));
-        }
+        const auto printRaw = [&r](const RKConfigurationRecord& record) {
+            const std::string hex = recordHex(record);
+            r.print(hex, JsonObject().string("event", "configuration").string("raw", hex));
+            r.done();
+        };
+        // The record read as the verb started; if that read failed, again, for the scale's error.
+        if (raw && r.lastRecord() != nullptr) return printRaw(*r.lastRecord());
+        if (raw) return r.device()->readRawData(r.onLoop(printRaw));
         r.kit()->readConfiguration(r.onLoop([&r](RKConfiguration configuration) {
             printConfiguration(r, configuration);
             r.done();
@@ -104,12 +105,12 @@ void printWrite(ScaleRun& r, const char* exchange, int index, bool success, cons
 
 // The initialisation reads the record; an unconfigured scale is sent the
 // default configuration (eight writes) and the completion hears the results
-// of the first two, a configured one completes once at once. The tool reads
-// the record first to know which of the two to expect, prints every
-// completion as it comes, and reads the record again afterwards.
+// of the first two, a configured one completes once at once. The record read
+// as the verb started tells which of the two to expect; every completion is
+// printed as it comes, and the record is read again afterwards.
 void configInit(ScaleRun& r) {
-    r.waitFor("the configuration record");
-    r.afterPendingWrites([&r](const RKConfigurationRecord* before) {
+    {
+        const RKConfigurationRecord* before = r.lastRecord();  // read as the verb started
         if (before == nullptr) return r.refused("reading the configuration record", nullptr);
         const bool unconfigured = protocol::isUnconfigured(*before);
         r.print(unconfigured ? "config init: the scale is unconfigured: sending the default configuration"
@@ -131,7 +132,7 @@ void configInit(ScaleRun& r) {
                     r.done();
                 });
             }));
-    });
+    }
 }
 
 void configSync(ScaleRun& r) {

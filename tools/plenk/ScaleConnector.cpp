@@ -132,7 +132,7 @@ void ScaleConnector::choose(const PeripheralPtr& peripheral) {
 }
 
 void ScaleConnector::connected() {
-    if (stage_ == Stage::Connected) return;  // a late event of a scale let go
+    if (stage_ == Stage::Connected) return;        // a late event of a scale let go
     if (!session_.kit()->currentDevice()) return;  // already gone again
     if (!target_ || session_.releaseUnwantedLink(target_)) {
         scanning_ = false;

@@ -44,7 +44,9 @@ void ScaleRun::afterPendingWrites(std::function<void(const RKConfigurationRecord
     const auto device = this->device();
     if (!device) return session_.finish(kExitConnectionFailed, "the link to '" + scaleName() + "' was lost");
     pendingBarrier_ = std::move(next);
+    lastRecord_.reset();
     device->readRawData(onLoop([this](RKConfigurationRecord record) {
+        lastRecord_ = record;
         if (auto next = std::exchange(pendingBarrier_, nullptr)) next(&record);
     }));
 }

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <PlenkKit/PlenkKit.h>
@@ -38,6 +39,9 @@ public:
     // read of the configuration record, which the scale answers after the
     // writes before it. The record read (or nothing, if the read failed).
     void afterPendingWrites(std::function<void(const RKConfigurationRecord* record)> next);
+    // The record the last afterPendingWrites read (the work starts after one),
+    // or null when that read failed.
+    const RKConfigurationRecord* lastRecord() const { return lastRecord_ ? &*lastRecord_ : nullptr; }
     // Sends `writes` command writes through `send`, then calls `done` with
     // the result of each, stopping at the first failure: (true, null) or
     // (false, the platform's error).
@@ -71,6 +75,7 @@ private:
     bool settled_ = false;  // the connection's own writes are answered
     // A read of the record is outstanding: read errors answer it.
     std::function<void(const RKConfigurationRecord*)> pendingBarrier_;
+    std::optional<RKConfigurationRecord> lastRecord_;
 };
 
 }  // namespace plenk::cli
