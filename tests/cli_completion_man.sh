@@ -24,6 +24,9 @@ walk() {
 }
 walk
 [ "${#paths[@]}" -gt 20 ] || fail "only ${#paths[@]} verbs found in the help"
+for path in "${paths[@]}"; do  # the offline verbs show a worked example each
+  [[ $path =~ ^(frame|decode)\  ]] && ! grep -q "Example" <<<"$("$plenk" $path --help)" && fail "$path --help: no example"
+done
 
 # bash: each verb is offered at its parent's path; options, fixed values.
 bash -n "$docs/plenk.bash" || fail "bash script does not parse"
