@@ -27,9 +27,6 @@ ee|frame display off
 0a 03|frame timer on default-on
 0b 01|frame power-enhanced on
 05 03|frame sleep 3 0
-06 00|frame sleep 4 1
-06 01|frame sleep 1 -1
-07 00|frame advertising -1 0
 08 02|frame advertising 2 1000
 f1|frame fw-disconnect
 04|frame sync
@@ -43,13 +40,10 @@ ec|frame segment-release
 ed|frame segment on
 12 34|frame raw 0x12 0x34
 1234.5|decode weight --name Plenk-01 00 39 30 00 ff
--1234.5|decode weight --name Plenk-01 00:C7:CF:FF:FF
--1|decode weight --name Plenk-01 00FFFFFF00
 123.4|decode weight --name "Coffee Scale" 3132333400
 123.4|decode weight --name PlenkCoffee 31323334
 0|decode weight --name Kitchen 00 39 30 00 ff
 0|decode weight --name Coffee ""
-1234.5|decode weight --name Plenk-01 0x003930 0x00 0xff
 1|decode button 0X02
 0|decode button 01ff
 none|decode button 03
