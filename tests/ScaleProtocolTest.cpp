@@ -6,8 +6,6 @@
 #include <string>
 #include <vector>
 
-#include <PlenkKit/ScaleProtocol.h>
-
 #include "wire/ConfigurationRecord.h"
 #include "wire/Frames.h"
 #include "wire/Notifications.h"
@@ -128,44 +126,6 @@ TEST(WireConfigTest, FieldsDecodeFromTheTimerByteAndTheNibbles) {
     for (const auto& [bytes, expected] : cases) {
         EXPECT_EQ(decodeConfiguration(recordFromBytes(bytes)), expected) << ::testing::PrintToString(bytes);
     }
-}
-
-// The public face gives the internal builders' and decoders' answers, one row
-// per family: single frames, frame lists, raw frames, decoders.
-TEST(PublicProtocolTest, GivesTheWireFormatsAnswers) {
-    const auto bytes = [](const std::vector<protocol::Frame>& frames) {
-        std::vector<ByteVec> out;
-        for (const auto& f : frames) out.push_back(f.bytes);
-        return out;
-    };
-    const auto wireBytes = [](const FrameList& list) {
-        std::vector<ByteVec> out;
-        for (const Frame& f : list.span()) out.push_back(bytesOf(f));
-        return out;
-    };
-    const std::vector<std::pair<protocol::Frame, Frame>> frames = {
-        {protocol::tareFrame(), tareFrame()},
-        {protocol::timerFrame(true, true), timerFrame(true, true)},
-        {protocol::sleepTimeFrame(7, 1), sleepTimeFrame(7, 1)},
-        {protocol::segmentBlockFrame(0x0A, 200), segmentBlockFrame(0x0A, 200)},
-        {protocol::dfuFrame(), dfuFrame()},
-        {protocol::rawFrame(0xCA), frame(0xCA)},
-        {protocol::rawFrame(0xCA, 7), frame(0xCA, 7)},
-    };
-    for (const auto& [given, expected] : frames) EXPECT_EQ(given.bytes, bytesOf(expected));
-    EXPECT_EQ(bytes(protocol::ledDisplayFrames(true)), wireBytes(ledDisplayFrames(true)));
-    EXPECT_EQ(bytes(protocol::defaultConfigurationFrames()), wireBytes(defaultConfigurationFrames()));
-
-    const ByteVec packet{0x00, 0x39, 0x30, 0x00, 0xFF};
-    EXPECT_EQ(protocol::decodeWeight("Plenk-01", packet), 1234.5f);
-    EXPECT_EQ(protocol::decodeWeight("Coffee", textBytes("1234")), 123.4f);
-    EXPECT_EQ(protocol::decodeWeight(std::nullopt, packet), 0.0f);
-    EXPECT_EQ(protocol::decodeButton(ByteVec{0x02}), 1u);
-    EXPECT_EQ(protocol::decodeButton(ByteVec{0x03}), std::nullopt);
-    const ByteVec record = recordBytes(0x31, 0x80, 0x08, 0x0F);
-    EXPECT_EQ(protocol::decodeConfiguration(protocol::configurationRecord(record)),
-              decodeConfiguration(recordFromBytes(record)));
-    EXPECT_TRUE(protocol::isUnconfigured(protocol::configurationRecord(recordBytes(0, 0xFF, 0xFF, 0xFF))));
 }
 
 }  // namespace

@@ -3,16 +3,10 @@
 # every verb the help lists (at every depth) is completed and documented, the bash
 # script completes verbs, options and fixed values, and the page is clean troff.
 set -uo pipefail
-bin=${PLENK_BINARY_DIR:?}
-plenk=$bin/tools/plenk docs=$bin/tools/docs
+source "$(dirname "$0")/support/cli.sh"
+bin=$PLENK_BINARY_DIR docs=$PLENK_BINARY_DIR/tools/docs
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-
-failures=0
-fail() {
-  echo "FAIL: $*"
-  failures=$((failures + 1))
-}
 
 # The verbs below one command, read from its --help: "  name   description" lines in
 # the groups of verbs ("Subcommands:", "Commands:"...; not options or positionals).
@@ -30,6 +24,9 @@ walk() {
 }
 walk
 [ "${#paths[@]}" -gt 20 ] || fail "only ${#paths[@]} verbs found in the help"
+for path in "${paths[@]}"; do  # the offline verbs show a worked example each
+  [[ $path =~ ^(frame|decode)\  ]] && ! grep -q "Example" <<<"$("$plenk" $path --help)" && fail "$path --help: no example"
+done
 
 # bash: each verb is offered at its parent's path; options, fixed values.
 bash -n "$docs/plenk.bash" || fail "bash script does not parse"
@@ -87,8 +84,7 @@ fi
 "$plenk" manpage | cmp -s - "$man" || fail "plenk.1 differs from 'plenk manpage'"
 
 # The verb: an unknown shell is bad usage; the hidden verb stays out of help and completion.
-err=$("$plenk" completion tcsh 2>&1 >/dev/null)
-rc=$?
+run completion tcsh
 [ "$rc" -eq 2 ] && [ "$(grep -c '' <<<"$err")" -eq 1 ] && grep -q "'tcsh' is not one of bash, zsh, fish" <<<"$err" ||
   fail "completion tcsh -> rc=$rc err=[$err]"
 [[ " $(complete_words m) " == *" manpage "* ]] && fail "bash offers the hidden manpage verb"
@@ -99,9 +95,4 @@ for file in share/man/man1/plenk.1 share/bash-completion/completions/plenk share
   share/fish/vendor_completions.d/plenk.fish; do
   [ -s "$work/$file" ] || fail "not installed: $file"
 done
-
-if [ "$failures" -ne 0 ]; then
-  echo "$failures failure(s)"
-  exit 1
-fi
-echo "completion and manual checks passed (${#paths[@]} verbs)"
+checks_done "completion and manual (${#paths[@]} verbs)"

@@ -4,10 +4,10 @@
 # with their statuses, a failed connection keeps the list open, and every way
 # out leaves the terminal as it was found. Without a terminal it refuses.
 set -euo pipefail
-plenk=${PLENK_BINARY_DIR:?}/tools/plenk
+source "$(dirname "$0")/support/cli.sh"
 dir=$(mktemp -d)
 tmx() { tmux -S "$dir/tmux" -f /dev/null "$@"; }  # a private server
-trap 'tmx kill-server 2>/dev/null || true; rm -rf "$dir"' EXIT
+trap 'stop_fake; tmx kill-server 2>/dev/null || true; rm -rf "$dir"' EXIT
 
 fail() {
   echo "FAIL: $*"
@@ -22,10 +22,6 @@ wait_screen() {
   for _ in $(seq 1 100); do screen | grep -q -- "$1" && return 0; sleep 0.05; done
   fail "the screen never showed '$1'"
 }
-wait_status() {
-  for _ in $(seq 1 100); do [ -s "$dir/status" ] && return 0; sleep 0.05; done
-  fail "plenk did not exit"
-}
 
 # Each run records the terminal's settings before and after, stdout, stderr
 # and the exit status.
@@ -38,16 +34,20 @@ mv "$dir/status.new" "$dir/status"
 EOF
 tmx new-session -d -x 100 -y 30 "PS1='ready\$ ' bash --norc --noprofile"
 
-# start ARGS...: runs plenk in the pane and waits for the full list.
-start() {
+# launch ARGS...: runs plenk in the pane; start ARGS... also waits for the full list.
+launch() {
   rm -f "$dir/status" "$dir/out" "$dir/err"
-  wait_screen '^ready\$ *$'  # keys typed before the shell reads them could reach plenk
-  tmx send-keys "clear; bash $dir/run.sh $*" Enter
+  wait_screen 'ready\$ *$'  # keys typed before the shell reads them could reach plenk
+  tmx send-keys "clear; ${PLENK_ENV:-} bash $dir/run.sh $*" Enter
+}
+start() {
+  launch "$@"
   wait_screen "Coffee Scale"
 }
 # finish STATUS: checks the status and that the terminal is back as it was.
 finish() {
-  wait_status
+  for _ in $(seq 1 100); do [ -s "$dir/status" ] && break; sleep 0.05; done
+  [ -s "$dir/status" ] || fail "plenk did not exit"
   [ "$(cat "$dir/status")" = "$1" ] || fail "exit status $(cat "$dir/status"), expected $1"
   cmp -s "$dir/before" "$dir/after" || fail "terminal settings not restored"
   screen | grep -q "Connect An Accessory" && fail "the picker is still on the screen"
@@ -104,17 +104,13 @@ finish 0
 grep -v '"event":"state"' "$dir/out" | tail -n1 | grep -qx '{"event":"disconnected"}' || fail "the watch did not disconnect cleanly"
 
 # 5. No terminal at all: one line, status 2, nothing started.
-set +e
-setsid -w "$plenk" --sim pick </dev/null >"$dir/out" 2>"$dir/err"
-status=$?
-set -e
+status=0
+setsid -w "$plenk" --sim pick </dev/null >"$dir/out" 2>"$dir/err" || status=$?
 [ "$status" -eq 2 ] && [ "$(grep -c '' "$dir/err")" -eq 1 ] && grep -q 'needs a terminal' "$dir/err" ||
   fail "without a terminal: status $status"
 # 6. dfu asks on a terminal (on stderr); anything but yes cancels (8) before
 #    connecting.
-rm -f "$dir/status"
-wait_screen 'ready\$ *$'
-tmx send-keys "clear; bash $dir/run.sh --verbose dfu" Enter
+launch --verbose dfu
 for _ in $(seq 1 100); do grep -q '\[y/N\]' "$dir/err" 2>/dev/null && break; sleep 0.05; done
 tmx send-keys n Enter
 finish 8
@@ -122,19 +118,14 @@ grep -q received "$dir/err" && fail "dfu connected although it was declined"
 
 # 7. Once on the BlueZ backend, when it is built: the fake bluetoothd's scale is
 #    listed, picked and tared on connecting (the write the fake recorded).
-fake=$PLENK_BINARY_DIR/tests/fakebluez/fake-bluetoothd
-if [ -x "$fake" ]; then
-  coproc FAKE { exec "$fake" --private --writes "$dir/writes" 2>/dev/null; }
-  read -r address <&"${FAKE[0]}" || fail "the fake bluetoothd did not start"
-  rm -f "$dir/status"
-  wait_screen 'ready\$ *$'
-  tmx send-keys "clear; PLENK_WORLD='--backend bluez' DBUS_SYSTEM_BUS_ADDRESS=$address bash $dir/run.sh pick --print-id" Enter
+if [ -x "$PLENK_BINARY_DIR/tests/fakebluez/fake-bluetoothd" ]; then
+  start_fake --writes "$dir/writes"
+  PLENK_ENV="PLENK_WORLD='--backend bluez' DBUS_SYSTEM_BUS_ADDRESS=$DBUS_SYSTEM_BUS_ADDRESS" launch pick --print-id
   wait_screen '^ > Plenk Scale'
   tmx send-keys Enter
   finish 0
   grep -Eqx '[0-9A-F-]{36}' "$dir/out" || fail "bluez: printed id"
-  kill -TERM "$FAKE_PID"
-  wait "$FAKE_PID" || true
+  stop_fake
   grep -q ' EF80 10$' "$dir/writes" || fail "bluez: the fake's scale was not tared"
 fi
 echo "cli pick: ok"

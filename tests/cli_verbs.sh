@@ -1,11 +1,57 @@
 #!/usr/bin/env bash
-# plenk's scale verbs on the simulated scales: the frames each scale received
-# (the simulator's own record, shown by --verbose), the printed result, the
-# JSON shape, and the exit status of every way a verb can fail.
+# plenk's verbs on the simulated scales: scan and watch, the frames each scale
+# received for the other verbs (the simulator's own record, shown by --verbose),
+# the printed result, the JSON shape, and the exit status of every way a verb can fail.
 set -uo pipefail
 source "$(dirname "$0")/support/cli.sh"
 # The frames the named scale received, one per line ("10", "ca 64").
 frames() { sed -n "s/^plenk: sim: '$1' received //p" <<<"$err"; }
+
+# 0. scan: one JSON object per scale and report; the scan restarts every 2 s, so a
+#    3 s scan reports each scale twice, the second time about 2 s later.
+id1=C0FFEE00-5CA1-4E00-8000-000000000001 id2=C0FFEE00-5CA1-4E00-8000-000000000002
+run --sim scan --duration 3 --json
+[ "$rc" -eq 0 ] && [ "$(grep -c '' <<<"$out")" -eq 4 ] || fail "scan --json -> rc=$rc [$out]"
+for scale in "Plenk Scale|$id1" "Coffee Scale|$id2"; do
+  name=${scale%|*} id=${scale#*|}
+  pattern="^\{\"event\":\"scale\",\"name\":\"$name\",\"identifier\":\"$id\",\"rssi\":-58,\"lastSeen\":[0-9]+(\.[0-9]+)?\}$"
+  last=$(grep "$id" <<<"$out" | tail -n1 | sed 's/.*"lastSeen":\([0-9.]*\)}/\1/')
+  [ "$(grep -Ec "$pattern" <<<"$out")" -eq 2 ] && awk -v s="$last" 'BEGIN { exit !(s >= 1.5 && s < 3) }' ||
+    fail "scan --json: '$name' not reported twice in shape, last seen at $last s"
+done
+# Text without a terminal: a line per scale found, then the table; none found is no error.
+run --sim scan --duration 1
+[ "$rc" -eq 0 ] && grep -qx "found Plenk Scale, $id1, -58 dBm" <<<"$out" && grep -Eq '^NAME +IDENTIFIER +RSSI +LAST SEEN$' <<<"$out" &&
+  grep -Eqx "Coffee Scale +$id2 +-58 dBm +now" <<<"$out" && ! grep -q $'\e' <<<"$out" || fail "scan -> rc=$rc [$out]"
+run --sim --sim-fault no-scale scan --duration 1
+[ "$rc" -eq 0 ] && grep -qx 'no scales found' <<<"$out" || fail "scan, none in range -> rc=$rc [$out]"
+
+# watch: connects, streams, ends by itself after --duration and on Ctrl-C, disconnecting cleanly.
+run --sim watch --duration 4 --json
+events=$(grep -v '"event":"state"' <<<"$out")
+weights=$(grep -c '"event":"weight"' <<<"$out")
+[ "$rc" -eq 0 ] && [ "$weights" -ge 20 ] && [ "$(sed -n 1p <<<"$events")" = '{"event":"connected"}' ] &&
+  [ "$(tail -n1 <<<"$events")" = '{"event":"disconnected"}' ] &&
+  [ "$(grep '"event":"state"' <<<"$out" | tail -n2 | tr -d '\n')" = \
+    '{"event":"state","value":"connected"}{"event":"state","value":"disconnected"}' ] &&
+  grep -q '{"event":"battery","value":85}' <<<"$out" && grep -Eq '^\{"event":"weight","value":-?[0-9.e-]+\}$' <<<"$out" ||
+  fail "watch --json -> rc=$rc, $weights weights in 4 s at 10 Hz: $out"
+stream=$(mktemp)
+trap 'rm -f "$stream"' EXIT
+"$plenk" watch --sim --json >"$stream" &
+pid=$!
+for _ in $(seq 1 100); do grep -q '"event":"weight"' "$stream" && break; sleep 0.1; done
+kill -INT "$pid"
+wait "$pid"
+rc=$?
+[ "$rc" -eq 0 ] && grep -v '"event":"state"' "$stream" | tail -n1 | grep -qx '{"event":"disconnected"}' ||
+  fail "watch after Ctrl-C -> rc=$rc: $(cat "$stream")"
+# Text: grams with one decimal, state and battery; --verbose puts the library's
+# diagnostics on stderr, one line each. An explicit --sim wins over PLENK_BACKEND.
+PLENK_BACKEND=nosuch run watch --sim --duration 2 --verbose
+[ "$rc" -eq 0 ] && grep -Eq '^ *-?[0-9]+\.[0-9] g  connected +battery 85%$' <<<"$out" &&
+  ! grep -Evq '^ *(-?[0-9]+\.[0-9]|--\.-) g  [A-Za-z ]+ +battery [0-9-]+%?$' <<<"$out" &&
+  grep -q '^plenk: library: .*disconnection' <<<"$err" || fail "watch --verbose -> rc=$rc [$out] [$err]"
 
 # 1. Commands and exchanges: every frame after the tare of the connection,
 #    and the first line printed. Rows: frames (;-separated)|output regex|arguments.
@@ -60,12 +106,11 @@ done <<'TABLE'
 \{"event":"configuration","timerOn":0,"timerDefaultOn":0,"timerBit2":0,"timerAutoStart":[01],"byte12HighSet":[01],"timerHighNibble":-?[0-9]+,"byte10High":-?[0-9]+,"byte10Low":-?[0-9]+,"byte11High":-?[0-9]+,"byte11Low":-?[0-9]+,"byte12Low":-?[0-9]+\}|config read
 \{"event":"configuration","raw":"([0-9a-f]{2} ){14}[0-9a-f]{2}"\}|config read --raw
 \{"event":"info","name":"Coffee Scale","identifier":"C0FFEE00-5CA1-4E00-8000-000000000002","firmwareRevision":"2.0.1","manufacturer":null,"model":null,"hardwareRevision":null,"softwareRevision":null\}|info --name Coffee
-\{"event":"initialized","configured":true\}|config init --name Coffee
 TABLE
 # A configured scale completes its initialisation once, with no write.
 run --sim --json config init --name Coffee
-[ "$(grep -c '"event":"write"' <<<"$out")" -eq 1 ] && grep -q '"event":"initializing","configured":true' <<<"$out" ||
-  fail "config init on a configured scale: $out"
+[ "$(grep -c '"event":"write"' <<<"$out")" -eq 1 ] && grep -q '"event":"initializing","configured":true' <<<"$out" &&
+  grep -qx '{"event":"initialized","configured":true}' <<<"$out" || fail "config init on a configured scale: $out"
 
 # 3. Failures: status and the one line that explains it.
 while IFS='|' read -r status pattern args; do
@@ -116,8 +161,18 @@ missing command for 'plenk config'|config
 without a terminal to ask on, add --yes|dfu
 --sim-fault: 'bogus' is not one of none, no-scale|--sim-fault bogus tare
 The following argument was not expected: extra|tare extra
+'-1' is not a number of seconds|scan --duration=-1
+--duration|scan --duration
+cannot be combined with --backend 'nope'|watch --backend nope
+'abc' is not a number of seconds|watch --duration abc
+'1e400' is not a number of seconds|watch --duration 1e400
 TABLE
-run --sim-fault write-fails tare
-[ "$rc" -eq 2 ] && grep -q -- '--sim-fault needs --sim' <<<"$err" || fail "--sim-fault without --sim -> rc=$rc [$err]"
+while IFS='|' read -r pattern args; do
+  eval "run $args"
+  [ "$rc" -eq 2 ] && [ -z "$out" ] && grep -q -- "$pattern" <<<"$err" || fail "$args -> rc=$rc [$out] [$err]"
+done <<'TABLE'
+--sim-fault needs --sim|--sim-fault write-fails tare
+unknown Bluetooth backend|--backend nosuch watch --duration 1
+TABLE
 
 checks_done "cli verbs"
