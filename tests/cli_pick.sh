@@ -19,7 +19,7 @@ fail() {
 screen() { tmx capture-pane -p; }
 # Polls the screen (or a file) instead of sleeping a fixed time.
 wait_screen() {
-  for _ in $(seq 1 100); do screen | grep -q -- "$1" && return 0; sleep 0.05; done
+  for _ in $(seq 1 100); do grep -q <<<"$(screen)" -- "$1" && return 0; sleep 0.05; done
   fail "the screen never showed '$1'"
 }
 
@@ -50,15 +50,15 @@ finish() {
   [ -s "$dir/status" ] || fail "plenk did not exit"
   [ "$(cat "$dir/status")" = "$1" ] || fail "exit status $(cat "$dir/status"), expected $1"
   cmp -s "$dir/before" "$dir/after" || fail "terminal settings not restored"
-  screen | grep -q "Connect An Accessory" && fail "the picker is still on the screen"
+  grep -q <<<"$(screen)" "Connect An Accessory" && fail "the picker is still on the screen"
   return 0
 }
 
 # 1. The list: title, Cancel key, header with a turning spinner, both scales
 #    in discovery order, the cursor on the first. Down and Enter pick the second.
 start pick --print-id
-screen | grep -Eq '^ Connect An Accessory +Esc/q: Cancel *$' || fail "no title bar"
-screen | grep -q '^ > Plenk Scale' || fail "cursor not on the first scale"
+grep -Eq <<<"$(screen)" '^ Connect An Accessory +Esc/q: Cancel *$' || fail "no title bar"
+grep -q <<<"$(screen)" '^ > Plenk Scale' || fail "cursor not on the first scale"
 spinner=$(screen | grep '^ Device ')
 for _ in $(seq 1 40); do [ "$(screen | grep '^ Device ')" != "$spinner" ] && break; sleep 0.05; done
 [ "$(screen | grep '^ Device ')" != "$spinner" ] || fail "the header's spinner does not turn"
@@ -87,8 +87,8 @@ start --sim-fault connect-fails pick --print-id
 tmx send-keys Enter
 wait_screen "connecting to 'Plenk Scale' failed"
 tmx send-keys Down
-screen | grep -Eq '^   Plenk Scale .$' || fail "no spinner on the chosen row"
-screen | grep -q '^ > ' && fail "the cursor still moves after the choice"
+grep -Eq <<<"$(screen)" '^   Plenk Scale .$' || fail "no spinner on the chosen row"
+grep -q <<<"$(screen)" '^ > ' && fail "the cursor still moves after the choice"
 tmx send-keys Escape
 finish 8
 
