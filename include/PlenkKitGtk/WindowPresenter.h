@@ -46,6 +46,11 @@ public:
     void presentViewController(const std::shared_ptr<CSRSelectDeviceViewController>& picker, bool animated,
                                std::function<void()> completion) override;
 
+    // Takes the presented picker off screen (the list slides down with
+    // `animated`) and runs `completion` once its window is closed; at once
+    // without an open picker. Unlike Cancel, the picker's delegate is not told.
+    void dismissViewController(bool animated, std::function<void()> completion);
+
     GtkWindow* hostWindow() const;
     // The picker window presented last while it is open; null otherwise.
     GtkWindow* pickerWindow() const;

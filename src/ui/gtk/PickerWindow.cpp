@@ -180,11 +180,11 @@ GtkWidget* PickerWindow::buildHeader(CSRSelectDeviceViewController& controller) 
     GtkWidget* header = gtk_fixed_new();
     gtk_widget_set_name(header, "picker-header");
     gtk_widget_set_size_request(header, 320, kHeaderHeight);
-    GtkWidget* label = namedLabel("picker-header-label", controller.deviceString());
-    gtk_label_set_xalign(GTK_LABEL(label), 0.0F);
-    gtk_label_set_ellipsize(GTK_LABEL(label), PANGO_ELLIPSIZE_END);
-    gtk_widget_set_size_request(label, 70, kHeaderHeight);
-    gtk_fixed_put(GTK_FIXED(header), label, 10, 0);
+    headerLabel_ = namedLabel("picker-header-label", controller.deviceString());
+    gtk_label_set_xalign(GTK_LABEL(headerLabel_), 0.0F);
+    gtk_label_set_ellipsize(GTK_LABEL(headerLabel_), PANGO_ELLIPSIZE_END);
+    gtk_widget_set_size_request(headerLabel_, 70, kHeaderHeight);
+    gtk_fixed_put(GTK_FIXED(header), headerLabel_, 10, 0);
     GtkWidget* spinner = namedSpinner("picker-header-spinner");
     gtk_widget_set_size_request(spinner, 30, kHeaderHeight);
     gtk_spinner_start(GTK_SPINNER(spinner));
@@ -224,6 +224,8 @@ void PickerWindow::reloadData() {
     const auto count = static_cast<std::size_t>(
         std::clamp<std::int64_t>(controller->tableViewNumberOfRowsInSection(0), 0, kMaxRows));
     const bool selectable = controller->allowsSelection();
+    // The section header is asked for again on every reload, its text with it.
+    gtk_label_set_text(GTK_LABEL(headerLabel_), controller->deviceString().c_str());
     while (rows_.size() > count) {
         Row row = rows_.back();
         rows_.pop_back();
@@ -311,6 +313,7 @@ void PickerWindow::close() {
     if (window_ == nullptr) return;
     GtkWindow* window = std::exchange(window_, nullptr);
     revealer_ = nullptr;
+    headerLabel_ = nullptr;
     list_ = nullptr;
     rows_.clear();
     for (const Row& row : reusable_) g_object_unref(row.row);

@@ -70,6 +70,7 @@ private:
     const std::thread::id gtkThread_ = std::this_thread::get_id();
     GtkWindow* window_ = nullptr;  // a reference held until closed
     GtkWidget* revealer_ = nullptr;
+    GtkWidget* headerLabel_ = nullptr;
     GtkWidget* list_ = nullptr;
     std::unique_ptr<PickerStyle> style_;
     bool dismissing_ = false;

@@ -50,6 +50,14 @@ void WindowPresenter::presentViewController(const std::shared_ptr<CSRSelectDevic
     view->present(animated, std::move(completion));
 }
 
+void WindowPresenter::dismissViewController(bool animated, std::function<void()> completion) {
+    if (auto view = state_->picker.lock()) {
+        view->dismiss(animated, std::move(completion));
+    } else if (completion) {
+        completion();
+    }
+}
+
 GtkWindow* WindowPresenter::hostWindow() const {
     return state_->host;
 }
