@@ -9,6 +9,7 @@ packages=(
   libcli11-dev
   python3 binutils tmux
   libsdbus-c++-dev libsystemd-dev dbus-daemon python3-bleak python3-dbus
+  libgtk-4-dev xvfb xauth adwaita-icon-theme librsvg2-common fonts-dejavu-core desktop-file-utils
 )
 # --if-needed: do nothing when every package is already installed.
 if [ "${1:-}" = "--if-needed" ] &&

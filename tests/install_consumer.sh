@@ -2,6 +2,7 @@
 # Installs the library into a scratch prefix and builds a small host program
 # against it twice, with find_package(PlenkKit) and with pkg-config, and runs
 # it: on the simulator it connects to a scale, reads its firmware and arms DFU mode.
+# Where the GTK library was built, a GTK host is built and run the same two ways.
 set -euo pipefail
 src=${PLENK_SOURCE_DIR:?} bin=${PLENK_BINARY_DIR:?}
 work=$(mktemp -d)
@@ -31,6 +32,15 @@ export PKG_CONFIG_PATH=$prefix/lib/pkgconfig:$prefix/lib/x86_64-linux-gnu/pkgcon
 # shellcheck disable=SC2046
 "${CXX:-c++}" -o "$work/pc-consumer" "$src/tests/consumer/main.cpp" $(pkg-config --cflags --libs plenkkit)
 check "$work/pc-consumer"
+
+# The GTK library, when it was built: through both ways again.
+if [ -f "$bin/plenkkit-gtk.pc" ]; then
+  "${CXX:-c++}" -o "$work/pc-gtk-consumer" "$src/tests/consumer/gtk_main.cpp" $(pkg-config --cflags --libs plenkkit-gtk)
+  for exe in "$work/cmake-build/gtk-consumer" "$work/pc-gtk-consumer"; do
+    out=$(LD_LIBRARY_PATH=$prefix/lib "$exe" 2>&1)
+    [ "$out" = "glib queue abc" ] || { echo "GTK host run failed ($exe): $out"; exit 1; }
+  done
+fi
 
 # The installed library carries its SONAME.
 so=$(find "$prefix" -name 'libplenkkit.so.1.0.0' | sed -n 1p)

@@ -9,7 +9,8 @@
 #   backends (src/backends/*) -> port, foundations, emulator; never another backend
 #   emulator -> wire and foundations; never the kit, ble or the port
 #   composition root (src/composition) -> backends, port, foundations; nothing includes it
-#   toolkits (src/ui) -> ble's picker interfaces, port, foundations
+#   toolkits (src/ui, include/PlenkKitGtk) -> ble's picker interfaces, the kit's PickerPresenter
+#     (declared in RKRostaKit.h), port, foundations
 #   the umbrella header <PlenkKit/PlenkKit.h> -> every public header
 set -uo pipefail
 root=${PLENK_SOURCE_DIR:-$(cd "$(dirname "$0")/.." && pwd)}
@@ -28,7 +29,7 @@ layer_of() {
     src/backends/*/*) path=${path#src/backends/} && echo "backend:${path%%/*}" ;;
     src/emulator/*) echo emulator ;;
     src/composition/*) echo composition ;;
-    src/ui/*) echo toolkit ;;
+    src/ui/* | include/PlenkKitGtk/*) echo toolkit ;;
     include/PlenkKit/*)
       case ${path#include/PlenkKit/} in
         Export.h | Error.h | PlatformErrors.h | Clock.h | Task.h | Executor.h | LogSink.h | \
@@ -75,7 +76,7 @@ report() {
   failures=$((failures + 1))
 }
 
-mapfile -t files < <(find src include/PlenkKit -type f \( -name '*.h' -o -name '*.cpp' \) | sort)
+mapfile -t files < <(find src include/PlenkKit include/PlenkKitGtk -type f \( -name '*.h' -o -name '*.cpp' \) | sort)
 for file in "${files[@]}"; do
   from=$(layer_of "$file")
   if [ -z "$from" ]; then
@@ -93,7 +94,7 @@ for file in "${files[@]}"; do
         report "$file:$line: \"$name\" is not a file under src/"
         continue
       fi
-    elif [[ $text =~ \#[[:space:]]*include[[:space:]]*\<(PlenkKit/[^\>]+)\> ]]; then
+    elif [[ $text =~ \#[[:space:]]*include[[:space:]]*\<(PlenkKit(Gtk)?/[^\>]+)\> ]]; then
       target=include/${BASH_REMATCH[1]}
     else
       continue # the standard library and system headers
@@ -102,6 +103,8 @@ for file in "${files[@]}"; do
     to=$(layer_of "$target")
     if [ -z "$to" ]; then
       report "$file:$line: includes $target, which is in no known layer (classify it in tests/layering.sh)"
+    elif [ "$from" = toolkit ] && [ "$target" = include/PlenkKit/RKRostaKit.h ]; then
+      : # the presenter a toolkit implements is declared beside the kit
     elif ! allowed "$from" "$to"; then
       report "$file:$line: $from must not include $to ($target)"
     fi
