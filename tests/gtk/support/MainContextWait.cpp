@@ -2,18 +2,21 @@
 
 namespace plenk::gtk::test {
 
-bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
+bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit, GMainContext* context) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     // A ticking source wakes the blocking iteration, so that a predicate made
     // true by another thread is seen without a busy loop.
-    const guint tick = g_timeout_add(
-        10, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
+    GSource* tick = g_timeout_source_new(10);
+    g_source_set_callback(
+        tick, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
+    g_source_attach(tick, context);
     bool held = done();
     while (!held && std::chrono::steady_clock::now() < deadline) {
-        g_main_context_iteration(nullptr, TRUE);
+        g_main_context_iteration(context, TRUE);
         held = done();
     }
-    g_source_remove(tick);
+    g_source_destroy(tick);
+    g_source_unref(tick);
     return held;
 }
 

@@ -11,10 +11,11 @@ namespace plenk::gtk::test {
 // asserts on how long anything took.
 inline constexpr std::chrono::milliseconds kWaitLimit{20000};
 
-// Iterates the default GLib main context (the GTK thread's) until `done()`
+// Iterates `context` (null: the default one, the GTK thread's) until `done()`
 // holds or `limit` has passed; returns done(). done() is checked between
 // iterations, at least every 10 ms.
-bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = kWaitLimit);
+bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = kWaitLimit,
+               GMainContext* context = nullptr);
 
 // Iterates the default main context for `duration`: frames are drawn and
 // animations move on meanwhile.
