@@ -36,6 +36,8 @@ export DISPLAY=":$display"
 export XDG_RUNTIME_DIR="$runtime"
 export GDK_BACKEND=x11
 export GSK_RENDERER=cairo
+# No GPU: GDK does not even probe GL (EGL would load Mesa's drivers).
+export GDK_DEBUG=gl-disable
 export GTK_A11Y=none NO_AT_BRIDGE=1
 export GSETTINGS_BACKEND=memory
 unset WAYLAND_DISPLAY DBUS_SESSION_BUS_ADDRESS
