@@ -9,9 +9,9 @@
 #include <chrono>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "gtk/support/MainContextWait.h"
@@ -182,9 +182,9 @@ TEST_F(PickerWindowTest, DefaultLookThenOneTapConnectsAndCloses) {
     test::runFor(300ms);
     const Screenshot tapped2 = shoot("picker-tapped-2");
     EXPECT_TRUE(isShown(chosenSpinner));
-    for (const char* name : {"picker-header-spinner", "picker-row-spinner"}) {
-        GtkWidget* spinner =
-            name == std::string("picker-row-spinner") ? chosenSpinner : findWidget(picker, name);
+    const std::pair<const char*, GtkWidget*> spinners[] = {
+        {"header", findWidget(picker, "picker-header-spinner")}, {"tapped row", chosenSpinner}};
+    for (const auto& [name, spinner] : spinners) {
         const auto region = boundsInWindow(spinner);
         ASSERT_TRUE(region) << name;
         EXPECT_GT(Screenshot::countDifferences(tapped1, tapped2, *region), 10U) << name;
