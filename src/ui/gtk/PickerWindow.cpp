@@ -15,6 +15,7 @@ using WeakWindow = std::weak_ptr<PickerWindow>;
 constexpr int kBarHeight = static_cast<int>(CSRSelectDeviceViewController::kNavigationBarHeight);
 constexpr int kHeaderHeight = 40;
 constexpr int kRowHeight = 44;
+constexpr int kSpinnerSize = 20;  // a grey activity indicator's own size
 constexpr guint kSlideMilliseconds = 250;
 // More rows than anyone scrolls through; a data source answering more is cut here.
 constexpr std::int64_t kMaxRows = 10000;
@@ -47,6 +48,8 @@ GtkWidget* namedLabel(const char* name, const std::string& text) {
 GtkWidget* namedSpinner(const char* name) {
     GtkWidget* spinner = gtk_spinner_new();
     gtk_widget_set_name(spinner, name);
+    gtk_widget_set_size_request(spinner, kSpinnerSize, kSpinnerSize);
+    gtk_widget_set_valign(spinner, GTK_ALIGN_CENTER);
     return spinner;
 }
 
@@ -185,10 +188,11 @@ GtkWidget* PickerWindow::buildHeader(CSRSelectDeviceViewController& controller) 
     gtk_label_set_ellipsize(GTK_LABEL(headerLabel_), PANGO_ELLIPSIZE_END);
     gtk_widget_set_size_request(headerLabel_, 70, kHeaderHeight);
     gtk_fixed_put(GTK_FIXED(header), headerLabel_, 10, 0);
+    // The spinner draws at its own size, centred in its frame.
     GtkWidget* spinner = namedSpinner("picker-header-spinner");
-    gtk_widget_set_size_request(spinner, 30, kHeaderHeight);
     gtk_spinner_start(GTK_SPINNER(spinner));
-    gtk_fixed_put(GTK_FIXED(header), spinner, 70, 0);
+    gtk_fixed_put(GTK_FIXED(header), spinner, 70 + (30 - kSpinnerSize) / 2.0,
+                  (kHeaderHeight - kSpinnerSize) / 2.0);
     return header;
 }
 
