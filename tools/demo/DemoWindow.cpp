@@ -21,16 +21,16 @@ constexpr auto kShowDrop = seconds(2);
 constexpr auto kDropWait = seconds(3);
 
 constexpr const char* kCss = R"css(
-.demo-weight { font-size: 60pt; font-weight: 300; font-feature-settings: "tnum"; }
-.demo-weight.stale { color: alpha(currentColor, 0.45); }
-.demo-flow { font-size: 15pt; color: #1c71d8; font-feature-settings: "tnum"; }
-.demo-scale { font-size: 13pt; font-weight: bold; }
-.demo-state { padding: 3px 12px; border-radius: 999px; font-weight: bold; background: rgba(0,0,0,0.08); }
-.demo-state.linked { background: #2ec27e; color: white; }
-.demo-state.busy { background: #f8e45c; color: #3d3846; }
-.demo-banner { background: #c01c28; color: white; padding: 6px 6px 6px 14px; }
-.demo-banner button { color: white; }
-.demo-plot { border-radius: 10px; }
+#demo-weight { font-size: 60pt; font-weight: 300; font-feature-settings: "tnum"; }
+#demo-weight.stale { color: alpha(currentColor, 0.45); }
+#demo-flow { font-size: 15pt; color: #1c71d8; font-feature-settings: "tnum"; }
+#demo-scale { font-size: 13pt; font-weight: bold; }
+#demo-state { padding: 3px 12px; border-radius: 999px; font-weight: bold; background: rgba(0,0,0,0.08); }
+#demo-state.linked { background: #2ec27e; color: white; }
+#demo-state.busy { background: #f8e45c; color: #3d3846; }
+.banner { background: #c01c28; color: white; padding: 6px 6px 6px 14px; }
+.banner button { color: white; }
+#demo-plot { border-radius: 10px; }
 )css";
 
 void installStyle() {
@@ -45,9 +45,9 @@ void installStyle() {
     g_object_unref(provider);
 }
 
+// Names are for tests and for the style sheet (#name).
 GtkWidget* named(GtkWidget* widget, const char* name) {
     gtk_widget_set_name(widget, name);
-    gtk_widget_add_css_class(widget, name);
     return widget;
 }
 
@@ -160,7 +160,7 @@ void DemoWindow::build(GtkApplication* app) {
     w.banner = named(gtk_revealer_new(), "demo-banner");
     gtk_revealer_set_transition_type(GTK_REVEALER(w.banner), GTK_REVEALER_TRANSITION_TYPE_SLIDE_DOWN);
     GtkWidget* bannerBox = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 8);
-    gtk_widget_add_css_class(bannerBox, "demo-banner");
+    gtk_widget_add_css_class(bannerBox, "banner");
     w.bannerText = label("demo-banner-text", "");
     gtk_label_set_wrap(GTK_LABEL(w.bannerText), TRUE);
     gtk_widget_set_hexpand(w.bannerText, TRUE);

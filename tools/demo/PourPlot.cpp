@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -11,14 +12,12 @@ namespace plenk::demo {
 
 namespace {
 
-struct Rgb {
-    double r, g, b;
-};
-constexpr Rgb kBackground{0.984, 0.973, 0.953};
+using Rgb = PlotColour;
+constexpr Rgb kBackground = kPlotBackground;
 constexpr Rgb kGrid{0.86, 0.83, 0.79};
 constexpr Rgb kText{0.40, 0.36, 0.33};
-constexpr Rgb kWeight{0.435, 0.306, 0.216};
-constexpr Rgb kFlow{0.110, 0.443, 0.847};
+constexpr Rgb kWeight = kPlotWeight;
+constexpr Rgb kFlow = kPlotFlow;
 
 constexpr double kLeft = 48, kRight = 48, kTop = 28, kBottom = 26;
 constexpr int kSpanSeconds = 30;
@@ -58,24 +57,20 @@ void drawText(cairo_t* cr, PangoLayout* layout, const std::string& text, double 
 class Frame {
 public:
     Frame(int width, int height, double weightTop, double flowTop)
-        : x0_(kLeft),
-          y0_(kTop),
-          w_(std::max(1.0, width - kLeft - kRight)),
-          h_(std::max(1.0, height - kTop - kBottom)),
-          weightTop_(weightTop),
-          flowTop_(flowTop) {}
+        : area_(pourPlotDataArea(width, height)), weightTop_(weightTop), flowTop_(flowTop) {}
 
-    double x(double secondsAgo) const { return x0_ + w_ * (1.0 - secondsAgo / kSpanSeconds); }
-    double yWeight(double grams) const { return y0_ + h_ * (1.0 - grams / weightTop_); }
-    double yFlow(double flow) const { return y0_ + h_ * (1.0 - flow / flowTop_); }
-    double left() const { return x0_; }
-    double right() const { return x0_ + w_; }
-    double top() const { return y0_; }
-    double bottom() const { return y0_ + h_; }
-    double height() const { return h_; }
+    double x(double secondsAgo) const { return left() + area_.width * (1.0 - secondsAgo / kSpanSeconds); }
+    double yWeight(double grams) const { return top() + height() * (1.0 - grams / weightTop_); }
+    double yFlow(double flow) const { return top() + height() * (1.0 - flow / flowTop_); }
+    double left() const { return area_.x; }
+    double right() const { return area_.x + area_.width; }
+    double top() const { return area_.y; }
+    double bottom() const { return area_.y + area_.height; }
+    double height() const { return area_.height; }
 
 private:
-    double x0_, y0_, w_, h_, weightTop_, flowTop_;
+    PlotArea area_;
+    double weightTop_, flowTop_;
 };
 
 void drawGrid(cairo_t* cr, PangoLayout* layout, const Frame& f, double weightTop, double flowTop) {
@@ -133,6 +128,10 @@ void drawLegend(cairo_t* cr, PangoLayout* layout, const Frame& f) {
 }
 
 }  // namespace
+
+PlotArea pourPlotDataArea(int width, int height) {
+    return {kLeft, kTop, std::max(1.0, width - kLeft - kRight), std::max(1.0, height - kTop - kBottom)};
+}
 
 void drawPourPlot(cairo_t* cr, int width, int height, const PourHistory& history,
                   PourHistory::TimePoint now) {
