@@ -1,5 +1,8 @@
 #include "DemoApp.h"
 
+#include <glib-unix.h>
+
+#include <csignal>
 #include <cstdio>
 #include <stdexcept>
 
@@ -80,6 +83,19 @@ void DemoApp::activate() {
         gtk_window_present(window_->window());
         return;
     }
+    // Ctrl-C in the terminal ends the demo as closing the window does: the
+    // scale is let go first.
+    for (const int signal : {SIGINT, SIGTERM}) {
+        g_unix_signal_add(
+            signal,
+            +[](gpointer app) -> gboolean {
+                g_application_quit(G_APPLICATION(app));
+                return G_SOURCE_CONTINUE;
+            },
+            app_);
+    }
+    const char* const closeKeys[] = {"<Control>q", "<Control>w", nullptr};
+    gtk_application_set_accels_for_action(app_, "window.close", closeKeys);
     window_ = DemoWindow::create(app_, *session_);
     session_->start();
     window_->start();

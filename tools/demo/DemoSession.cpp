@@ -1,8 +1,25 @@
 #include "DemoSession.h"
 
+#include <cstdio>
+#include <mutex>
 #include <stdexcept>
 
 namespace plenk::demo {
+
+namespace {
+// The library's diagnostics, one line each on standard error (from any thread).
+class StandardErrorLines final : public LogSink {
+public:
+    void write(std::string_view text) override {
+        std::lock_guard lock(mutex_);
+        while (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+        std::fprintf(stderr, "plenk-demo: library: %.*s\n", static_cast<int>(text.size()), text.data());
+    }
+
+private:
+    std::mutex mutex_;
+};
+}  // namespace
 
 DemoSession::DemoSession(const DemoOptions& options) : queue_(gtk::GLibMainQueue::create()) {
     const bool sim = options.sim || options.backend == "sim";
@@ -10,7 +27,8 @@ DemoSession::DemoSession(const DemoOptions& options) : queue_(gtk::GLibMainQueue
         throw std::invalid_argument(
             "--sim runs on the simulated scale; it cannot be combined with --backend " + options.backend);
     }
-    const auto log = options.verbose ? LogSink::standardError() : LogSink::discard();
+    const std::shared_ptr<LogSink> log =
+        options.verbose ? std::make_shared<StandardErrorLines>() : LogSink::discard();
     if (sim) {
         Simulator::Options world;
         world.clock = Clock::steady();

@@ -19,6 +19,8 @@ constexpr auto kShowDrop = seconds(2);
 // How long "Choose Scale…" waits for the link it dropped before it opens the
 // picker anyway (the picker then says what is in the way).
 constexpr auto kDropWait = seconds(3);
+// How long Bluetooth may stay unusable before the banner says what to try.
+constexpr auto kRadioGrace = seconds(4);
 
 constexpr const char* kCss = R"css(
 #demo-weight { font-size: 60pt; font-weight: 300; font-feature-settings: "tnum"; }
@@ -424,6 +426,7 @@ void DemoWindow::refreshState() {
         presenter_->pickerWindow() != nullptr ||
         (plenk_->isAutoConnectEnabled() && PourHistory::Clock::now() - disconnectedAt_ >= kShowDrop);
     setText(widgets_->state, linkStatusText(facts));
+    adviseOnRadio(facts.radio);
     const bool busy = facts.reconnecting || (!facts.connected && (facts.connecting || facts.searching));
     (facts.connected && !busy ? gtk_widget_add_css_class : gtk_widget_remove_css_class)(widgets_->state,
                                                                                         "linked");
@@ -437,6 +440,21 @@ void DemoWindow::refreshState() {
     const bool usable = linked_ && !reconnecting_;
     gtk_widget_set_sensitive(widgets_->tare, usable);
     gtk_widget_set_sensitive(widgets_->display, usable);
+}
+
+// Powered off is the user's to switch on; no adapter, no permission or no
+// bluetoothd at all needs a hint, once.
+void DemoWindow::adviseOnRadio(std::uint64_t radio) {
+    const auto now = PourHistory::Clock::now();
+    if (radio == RKRostaKit::kLEStatePoweredOn || radio == RKRostaKit::kLEStatePoweredOff)
+        radioUsableAt_ = now;
+    if (radioHintShown_ || now - radioUsableAt_ < kRadioGrace) return;
+    radioHintShown_ = true;
+    showBanner(
+        radio == RKRostaKit::kLEStateUnauthorized
+            ? "This user may not use Bluetooth. To try the demo without a scale, run plenk-demo --sim."
+            : "Bluetooth is not available: is bluetoothd running and an adapter present? To try the demo "
+              "without a scale, run plenk-demo --sim.");
 }
 
 }  // namespace plenk::demo

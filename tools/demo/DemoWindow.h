@@ -77,6 +77,7 @@ private:
     // Every 100 ms: readout, state and plot.
     void tick();
     void refreshState();
+    void adviseOnRadio(std::uint64_t radio);
 
     std::shared_ptr<PKPlenk> plenk_;
     std::shared_ptr<Executor> queue_;
@@ -96,6 +97,8 @@ private:
     bool pickerAfterDisconnect_ = false;
     PourHistory::TimePoint disconnectedAt_{};
     PourHistory::TimePoint nextBatteryRead_{};
+    PourHistory::TimePoint radioUsableAt_ = PourHistory::Clock::now();
+    bool radioHintShown_ = false;
 };
 
 }  // namespace plenk::demo
