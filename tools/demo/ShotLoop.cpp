@@ -17,14 +17,14 @@ constexpr double kShotGrams = 36.0;
 constexpr double kStill = 0.05;  // grams; the scale's reading without noise
 }  // namespace
 
-std::shared_ptr<ShotLoop> ShotLoop::start(Simulator::Scale scale, std::shared_ptr<Executor> queue,
+std::shared_ptr<ShotLoop> ShotLoop::start(Simulator::Scale scale, const std::shared_ptr<Executor>& queue,
                                           std::shared_ptr<Clock> clock) {
-    auto loop = std::make_shared<ShotLoop>(Token{}, std::move(scale), std::move(queue), std::move(clock));
+    auto loop = std::make_shared<ShotLoop>(Token{}, std::move(scale), queue, std::move(clock));
     loop->scheduleTick();
     return loop;
 }
 
-ShotLoop::ShotLoop(Token, Simulator::Scale scale, std::shared_ptr<Executor> queue,
+ShotLoop::ShotLoop(Token, Simulator::Scale scale, const std::shared_ptr<Executor>& queue,
                    std::shared_ptr<Clock> clock)
     : scale_(std::move(scale)),
       queue_(queue),

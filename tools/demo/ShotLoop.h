@@ -14,11 +14,12 @@ namespace plenk::demo {
 // app. Runs on the main queue; stops when its owner lets go.
 class ShotLoop : public std::enable_shared_from_this<ShotLoop> {
 public:
-    static std::shared_ptr<ShotLoop> start(Simulator::Scale scale, std::shared_ptr<Executor> queue,
+    static std::shared_ptr<ShotLoop> start(Simulator::Scale scale, const std::shared_ptr<Executor>& queue,
                                            std::shared_ptr<Clock> clock);
 
     struct Token {};
-    ShotLoop(Token, Simulator::Scale scale, std::shared_ptr<Executor> queue, std::shared_ptr<Clock> clock);
+    ShotLoop(Token, Simulator::Scale scale, const std::shared_ptr<Executor>& queue,
+             std::shared_ptr<Clock> clock);
 
 private:
     enum class Phase { Watching, CupLifted };
