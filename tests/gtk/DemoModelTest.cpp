@@ -1,12 +1,8 @@
-// The demo window's pure parts: the pour history with its smoothed flow, and
-// the connection state shown to the user.
+// The demo window's pour history: what it keeps and the flow it smooths.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
-#include <PlenkKit/RKRostaKit.h>
-
-#include "LinkStatus.h"
 #include "PourHistory.h"
 
 namespace plenk::demo {
@@ -68,24 +64,6 @@ TEST(DemoPourHistory, KeepsThirtySecondsAndRestartsTheFlowAfterAGap) {
 
     history.trim(t + 5s + PourHistory::kSpan + 1ms);
     EXPECT_TRUE(history.points().empty());
-}
-
-TEST(DemoLinkStatus, TellsTheUserWhatTheLinkIsDoing) {
-    constexpr auto on = RKRostaKit::kLEStatePoweredOn;
-    struct Row {
-        LinkFacts facts;
-        const char* text;
-    } const rows[] = {
-        // A held link keeps "connected" while it is relinked.
-        {{on, true, true, false, false}, "Reconnecting…"},
-        {{on, true, false, false, true}, "Connected"},
-        {{RKRostaKit::kLEStatePoweredOff, false, false, false, true}, "Bluetooth is off"},
-        {{0, false, false, false, true}, "Waiting for Bluetooth…"},
-        {{on, false, false, true, true}, "Connecting…"},
-        {{on, false, false, false, true}, "Searching…"},
-        {{on, false, false, false, false}, "Disconnected"},
-    };
-    for (const auto& row : rows) EXPECT_EQ(linkStatusText(row.facts), row.text);
 }
 
 }  // namespace
