@@ -239,5 +239,16 @@ TEST_F(PickerWindowTest, DataSourceLookThenCancelReportsOnceClosed) {
     EXPECT_FALSE(plenk->isConnected());
 }
 
+// The host's window going takes the picker with it, and the host hears a cancel.
+TEST_F(PickerWindowTest, HostWindowDestroyedClosesThePickerAsACancel) {
+    openPicker();
+    gtk_window_destroy(GTK_WINDOW(host));
+    EXPECT_EQ(presenter->pickerWindow(), nullptr);
+    EXPECT_FALSE(gtk_widget_get_mapped(heldPicker));
+    ASSERT_TRUE(waitUntil([&] { return !results.empty(); }));
+    EXPECT_TRUE(isKind<RKErrorLECancelC>(results.front()));
+    EXPECT_TRUE(pickerClosedWhenCalled);
+}
+
 }  // namespace
 }  // namespace plenk::gtk

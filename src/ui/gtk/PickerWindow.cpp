@@ -68,9 +68,14 @@ PickerWindow::PickerWindow(Token, std::weak_ptr<CSRSelectDeviceViewController> c
 
 PickerWindow::~PickerWindow() {
     if (window_ == nullptr && reusable_.empty()) return;
-    onGtkThread(gtkThread_, [window = window_, style = std::shared_ptr<PickerStyle>(std::move(style_)),
+    onGtkThread(gtkThread_, [window = window_, host = host_, hostHandler = hostHandler_,
+                             style = std::shared_ptr<PickerStyle>(std::move(style_)),
                              reusable = std::move(reusable_)]() mutable {
         style.reset();
+        if (host != nullptr) {
+            g_signal_handler_disconnect(host, hostHandler);
+            g_object_unref(host);
+        }
         for (const Row& row : reusable) g_object_unref(row.row);
         if (window != nullptr) {
             gtk_window_destroy(window);
@@ -89,13 +94,27 @@ void PickerWindow::build(GtkWindow* host, CSRSelectDeviceViewController& control
     gtk_window_set_title(window_, title.c_str());
     gtk_window_set_modal(window_, TRUE);
     gtk_window_set_transient_for(window_, host);
-    gtk_window_set_destroy_with_parent(window_, TRUE);
     gtk_window_set_default_size(window_, 360, 480);
     gtk_window_set_titlebar(window_, buildBar(controller));
     style_ = std::make_unique<PickerStyle>(GTK_WIDGET(window_), controller.backgroundColor(),
                                            controller.navigationBarTintColor());
     gate->guard(window_);
 
+    // Destroyed by someone else, or its host is: the user can no longer
+    // choose, which the controller hears as a cancel. A GTK 4 window that is
+    // destroyed is unrealized at once; its "destroy" waits for the last
+    // reference, and the presenter holds the host's.
+    connect(
+        window_, "unrealize",
+        +[](GtkWidget*, gpointer data) {
+            if (auto view = lock(data)) view->destroyedFromOutside();
+        },
+        self);
+    host_ = GTK_WINDOW(g_object_ref(host));
+    hostHandler_ = g_signal_connect_data(host_, "unrealize", G_CALLBACK(+[](GtkWidget*, gpointer data) {
+                                             if (auto view = lock(data)) view->destroyedFromOutside();
+                                         }),
+                                         weakRef(self), freeWeakRef, GConnectFlags{});
     // The window manager's close and Escape cancel, as the Cancel button does.
     connect(
         window_, "close-request",
@@ -313,18 +332,27 @@ void PickerWindow::revealed() {
     }
 }
 
+void PickerWindow::destroyedFromOutside() {
+    if (window_ == nullptr) return;
+    close();
+    if (auto controller = controller_.lock()) controller->didClickCancelBarItem();
+}
+
 void PickerWindow::close() {
     if (window_ == nullptr) return;
     GtkWindow* window = std::exchange(window_, nullptr);
+    g_signal_handler_disconnect(host_, hostHandler_);
+    g_object_unref(std::exchange(host_, nullptr));
     revealer_ = nullptr;
     headerLabel_ = nullptr;
     list_ = nullptr;
     rows_.clear();
     for (const Row& row : reusable_) g_object_unref(row.row);
     reusable_.clear();
-    gtk_window_destroy(window);
+    gtk_window_destroy(window);  // a no-op when it is being destroyed already
     g_object_unref(window);
     style_.reset();
+    presented_ = nullptr;
     if (auto completion = std::exchange(dismissed_, nullptr)) completion();
 }
 

@@ -64,11 +64,14 @@ private:
     // Cancel, Escape or the window manager's close.
     void cancel();
     void revealed();
+    void destroyedFromOutside();
     void close();
 
     const std::weak_ptr<CSRSelectDeviceViewController> controller_;  // it holds this view
     const std::thread::id gtkThread_ = std::this_thread::get_id();
     GtkWindow* window_ = nullptr;  // a reference held until closed
+    GtkWindow* host_ = nullptr;    // likewise, to hear of its destruction
+    gulong hostHandler_ = 0;
     GtkWidget* revealer_ = nullptr;
     GtkWidget* headerLabel_ = nullptr;
     GtkWidget* list_ = nullptr;
