@@ -48,8 +48,8 @@ Screenshot Screenshot::take(GtkWidget* window) {
         if (node != nullptr) gsk_render_node_unref(node);
         throw std::runtime_error("screenshot: the window has not been drawn");
     }
-    const graphene_rect_t viewport =
-        GRAPHENE_RECT_INIT(0, 0, static_cast<float>(width), static_cast<float>(height));
+    graphene_rect_t viewport;
+    graphene_rect_init(&viewport, 0, 0, static_cast<float>(width), static_cast<float>(height));
     GdkTexture* texture = gsk_renderer_render_texture(renderer, node, &viewport);
     gsk_render_node_unref(node);
 
