@@ -88,23 +88,26 @@ Rgba Screenshot::pixel(int x, int y) const {
     return {channel(16), channel(8), channel(0), a};
 }
 
-PixelRect Screenshot::clip(const PixelRect& region) const {
+template <typename Predicate>
+std::size_t Screenshot::count(const PixelRect& region, Predicate predicate) const {
     const int left = std::clamp(region.x, 0, width_);
     const int top = std::clamp(region.y, 0, height_);
     const int right = std::clamp(region.x + region.width, left, width_);
     const int bottom = std::clamp(region.y + region.height, top, height_);
-    return {left, top, right - left, bottom - top};
+    std::size_t matches = 0;
+    for (int y = top; y < bottom; ++y) {
+        for (int x = left; x < right; ++x) matches += predicate(x, y) ? 1 : 0;
+    }
+    return matches;
 }
 
 Rgba Screenshot::dominantColour(const PixelRect& region) const {
-    const PixelRect r = clip(region);
     std::map<std::tuple<int, int, int, int>, std::size_t> counts;
-    for (int y = r.y; y < r.y + r.height; ++y) {
-        for (int x = r.x; x < r.x + r.width; ++x) {
-            const Rgba p = pixel(x, y);
-            ++counts[{p.r, p.g, p.b, p.a}];
-        }
-    }
+    count(region, [&](int x, int y) {
+        const Rgba p = pixel(x, y);
+        ++counts[{p.r, p.g, p.b, p.a}];
+        return false;
+    });
     if (counts.empty()) return {0, 0, 0, 0};
     const auto best = std::max_element(counts.begin(), counts.end(),
                                        [](const auto& a, const auto& b) { return a.second < b.second; });
@@ -113,26 +116,14 @@ Rgba Screenshot::dominantColour(const PixelRect& region) const {
 }
 
 std::size_t Screenshot::countNear(const PixelRect& region, const Rgba& colour, int tolerance) const {
-    const PixelRect r = clip(region);
-    std::size_t count = 0;
-    for (int y = r.y; y < r.y + r.height; ++y) {
-        for (int x = r.x; x < r.x + r.width; ++x) count += pixel(x, y).near(colour, tolerance) ? 1 : 0;
-    }
-    return count;
+    return count(region, [&](int x, int y) { return pixel(x, y).near(colour, tolerance); });
 }
 
-std::size_t Screenshot::countDifferences(const Screenshot& a, const Screenshot& b, const PixelRect& region,
-                                         int tolerance) {
+std::size_t Screenshot::countDifferences(const Screenshot& a, const Screenshot& b, const PixelRect& region) {
     if (a.width_ != b.width_ || a.height_ != b.height_) {
         throw std::invalid_argument("screenshot: comparing shots of different sizes");
     }
-    const PixelRect r = a.clip(region);
-    std::size_t count = 0;
-    for (int y = r.y; y < r.y + r.height; ++y) {
-        for (int x = r.x; x < r.x + r.width; ++x)
-            count += a.pixel(x, y).near(b.pixel(x, y), tolerance) ? 0 : 1;
-    }
-    return count;
+    return a.count(region, [&](int x, int y) { return a.pixel(x, y) != b.pixel(x, y); });
 }
 
 }  // namespace plenk::gtk::test

@@ -47,8 +47,6 @@ public:
     // at; tests read the pixels here, not the file.
     std::string save(std::string_view name) const;
 
-    int width() const { return width_; }
-    int height() const { return height_; }
     // Transparent black outside the image.
     Rgba pixel(int x, int y) const;
 
@@ -56,14 +54,14 @@ public:
     Rgba dominantColour(const PixelRect& region) const;
     // Pixels of `region` within `tolerance` of `colour`.
     std::size_t countNear(const PixelRect& region, const Rgba& colour, int tolerance) const;
-    // Pixels of `region` that differ by more than `tolerance` in a channel
-    // between the two shots (of the same window size).
-    static std::size_t countDifferences(const Screenshot& a, const Screenshot& b, const PixelRect& region,
-                                        int tolerance = 0);
+    // Pixels of `region` that differ between the two shots (of the same window size).
+    static std::size_t countDifferences(const Screenshot& a, const Screenshot& b, const PixelRect& region);
 
 private:
     Screenshot() = default;
-    PixelRect clip(const PixelRect& region) const;
+    // Pixels of `region` (clipped to the image) for which predicate(x, y) holds.
+    template <typename Predicate>
+    std::size_t count(const PixelRect& region, Predicate predicate) const;
 
     std::shared_ptr<GdkTexture> texture_;
     int width_ = 0;
