@@ -104,6 +104,37 @@ TEST_F(GLibMainQueueTest, RunsTasksOnTheContextThreadInOrder) {
     EXPECT_TRUE(ranBeforeRelease);
 }
 
+// A loop asleep with nothing to do wakes for a post from another thread, and
+// for a delayed post that is due before anything it waits for. A guard source
+// ends a wait the queue failed to wake, which then fails the check.
+TEST_F(GLibMainQueueTest, WakesASleepingLoop) {
+    for (const bool delayed : {false, true}) {
+        SCOPED_TRACE(delayed ? "postAfter" : "post");
+        bool ran = false;
+        bool guardFired = false;
+        GSource* guard = g_timeout_source_new_seconds(60);
+        g_source_set_callback(
+            guard,
+            +[](gpointer fired) -> gboolean { return *static_cast<bool*>(fired) = true, G_SOURCE_REMOVE; },
+            &guardFired, nullptr);
+        g_source_attach(guard, context);
+        std::thread poster([&] {
+            std::this_thread::sleep_for(50ms);  // most likely the loop sleeps by now
+            if (delayed) {
+                queue->postAfter(10ms, [&] { ran = true; });
+            } else {
+                queue->post([&] { ran = true; });
+            }
+        });
+        while (!ran && !guardFired) g_main_context_iteration(context, TRUE);
+        poster.join();
+        g_source_destroy(guard);
+        g_source_unref(guard);
+        EXPECT_TRUE(ran);
+        EXPECT_FALSE(guardFired);
+    }
+}
+
 TEST_F(GLibMainQueueTest, DropsQueuedTasksUncalledAndRefusesEmptyOnes) {
     EXPECT_THROW(queue->post(Task{}), std::invalid_argument);
     EXPECT_THROW(queue->postAfter(1ms, nullptr), std::invalid_argument);

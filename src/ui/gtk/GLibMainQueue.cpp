@@ -20,19 +20,27 @@ using SteadyClock = std::chrono::steady_clock;
 // another, so the state lives until the source is finalized.
 class TaskState {
 public:
-    // False once closed: the task is handed back to be destroyed outside the lock.
-    bool push(Task& task) {
+    // What a post asks of the context. A task queued behind others needs no
+    // wake-up: the loop runs them all before it sleeps again. On the weight
+    // path that saves a write to the context's wake-up descriptor per reading.
+    enum class Posted { Dropped, Queued, Wake };
+
+    // Dropped once closed: the task is left to be destroyed outside the lock.
+    Posted push(Task& task) {
         std::lock_guard lock(mutex_);
-        if (closed_) return false;
+        if (closed_) return Posted::Dropped;
+        const bool first = ready_.empty();
         ready_.push_back(std::move(task));
-        return true;
+        return first ? Posted::Wake : Posted::Queued;
     }
 
-    bool pushDelayed(SteadyClock::time_point due, Task& task) {
+    // Wakes only for a deadline earlier than every one the loop waits for.
+    Posted pushDelayed(SteadyClock::time_point due, Task& task) {
         std::lock_guard lock(mutex_);
-        if (closed_) return false;
+        if (closed_) return Posted::Dropped;
+        const bool earliest = delayed_.empty() || due < delayed_.begin()->first.due;
         delayed_.emplace(Key{due, nextSequence_++}, std::move(task));
-        return true;
+        return earliest && ready_.empty() ? Posted::Wake : Posted::Queued;
     }
 
     // True if a task is ready at `now`; else the milliseconds until the next
@@ -178,13 +186,13 @@ GLibMainQueue::~GLibMainQueue() {
 
 void GLibMainQueue::post(Task task) {
     if (!task) throw std::invalid_argument("GLibMainQueue::post: empty task");
-    if (stateOf(source_)->push(task)) g_main_context_wakeup(context_);
+    if (stateOf(source_)->push(task) == TaskState::Posted::Wake) g_main_context_wakeup(context_);
 }
 
 void GLibMainQueue::postAfter(std::chrono::nanoseconds delay, Task task) {
     if (!task) throw std::invalid_argument("GLibMainQueue::postAfter: empty task");
     const auto due = SteadyClock::now() + std::chrono::duration_cast<SteadyClock::duration>(delay);
-    if (stateOf(source_)->pushDelayed(due, task)) g_main_context_wakeup(context_);
+    if (stateOf(source_)->pushDelayed(due, task) == TaskState::Posted::Wake) g_main_context_wakeup(context_);
 }
 
 GMainContext* GLibMainQueue::context() const {
