@@ -9,7 +9,6 @@
 #include "ble/BLEConnecterCore.h"
 #include "bt/Backend.h"
 #include "support/DeviceTestSupport.h"
-#include "support/ForeignPeripheral.h"
 
 namespace plenk {
 namespace {

@@ -34,18 +34,6 @@ protected:
     std::shared_ptr<CSRDeviceCore> device;
 };
 
-// Cached texts are decoded up to the first zero; uncached ones are empty,
-// not null.
-TEST_F(CSRDeviceTest, DiscoveryDecodesTheCachedTexts) {
-    scale->setCharacteristicValue(wire::kManufacturerName, bt::Bytes{'1', '.', '2', '.', '3', 0, 'x'}, true);
-    scale->setCharacteristicValue(wire::kModelNumber, bt::Bytes{0xC3, 0x28}, true);
-    start(scale);
-    EXPECT_EQ(device->manufacturer(), "1.2.3");
-    EXPECT_EQ(device->model(), std::nullopt);
-    EXPECT_EQ(device->hardwareVersion(), "");
-    EXPECT_TRUE(delegate->snapshot().empty());
-}
-
 TEST(CSRDeviceTextFromValue, DecodesUpToTheFirstZeroAsStrictUtf8) {
     const std::pair<std::vector<std::uint8_t>, std::optional<std::string>> cases[] = {
         {{}, ""},
@@ -61,10 +49,17 @@ TEST(CSRDeviceTextFromValue, DecodesUpToTheFirstZeroAsStrictUtf8) {
     }
 }
 
-// An empty value carries no level and a failed read is ignored: nothing
-// changes and nobody is told.
-TEST_F(CSRDeviceTest, BatteryLevelIsTheFirstByteAsSigned) {
+// Cached texts are decoded up to the first zero; uncached ones are empty, not
+// null. An empty battery value carries no level and a failed read is ignored:
+// nothing changes and nobody is told.
+TEST_F(CSRDeviceTest, DiscoveryDecodesTheCachedTextsAndTheBatteryLevelIsTheFirstByteAsSigned) {
+    scale->setCharacteristicValue(wire::kManufacturerName, bt::Bytes{'1', '.', '2', '.', '3', 0, 'x'}, true);
+    scale->setCharacteristicValue(wire::kModelNumber, bt::Bytes{0xC3, 0x28}, true);
     start(scale);
+    EXPECT_EQ(device->manufacturer(), "1.2.3");
+    EXPECT_EQ(device->model(), std::nullopt);
+    EXPECT_EQ(device->hardwareVersion(), "");
+    EXPECT_TRUE(delegate->snapshot().empty());
     const std::vector<std::pair<bt::Bytes, std::int64_t>> values = {
         {{0x64}, 100}, {{0xFF}, -1}, {{0x80}, -128}, {{0x10, 0x99, 0x01}, 16}, {{}, 16}, {{0x20}, 16}};
     for (const auto& [value, level] : values) {

@@ -36,7 +36,7 @@ TEST(TaskTest, SmallClosuresStayInlineAndLargeOnesStillRun) {
     EXPECT_EQ(shared.use_count(), 1);  // the capture died with the task
 }
 
-TEST(RunLoopTest, RunsTasksInPostOrderFromManyThreads) {
+TEST(RunLoopTest, RunsTasksInPostOrderFromManyThreadsUntilStopped) {
     RunLoop loop;
     std::vector<int> seen;
     std::vector<std::thread> posters;
@@ -54,6 +54,23 @@ TEST(RunLoopTest, RunsTasksInPostOrderFromManyThreads) {
         EXPECT_GT(v % 1000, last[static_cast<std::size_t>(v / 1000)]);
         last[static_cast<std::size_t>(v / 1000)] = v % 1000;
     }
+
+    // runUntil stops on its condition; stop() from a task ends run().
+    std::atomic<int> count{0};
+    std::thread producer([&] {
+        for (int i = 0; i < 10; ++i) loop.post([&] { ++count; });
+    });
+    EXPECT_TRUE(loop.runUntil([&] { return count.load() == 10; }));
+    producer.join();
+    bool inside = false;
+    loop.post([&] {
+        inside = loop.isCurrent();
+        loop.stop();
+    });
+    EXPECT_FALSE(loop.isCurrent());
+    loop.run();
+    EXPECT_TRUE(inside);
+    EXPECT_FALSE(loop.runUntil([] { return false; }, 10ms));
 }
 
 TEST(RunLoopTest, DelayedTasksFollowTheVirtualClock) {
@@ -76,26 +93,7 @@ TEST(RunLoopTest, DelayedTasksFollowTheVirtualClock) {
     EXPECT_EQ(loop.pendingTasks(), 0u);
 }
 
-TEST(RunLoopTest, RunUntilStopsOnConditionAndStopEndsRun) {
-    RunLoop loop;
-    std::atomic<int> count{0};
-    std::thread producer([&] {
-        for (int i = 0; i < 10; ++i) loop.post([&] { ++count; });
-    });
-    EXPECT_TRUE(loop.runUntil([&] { return count.load() == 10; }));
-    producer.join();
-    bool inside = false;
-    loop.post([&] {
-        inside = loop.isCurrent();
-        loop.stop();
-    });
-    EXPECT_FALSE(loop.isCurrent());
-    loop.run();  // returns because a task stopped it
-    EXPECT_TRUE(inside);
-    EXPECT_FALSE(loop.runUntil([] { return false; }, 10ms));
-}
-
-TEST(SerialQueueTest, RunsSeriallyOnItsOwnLabelledThread) {
+TEST(SerialQueueTest, RunsSeriallyOnItsOwnLabelledThreadAndMayEndInsideATask) {
     dispatch::SerialQueue queue("Corebluetooth");
     std::atomic<int> running{0};
     std::atomic<int> maxRunning{0};
@@ -116,13 +114,12 @@ TEST(SerialQueueTest, RunsSeriallyOnItsOwnLabelledThread) {
     EXPECT_EQ(order, expected);
     EXPECT_FALSE(queue.isCurrent());
     EXPECT_EQ(dispatch::SerialQueue::current(), nullptr);
-}
 
-TEST(SerialQueueTest, CanBeDestroyedFromItsOwnTask) {
-    auto queue = std::make_shared<dispatch::SerialQueue>("self");
+    // A queue may be destroyed from its own task.
+    auto owned = std::make_shared<dispatch::SerialQueue>("self");
     std::atomic<bool> done{false};
-    auto* raw = queue.get();
-    raw->post([q = std::move(queue), &done]() mutable {
+    auto* raw = owned.get();
+    raw->post([q = std::move(owned), &done]() mutable {
         q.reset();  // last reference dies on the queue itself
         done = true;
     });

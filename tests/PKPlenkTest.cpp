@@ -68,14 +68,6 @@ TEST_F(Facade, EventsAndCompletionsArriveInEventOrderAndCommandsReachTheScale) {
     EXPECT_EQ(host->offMainThread, 0);
 }
 
-TEST_F(Facade, AutoConnectFlagStartsOffWhileTheKitAutoConnects) {
-    makeFacade();
-    EXPECT_FALSE(plenk->isAutoConnectEnabled());
-    EXPECT_TRUE(plenk->rosta()->isAutoConnectEnabled());
-    plenk->setIsAutoConnectEnabled(false);
-    EXPECT_FALSE(plenk->rosta()->isAutoConnectEnabled());
-}
-
 // Both set the continuous flag first, with or without a device: a fake
 // interrupt of a picked scale is held, a disconnect is not.
 TEST_F(Facade, FakeInterruptIsHeldAndDisconnectIsNot) {
@@ -121,11 +113,17 @@ TEST_F(Facade, AReleasedFacadeRunsItsQueuedWorkThenTearsTheLinkDown) {
     EXPECT_EQ(host->snapshot(), (Log{"connected", "weight 3"}));
 }
 
-TEST_F(Facade, DataSourceQuestionsAreAnsweredAtOnceOrWithNothing) {
+// The facade's auto-connect flag starts off while the kit auto-connects; its
+// data-source questions are answered at once, or with nothing.
+TEST_F(Facade, AutoConnectFlagAndDataSource) {
     struct Colours final : PKPlenkDataSource {
         std::optional<std::string> titleForSelectAccessoryModalViewController() override { return "Scales"; }
     };
     makeFacade();
+    EXPECT_FALSE(plenk->isAutoConnectEnabled());
+    EXPECT_TRUE(plenk->rosta()->isAutoConnectEnabled());
+    plenk->setIsAutoConnectEnabled(false);
+    EXPECT_FALSE(plenk->rosta()->isAutoConnectEnabled());
     EXPECT_EQ(plenk->titleForSelectAccessoryModalViewController(), std::nullopt);
     auto colours = std::make_shared<Colours>();
     plenk->setDataSource(colours);

@@ -41,12 +41,6 @@ protected:
         }
         return frames;
     }
-    // A completion that records its result in the delegate's log.
-    RKDevice::ResultCompletion result(std::string name) {
-        return [this, name](bool ok, const ErrorPtr& error) {
-            delegate->add(name + (ok ? " ok" : " failed") + (error ? " with error" : ""));
-        };
-    }
 
     SimHarness h;
     std::shared_ptr<sim::VirtualPeripheral> scale = h.addScale("Plenk Scale");
@@ -107,10 +101,10 @@ TEST_F(RKDeviceTest, CommandsWriteTheirFrames) {
 TEST_F(RKDeviceTest, WriteResultsFeedSlotsInPriorityOrderNotByFrame) {
     start();
     scale->failWrites(wire::kCommandCharacteristic, attError(kAttWriteNotPermitted));
-    device->synchronize(result("sync"));
+    device->synchronize(delegate->result("sync"));
     device->tare();
     h.settle();
-    device->setSyncCompletion(result("pending"));
+    device->setSyncCompletion(delegate->result("pending"));
     device->peripheralDidWriteValueForCharacteristicError(*link.peripheral, device->dataChar(),
                                                           attError(kAttWriteNotPermitted));
 
@@ -118,10 +112,10 @@ TEST_F(RKDeviceTest, WriteResultsFeedSlotsInPriorityOrderNotByFrame) {
     scale->clearWrites();
     // Results take a while, as on a real link: every slot is armed before the first answer.
     h.world->setTimings(sim::Timings{{}, {}, std::chrono::milliseconds(10)});
-    device->setInitCompletion(result("init"));
+    device->setInitCompletion(delegate->result("init"));
     device->tare();
     device->tare();
-    device->enableDFUMode(result("dfu"));
+    device->enableDFUMode(delegate->result("dfu"));
     h.advance(std::chrono::milliseconds(100));
     EXPECT_EQ(commandFrames(), (Frames{{0x10}, {0x10}, {0xAA, 0x55}}));
     EXPECT_EQ(delegate->snapshot(), (Log{"discovered", "sync failed with error", "error 1004", "error 1004",

@@ -24,12 +24,6 @@ protected:
         scale->clearWrites();
         delegate->clear();
     }
-    // A completion that records its result in the delegate's log.
-    RKRostaKit::ResultCompletion result(std::string name) {
-        return [this, name](bool ok, const ErrorPtr& error) {
-            delegate->add(name + (ok ? " ok" : " failed") + (error ? " with error" : ""));
-        };
-    }
     std::shared_ptr<sim::VirtualPeripheral> scale;
 };
 
@@ -75,8 +69,8 @@ TEST_F(KitCommands, WithoutADeviceEveryRequestIsDropped) {
     ASSERT_EQ(kit->currentDevice(), nullptr);
     kit->tare();
     kit->setUnit(1);
-    kit->synchronize(result("sync"));
-    kit->initializeConfiguration(result("init"));
+    kit->synchronize(delegate->result("sync"));
+    kit->initializeConfiguration(delegate->result("init"));
     kit->readConfiguration([this](RKConfiguration) { delegate->add("configuration"); });
     kit->readRostaBatteryLifeWithCompletion([this](std::int64_t) { delegate->add("battery"); });
     h.advance(std::chrono::seconds(5));
@@ -127,11 +121,11 @@ TEST_F(KitCommands, ConfigurationExchangesCompleteOnTheMainQueue) {
 
     // Unconfigured: the defaults are written and the results of the first two
     // writes complete; then configured: a single success, nothing written.
-    kit->initializeConfiguration(result("init"));
+    kit->initializeConfiguration(delegate->result("init"));
     h.settle();
     EXPECT_EQ(commandFrames(scale).size(), 2u + 8u);
     scale->clearWrites();
-    kit->initializeConfiguration(result("again"));
+    kit->initializeConfiguration(delegate->result("again"));
     h.settle();
     EXPECT_TRUE(commandFrames(scale).empty());
     EXPECT_EQ(delegate->snapshot(), (Log{"configuration", "sync ok", "init ok", "init ok", "again ok"}));

@@ -43,18 +43,34 @@ TEST_F(KitLifecycle, AutoConnectsTheFirstScaleTaresItAndPassesWeightsUnchanged) 
     EXPECT_EQ(delegate->offMainThread, 0);
 }
 
-TEST(KitNameFilter, OnlyScaleNamesAreConnected) {
-    const std::vector<std::pair<std::optional<std::string>, bool>> names = {
-        {"My Plenk 2", true}, {"Coffee Scale", true}, {"Plenk", true},          {"plenk", false},
-        {"COFFEE", false},    {std::nullopt, false},  {"Plenk DfuTarg", false},
+// Every radio report sets the state code and only power-on scans; only scale
+// names are connected, and the scan stops once one is.
+TEST(KitStart, RadioStateCodesAndNameFilter) {
+    using enum bt::ManagerState;
+    const struct {
+        std::optional<std::string> name;
+        bt::ManagerState radio;
+        std::uint64_t code;
+        bool linked;
+    } cases[] = {
+        {"My Plenk 2", PoweredOn, 104, true},     {"Coffee Scale", PoweredOn, 104, true},
+        {"Plenk", PoweredOn, 104, true},          {"plenk", PoweredOn, 104, false},
+        {"COFFEE", PoweredOn, 104, false},        {std::nullopt, PoweredOn, 104, false},
+        {"Plenk DfuTarg", PoweredOn, 104, false}, {"Plenk", PoweredOff, 101, false},
+        {"Plenk", Unsupported, 102, false},       {"Plenk", Unauthorized, 103, false},
+        {"Plenk", Unknown, 100, false},           {"Plenk", Resetting, 100, false},
     };
-    for (const auto& [name, accepted] : names) {
-        SimHarness h;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name.value_or("(no name)") + " radio " + std::to_string(static_cast<int>(c.radio)));
+        SimHarness h(SimHarnessOptions{.radio = c.radio});
         auto scale = h.addScale();
-        scale->setName(name);
+        scale->setName(c.name);
         auto kit = RKRostaKit::create(h.context);
         h.settle();
-        EXPECT_EQ(scale->linkCount(), accepted ? 1u : 0u) << name.value_or("(no name)");
+        EXPECT_EQ(kit->leState(), c.code);
+        EXPECT_EQ(scale->linkCount(), c.linked ? 1u : 0u);
+        EXPECT_EQ(BLEConnecterCore::of(*kit->connecter()).cbManager()->isScanning(),
+                  c.code == 104 && !c.linked);
         kit.reset();
         h.settle();
     }
@@ -111,23 +127,6 @@ TEST_F(KitLifecycle, EachConnectOverwritesTheContinuousFlag) {
     h.settle();
     EXPECT_TRUE(kit->isConnected());
     EXPECT_FALSE(kit->isContinuousConnectionEnabled());
-}
-
-TEST(KitRadioState, EveryReportSetsTheStateCodeAndOnlyPowerOnScans) {
-    const std::vector<std::pair<bt::ManagerState, std::uint64_t>> cases = {
-        {bt::ManagerState::PoweredOn, 104},   {bt::ManagerState::PoweredOff, 101},
-        {bt::ManagerState::Unsupported, 102}, {bt::ManagerState::Unauthorized, 103},
-        {bt::ManagerState::Unknown, 100},     {bt::ManagerState::Resetting, 100},
-    };
-    for (const auto& [state, code] : cases) {
-        SimHarness h(SimHarnessOptions{.radio = state});
-        auto kit = RKRostaKit::create(h.context);
-        h.settle();
-        EXPECT_EQ(kit->leState(), code) << static_cast<int>(state);
-        EXPECT_EQ(BLEConnecterCore::of(*kit->connecter()).cbManager()->isScanning(), code == 104);
-        kit.reset();
-        h.settle();
-    }
 }
 
 // Auto-connect off before the radio reports: power-on, becoming active or

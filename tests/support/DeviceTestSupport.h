@@ -1,10 +1,14 @@
-// Shared piece of the generic-device and scale-device tests: a simulated
-// scale linked through a bare central.
+// Shared pieces of the device, connecter and kit tests: a simulated scale
+// linked through a bare central, and a peripheral handle of the host's making.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <optional>
+#include <string>
+
+#include <PlenkKit/Peripheral.h>
 
 #include "bt/Central.h"
 #include "support/RecordingDelegate.h"
@@ -32,5 +36,15 @@ inline Link connect(SimHarness& h, const std::shared_ptr<sim::VirtualPeripheral>
     EXPECT_EQ(link.peripheral->state(), bt::PeripheralState::Connected);
     return link;
 }
+
+// A handle of the host's own making, not one the library handed out: every
+// operation that takes a peripheral must ignore it.
+class ForeignPeripheral final : public Peripheral {
+public:
+    std::optional<std::string> name() const override { return "Plenk Scale"; }
+    Uuid identifier() const override { return Uuid::from16(0x1234); }
+    PeripheralState state() const override { return PeripheralState::Disconnected; }
+    std::optional<int> rssi() const override { return std::nullopt; }
+};
 
 }  // namespace plenk::test

@@ -16,7 +16,7 @@
 
 #include "RostaKit/RKRostaKitCore.h"
 #include "emulator/GattProfile.h"
-#include "support/ForeignPeripheral.h"
+#include "support/DeviceTestSupport.h"
 #include "support/RecordingDelegate.h"
 #include "support/SimHarness.h"
 #include "wire/GattUuids.h"

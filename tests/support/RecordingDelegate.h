@@ -9,6 +9,7 @@
 #include <atomic>
 #include <charconv>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -54,6 +55,12 @@ public:
         if (main_ && !main_->isCurrent()) ++offMainThread;
         std::lock_guard lock(mutex_);
         events_.push_back(std::move(event));
+    }
+    // A command completion that logs "<name> ok" or "<name> failed", and " with error".
+    std::function<void(bool, const ErrorPtr&)> result(std::string name) {
+        return [this, name](bool ok, const ErrorPtr& error) {
+            add(name + (ok ? " ok" : " failed") + (error ? " with error" : ""));
+        };
     }
     std::vector<std::string> snapshot() const {
         std::lock_guard lock(mutex_);
