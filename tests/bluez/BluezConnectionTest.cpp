@@ -69,8 +69,7 @@ TEST(BluezConnection, FindsTheScaleWhereverItIsThenLinksTaresAndStreamsOverEithe
         // Found by a scan, linked, set up: the tare goes out once the
         // characteristics are known, then both notifications are switched on.
         const char* on = row.notify == Notify::Property ? "StartNotify" : "AcquireNotify";
-        std::vector<std::string> members;
-        for (const auto& call : rig.fake.calls()) members.push_back(call.member);
+        auto members = rig.fake.calls();
         members.resize(std::min<std::size_t>(members.size(), 8));
         EXPECT_EQ(members,
                   (std::vector<std::string>{"GetManagedObjects", "SetDiscoveryFilter", "StartDiscovery",

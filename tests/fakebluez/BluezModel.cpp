@@ -9,20 +9,6 @@
 
 namespace plenk::fakebluez {
 
-namespace {
-
-std::int64_t monotonicNs() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
-bool startsWith(const std::string& text, const std::string& prefix) {
-    return text.size() >= prefix.size() && text.compare(0, prefix.size(), prefix) == 0;
-}
-
-}  // namespace
-
 BluezModel::BluezModel(dispatch::PollLoop& loop, std::string busAddress, Timings timings)
     : loop_(loop), busAddress_(std::move(busAddress)), timings_(timings) {}
 
@@ -38,10 +24,6 @@ BluezModel::~BluezModel() {
 }
 
 void BluezModel::start() {
-    connectAndExport();
-}
-
-void BluezModel::connectAndExport() {
     restartTimer_ = 0;
     bus_ = std::make_unique<BusConnection>(
         loop_, busAddress_, [this](const CallPtr& call) { onCall(call); },
@@ -52,7 +34,7 @@ void BluezModel::connectAndExport() {
     tree_.add("/org/bluez", {{"org.bluez.AgentManager1", {}}, {"org.bluez.ProfileManager1", {}}});
     for (auto& [name, adapter] : adapters_) tree_.add(adapter.path, adapterInterfaces(adapter));
     for (auto& device : devices_) {
-        if (device->persistent()) device->exportKnown();
+        if (!device->temporary()) device->exportKnown();
     }
 }
 
@@ -70,7 +52,7 @@ void BluezModel::restart(Duration downtime) {
     tree_.clear();
     bus_.reset();  // the bus drops org.bluez with the connection
     loop_.cancel(restartTimer_);
-    restartTimer_ = loop_.postAfter(downtime, [this] { connectAndExport(); });
+    restartTimer_ = loop_.postAfter(downtime, [this] { start(); });
 }
 
 // --- topology ------------------------------------------------------------------------
@@ -106,7 +88,7 @@ std::string BluezModel::addScale(ScaleSetup setup) {
     auto device = std::make_unique<FakeDevice>(*context, adapter->second.path, std::move(setup));
     contexts_.push_back(std::move(context));
     auto& added = *devices_.emplace_back(std::move(device));
-    if (bus_ && added.persistent()) added.exportKnown();
+    if (bus_ && !added.temporary()) added.exportKnown();
     return added.path();
 }
 
@@ -120,7 +102,7 @@ FakeDevice& BluezModel::device(const std::string& address) {
 
 FakeDevice* BluezModel::deviceForPath(const std::string& path) {
     for (auto& device : devices_) {
-        if (path == device->path() || startsWith(path, device->path() + "/")) return device.get();
+        if (path == device->path() || path.starts_with(device->path() + "/")) return device.get();
     }
     return nullptr;
 }
@@ -135,8 +117,7 @@ BluezModel::Adapter* BluezModel::adapterByPath(const std::string& path) {
 // --- D-Bus ---------------------------------------------------------------------------
 
 void BluezModel::onCall(const CallPtr& call) {
-    calls_.push_back({monotonicNs(), call->sender(), call->path(), call->interface(), call->member(),
-                      summarizeBody(call->message())});
+    calls_.push_back(call->member());
     if (tree_.handle(call)) return;
     if (call->path() == "/org/bluez" && call->interface() == "org.bluez.AgentManager1") {
         // Agents are accepted and never asked: nothing here pairs.
@@ -394,10 +375,7 @@ void BluezModel::forgetTemporaryDevices(const std::string& adapterName) {
 void BluezModel::setPowered(const std::string& adapterName, bool powered) {
     auto found = adapters_.find(adapterName);
     if (found == adapters_.end()) throw std::invalid_argument("fake bluetoothd: no adapter " + adapterName);
-    applyPower(found->second, powered);
-}
-
-void BluezModel::applyPower(Adapter& adapter, bool powered) {
+    auto& adapter = found->second;
     if (adapter.setup.powered == powered) return;
     if (!powered) {
         // Links drop first, then discovery ends, then Powered turns false.

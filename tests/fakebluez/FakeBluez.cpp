@@ -53,12 +53,6 @@ std::string FakeBluez::devicePath(const std::string& adapter, const std::string&
     return adapterPath(adapter) + "/dev_" + addressPathPart(address);
 }
 
-std::string FakeBluez::uniqueName() const {
-    std::string name;
-    invoke(*loop_, [&] { name = model_->uniqueName(); });
-    return name;
-}
-
 void FakeBluez::addAdapter(AdapterSetup setup) {
     invoke(*loop_, [&] { model_->addAdapter(std::move(setup)); });
 }
@@ -123,8 +117,8 @@ void FakeBluez::restart(Duration downtime) {
     invoke(*loop_, [&] { model_->restart(downtime); });
 }
 
-std::vector<MethodCall> FakeBluez::calls() const {
-    std::vector<MethodCall> calls;
+std::vector<std::string> FakeBluez::calls() const {
+    std::vector<std::string> calls;
     invoke(*loop_, [&] { calls = model_->calls(); });
     return calls;
 }

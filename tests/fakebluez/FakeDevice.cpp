@@ -18,12 +18,7 @@ FakeDevice::FakeDevice(DeviceContext& context, std::string adapterPath, ScaleSet
       temporary_(!setup_.cached && !setup_.connected) {}
 
 FakeDevice::~FakeDevice() {
-    for (auto& characteristic : characteristics_) {
-        if (characteristic.notifyFd >= 0) {
-            context_.loop.unwatch(characteristic.notifyFd);
-            ::close(characteristic.notifyFd);
-        }
-    }
+    closeNotifySockets();
     for (auto* timer : {&connectTimer_, &timeoutTimer_, &resolveTimer_, &disconnectTimer_, &streamTimer_}) {
         cancelTimer(*timer);
     }
@@ -46,6 +41,14 @@ bool FakeDevice::advertising() const {
 void FakeDevice::cancelTimer(dispatch::PollLoop::TimerId& timer) {
     if (timer != 0) context_.loop.cancel(timer);
     timer = 0;
+}
+
+void FakeDevice::closeNotifySockets() {
+    for (auto& characteristic : characteristics_) {
+        if (characteristic.notifyFd < 0) continue;
+        context_.loop.unwatch(characteristic.notifyFd);
+        ::close(characteristic.notifyFd);
+    }
 }
 
 // --- Device1 properties ------------------------------------------------------------
@@ -207,10 +210,6 @@ void FakeDevice::startLink() {
                           [this] { failPendingConnect("le-connection-abort-by-local"); });
 }
 
-void FakeDevice::reachabilityChanged() {
-    if (link_ == Link::Connecting && waiting_ && advertising()) startLink();
-}
-
 void FakeDevice::failPendingConnect(const std::string& text) {
     cancelTimer(connectTimer_);
     cancelTimer(timeoutTimer_);
@@ -336,8 +335,9 @@ void FakeDevice::setInRange(bool inRange) {
         startLink();
     } else if (!inRange) {
         linkLost();
+    } else if (link_ == Link::Connecting && waiting_) {
+        startLink();  // back in range: the waiting Connect() proceeds
     }
-    reachabilityChanged();
 }
 
 void FakeDevice::daemonStopped() {
@@ -349,12 +349,7 @@ void FakeDevice::daemonStopped() {
     if (link_ != Link::Disconnected) scale_.disconnected(emulatorNow());
     link_ = Link::Disconnected;
     servicesResolved_ = false;
-    for (auto& characteristic : characteristics_) {
-        if (characteristic.notifyFd >= 0) {
-            context_.loop.unwatch(characteristic.notifyFd);
-            ::close(characteristic.notifyFd);
-        }
-    }
+    closeNotifySockets();
     characteristics_.clear();
     servicePaths_.clear();
     updateStream();

@@ -48,8 +48,7 @@ public:
     const std::string& adapterPath() const { return adapterPath_; }
     bool exported() const { return context_.tree.has(path_); }
     bool connected() const { return link_ == Link::Connected; }
-    // Known to bluetoothd across restarts (connected once, or cached).
-    bool persistent() const { return !temporary_; }
+    // Forgotten after a scan, unlike a device connected once or cached.
     bool temporary() const { return temporary_; }
     bool advertising() const;
     std::vector<bt::Uuid> advertisedServices() const { return scale_.advertisedServices(); }
@@ -89,8 +88,6 @@ public:
                 std::optional<std::uint64_t> index = {});
     // bluetoothd went away: forget links, sessions and objects without signals.
     void daemonStopped();
-    // The device may have become connectable: a waiting Connect() proceeds.
-    void reachabilityChanged();
 
     const std::vector<GattWrite>& writes() const { return writes_; }
     void clearWrites() { writes_.clear(); }
@@ -141,6 +138,7 @@ private:
     void linkDown(const CallPtr& disconnectCall, const std::string& connectError);
     void failPendingConnect(const std::string& text);
     void cancelTimer(dispatch::PollLoop::TimerId& timer);
+    void closeNotifySockets();
 
     // GATT objects
     void exportGatt();
@@ -156,7 +154,7 @@ private:
     void failPending(Characteristic& characteristic);
     bool notifying(const Characteristic& characteristic) const;
     emulator::ScaleEmulator::Effect deliverWrite(const bt::Uuid& characteristic,
-                                                 const std::vector<std::uint8_t>& value, bool withResponse);
+                                                 const std::vector<std::uint8_t>& value);
     void registerSessions();
     void updateNotifying(Characteristic& characteristic);
     bool hasListeners(const Characteristic& characteristic) const;
