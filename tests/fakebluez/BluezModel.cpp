@@ -81,13 +81,8 @@ std::string BluezModel::addScale(ScaleSetup setup) {
             throw std::invalid_argument("fake bluetoothd: device exists: " + *address);
     }
     setup.address = *address;
-    const std::string adapterName = setup.adapter;
-    auto context = std::make_unique<DeviceContext>(
-        DeviceContext{loop_, tree_, timings_, &observer_,
-                      [this, adapterName] { return adapters_.at(adapterName).setup.powered; }});
-    auto device = std::make_unique<FakeDevice>(*context, adapter->second.path, std::move(setup));
-    contexts_.push_back(std::move(context));
-    auto& added = *devices_.emplace_back(std::move(device));
+    auto& added = *devices_.emplace_back(
+        std::make_unique<FakeDevice>(deviceContext_, adapter->second.path, std::move(setup)));
     if (bus_ && !added.temporary()) added.exportKnown();
     return added.path();
 }

@@ -88,7 +88,10 @@ private:
     std::unique_ptr<BusConnection> bus_;
     FakeBluez::EmissionObserver observer_;
     std::map<std::string, Adapter> adapters_;  // by name (hci0)
-    std::vector<std::unique_ptr<DeviceContext>> contexts_;
+    DeviceContext deviceContext_{loop_, tree_, timings_, &observer_, [this](const std::string& path) {
+                                     const auto* adapter = adapterByPath(path);
+                                     return adapter != nullptr && adapter->setup.powered;
+                                 }};
     std::vector<std::unique_ptr<FakeDevice>> devices_;
     std::vector<std::string> calls_;  // members, in arrival order
     dispatch::PollLoop::TimerId restartTimer_ = 0;

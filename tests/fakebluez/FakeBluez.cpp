@@ -129,10 +129,6 @@ std::vector<GattWrite> FakeBluez::writes(const std::string& address) const {
     return writes;
 }
 
-void FakeBluez::clearWrites(const std::string& address) {
-    invoke(*loop_, [&] { model_->device(address).clearWrites(); });
-}
-
 bool FakeBluez::isConnected(const std::string& address) const {
     bool connected = false;
     invoke(*loop_, [&] { connected = model_->device(address).connected(); });
@@ -146,15 +142,6 @@ void FakeBluez::withScale(const std::string& address,
 
 void FakeBluez::setEmissionObserver(EmissionObserver observer) {
     invoke(*loop_, [&] { model_->setObserver(std::move(observer)); });
-}
-
-bool FakeBluez::waitUntil(const std::function<bool()>& condition, Duration timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
 }
 
 }  // namespace plenk::fakebluez

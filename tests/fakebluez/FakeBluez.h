@@ -151,7 +151,6 @@ public:
     // The member of every method call received ("Connect", ...), in arrival order.
     std::vector<std::string> calls() const;
     std::vector<GattWrite> writes(const std::string& address) const;
-    void clearWrites(const std::string& address);
     bool isConnected(const std::string& address) const;
     // Runs `inspect` with the scale's emulator on the fake's thread.
     void withScale(const std::string& address, const std::function<void(emulator::ScaleEmulator&)>& inspect);
@@ -159,9 +158,6 @@ public:
     // (D-Bus signal or socket packet): address, index since start, CLOCK_MONOTONIC ns.
     using EmissionObserver = std::function<void(const std::string&, std::uint64_t, std::int64_t)>;
     void setEmissionObserver(EmissionObserver observer);
-
-    // Polls `condition` (on the calling thread) until true or `timeout`.
-    static bool waitUntil(const std::function<bool()>& condition, Duration timeout = 5s);
 
 private:
     std::unique_ptr<dispatch::PollLoop> loop_;

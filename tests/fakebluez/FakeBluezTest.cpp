@@ -30,9 +30,9 @@ using InterfaceMap = std::map<std::string, Dict>;
 using ManagedObjects = std::map<sdbus::ObjectPath, InterfaceMap>;
 
 constexpr const char* kObjectManager = "org.freedesktop.DBus.ObjectManager";
-constexpr const char* kAdapter = "org.bluez.Adapter1";
-constexpr const char* kDevice = "org.bluez.Device1";
-constexpr const char* kCharacteristic = "org.bluez.GattCharacteristic1";
+constexpr const char* kAdapter = kAdapterInterface;
+constexpr const char* kDevice = kDeviceInterface;
+constexpr const char* kCharacteristic = kCharacteristicInterface;
 constexpr const char* kScale = "C0:FF:EE:00:00:01";
 constexpr const char* kOther = "C0:FF:EE:00:00:02";
 

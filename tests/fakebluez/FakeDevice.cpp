@@ -168,7 +168,7 @@ void FakeDevice::remove() {
 // --- link ----------------------------------------------------------------------------
 
 void FakeDevice::connect(const CallPtr& call) {
-    if (!context_.adapterPowered()) {
+    if (!context_.adapterPowered(adapterPath_)) {
         call->replyError(kBluezError + std::string("NotReady"), "Resource Not Ready");
         return;
     }
@@ -353,32 +353,6 @@ void FakeDevice::daemonStopped() {
     characteristics_.clear();
     servicePaths_.clear();
     updateStream();
-}
-
-// --- hooks -----------------------------------------------------------------------------
-
-void FakeDevice::failConnect(const std::string& text) {
-    connectFaults_.push_back({text, std::nullopt});
-}
-
-void FakeDevice::hangConnect(Duration after, const std::string& text) {
-    connectFaults_.push_back({text, after});
-}
-
-void FakeDevice::clearConnectFaults() {
-    connectFaults_.clear();
-}
-
-void FakeDevice::removeCharacteristic(const bt::Uuid& service, const bt::Uuid& characteristic) {
-    removedCharacteristics_.insert({service, characteristic});
-}
-
-void FakeDevice::failWrites(const bt::Uuid& characteristic, std::uint8_t attError) {
-    if (attError == 0) {
-        writeErrors_.erase(characteristic);
-    } else {
-        writeErrors_[characteristic] = attError;
-    }
 }
 
 }  // namespace plenk::fakebluez

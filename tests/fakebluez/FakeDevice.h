@@ -33,7 +33,7 @@ struct DeviceContext {
     ObjectTree& tree;
     const Timings& timings;
     FakeBluez::EmissionObserver* observer;
-    std::function<bool()> adapterPowered;
+    std::function<bool(const std::string& adapterPath)> adapterPowered;
 };
 
 class FakeDevice {
@@ -74,12 +74,18 @@ public:
     void remove();
 
     // --- hooks ------------------------------------------------------------------
-    void failConnect(const std::string& text);
-    void hangConnect(Duration after, const std::string& text);
-    void clearConnectFaults();
+    void failConnect(const std::string& text) { connectFaults_.push_back({text, std::nullopt}); }
+    void hangConnect(Duration after, const std::string& text) { connectFaults_.push_back({text, after}); }
+    void clearConnectFaults() { connectFaults_.clear(); }
     void setResolveMode(ResolveMode mode) { resolveMode_ = mode; }
-    void removeCharacteristic(const bt::Uuid& service, const bt::Uuid& characteristic);
-    void failWrites(const bt::Uuid& characteristic, std::uint8_t attError);
+    void removeCharacteristic(const bt::Uuid& service, const bt::Uuid& characteristic) {
+        removedCharacteristics_.insert({service, characteristic});
+    }
+    // 0 clears the fault.
+    void failWrites(const bt::Uuid& characteristic, std::uint8_t attError) {
+        if (attError == 0) writeErrors_.erase(characteristic);
+        if (attError != 0) writeErrors_[characteristic] = attError;
+    }
     // The link is lost (the peer left, went out of range, or the adapter stopped).
     void linkLost();
     void setInRange(bool inRange);
@@ -90,7 +96,6 @@ public:
     void daemonStopped();
 
     const std::vector<GattWrite>& writes() const { return writes_; }
-    void clearWrites() { writes_.clear(); }
 
 private:
     enum class Link { Disconnected, Connecting, Connected, Disconnecting };
