@@ -244,42 +244,35 @@ void BluezModel::setDiscoveryFilter(Adapter& adapter, const CallPtr& call) {
     auto entries = readDictionary(call->message(), &unknown);
     std::optional<DiscoveryFilter> filter;
     bool valid = entries.has_value() && unknown.empty();
-    bool hasRssi = false;
-    bool hasPathloss = false;
     if (valid && !entries->empty()) {
         filter.emplace();
         for (const auto& [key, value] : *entries) {
-            if (key == "UUIDs" && std::holds_alternative<std::vector<std::string>>(value)) {
-                for (const auto& text : std::get<std::vector<std::string>>(value)) {
-                    auto uuid = bt::Uuid::parse(text);
-                    if (!uuid)
-                        valid = false;
-                    else
-                        filter->uuids.push_back(*uuid);
+            const auto* text = std::get_if<std::string>(&value);
+            if (const auto* uuids = std::get_if<std::vector<std::string>>(&value); uuids && key == "UUIDs") {
+                for (const auto& each : *uuids) {
+                    const auto uuid = bt::Uuid::parse(each);
+                    if (uuid) filter->uuids.push_back(*uuid);
+                    valid = valid && uuid.has_value();
                 }
-            } else if (key == "RSSI" && std::holds_alternative<std::int16_t>(value)) {
-                const auto rssi = std::get<std::int16_t>(value);
-                valid = valid && rssi >= -127 && rssi <= 20;
-                filter->rssi = rssi;
-                hasRssi = true;
-            } else if (key == "Pathloss" && std::holds_alternative<std::uint16_t>(value)) {
-                valid = valid && std::get<std::uint16_t>(value) <= 137;
-                hasPathloss = true;
-            } else if (key == "Transport" && std::holds_alternative<std::string>(value)) {
-                const auto& transport = std::get<std::string>(value);
-                valid = valid && (transport == "auto" || transport == "le" || transport == "bredr");
-                filter->transport = transport;
-            } else if ((key == "DuplicateData" || key == "Discoverable") &&
-                       std::holds_alternative<bool>(value)) {
-                // Only changes how often unchanged advertising data is signalled.
-            } else if (key == "Pattern" && std::holds_alternative<std::string>(value)) {
-                // Accepted; scales are matched by UUID.
+            } else if (const auto* rssi = std::get_if<std::int16_t>(&value); rssi && key == "RSSI") {
+                valid = valid && *rssi >= -127 && *rssi <= 20 && entries->count("Pathloss") == 0;
+                filter->rssi = *rssi;
+            } else if (const auto* pathloss = std::get_if<std::uint16_t>(&value);
+                       pathloss && key == "Pathloss") {
+                valid = valid && *pathloss <= 137;
+            } else if (text && key == "Transport") {
+                valid = valid && (*text == "auto" || *text == "le" || *text == "bredr");
+                filter->transport = *text;
             } else {
-                valid = false;
+                // DuplicateData and Discoverable only change how often unchanged
+                // advertising data is signalled; scales are matched by UUID, not Pattern.
+                valid = valid &&
+                        (std::holds_alternative<bool>(value) ? key == "DuplicateData" || key == "Discoverable"
+                                                             : text && key == "Pattern");
             }
         }
     }
-    if (!valid || (hasRssi && hasPathloss)) {
+    if (!valid) {
         call->replyError("org.bluez.Error.InvalidArguments", "Invalid arguments in method call");
         return;
     }

@@ -15,7 +15,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -29,13 +28,21 @@ using namespace plenk::fakebluez;
 
 namespace {
 
-// Writes the file at `path` with `body`; false, with the reason on stderr, when it cannot.
-bool writeFile(const std::string& path, const std::function<void(FILE*)>& body) {
+// "C0:FF:EE:00:00:01 EF80 ca 64" per write, in the order each scale got them.
+bool writeLog(const FakeBluez& bluez, const std::vector<std::string>& addresses, const std::string& path) {
     FILE* out = std::fopen(path.c_str(), "w");
-    if (out != nullptr) body(out);
-    if (out != nullptr && std::fclose(out) == 0) return true;
-    std::perror(path.c_str());
-    return false;
+    if (out == nullptr) {
+        std::perror(path.c_str());
+        return false;
+    }
+    for (const auto& address : addresses) {
+        for (const auto& write : bluez.writes(address)) {
+            std::fprintf(out, "%s %s", address.c_str(), write.characteristic.toString().c_str());
+            for (const auto byte : write.value) std::fprintf(out, " %02x", byte);
+            std::fputc('\n', out);
+        }
+    }
+    return std::fclose(out) == 0;
 }
 
 }  // namespace
@@ -119,24 +126,20 @@ int main(int argc, char** argv) {
             while (sigwait(&signals, &received) == 0 && received == SIGUSR1) {
                 for (const auto& each : addresses) bluez.dropLink(each);
             }
-            // "C0:FF:EE:00:00:01 EF80 ca 64" per write, in the order each scale got them.
-            const auto writeLog = [&](FILE* out) {
-                for (const auto& address : addresses) {
-                    for (const auto& write : bluez.writes(address)) {
-                        std::fprintf(out, "%s %s", address.c_str(), write.characteristic.toString().c_str());
-                        for (const auto byte : write.value) std::fprintf(out, " %02x", byte);
-                        std::fputc('\n', out);
-                    }
-                }
-            };
-            if (!writesFile.empty() && !writeFile(writesFile, writeLog)) return 1;
+            if (!writesFile.empty() && !writeLog(bluez, addresses, writesFile)) return 1;
         }
-        const auto stampLog = [&](FILE* out) {
-            for (const auto& [index, ns] : emitted)
+        if (!stamps.empty()) {
+            FILE* out = std::fopen(stamps.c_str(), "w");
+            if (out == nullptr) {
+                std::perror(stamps.c_str());
+                return 1;
+            }
+            for (const auto& [index, ns] : emitted) {
                 std::fprintf(out, "%llu %lld\n", static_cast<unsigned long long>(index),
                              static_cast<long long>(ns));
-        };
-        if (!stamps.empty() && !writeFile(stamps, stampLog)) return 1;
+            }
+            std::fclose(out);
+        }
     } catch (const std::exception& error) {
         std::cerr << "fake-bluetoothd: " << error.what() << "\n";
         return 1;
