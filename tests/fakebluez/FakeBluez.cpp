@@ -12,24 +12,14 @@ namespace plenk::fakebluez {
 
 namespace {
 
-// Runs `task` on the fake's thread and waits for it, passing its exception on.
-void invoke(dispatch::PollLoop& loop, const std::function<void()>& task) {
-    if (loop.isCurrent()) {
-        task();
-        return;
-    }
-    std::promise<void> done;
-    auto finished = done.get_future();
-    const bool posted = loop.post([&] {
-        try {
-            task();
-            done.set_value();
-        } catch (...) {
-            done.set_exception(std::current_exception());
-        }
-    });
-    if (!posted) throw std::runtime_error("fake bluetoothd: the event loop has stopped");
-    finished.get();
+// Runs `task` on the fake's thread and waits for its result, passing its exception on.
+template <class Task>
+auto invoke(dispatch::PollLoop& loop, Task task) -> decltype(task()) {
+    if (loop.isCurrent()) return task();
+    std::packaged_task<decltype(task())()> job(std::move(task));
+    auto result = job.get_future();
+    if (!loop.post([&] { job(); })) throw std::runtime_error("fake bluetoothd: the event loop has stopped");
+    return result.get();
 }
 
 }  // namespace
@@ -58,9 +48,7 @@ void FakeBluez::addAdapter(AdapterSetup setup) {
 }
 
 std::string FakeBluez::addScale(ScaleSetup setup) {
-    std::string path;
-    invoke(*loop_, [&] { path = model_->addScale(std::move(setup)); });
-    return path;
+    return invoke(*loop_, [&] { return model_->addScale(std::move(setup)); });
 }
 
 void FakeBluez::failConnect(const std::string& address, const std::string& text) {
@@ -118,21 +106,15 @@ void FakeBluez::restart(Duration downtime) {
 }
 
 std::vector<std::string> FakeBluez::calls() const {
-    std::vector<std::string> calls;
-    invoke(*loop_, [&] { calls = model_->calls(); });
-    return calls;
+    return invoke(*loop_, [&] { return model_->calls(); });
 }
 
 std::vector<GattWrite> FakeBluez::writes(const std::string& address) const {
-    std::vector<GattWrite> writes;
-    invoke(*loop_, [&] { writes = model_->device(address).writes(); });
-    return writes;
+    return invoke(*loop_, [&] { return model_->device(address).writes(); });
 }
 
 bool FakeBluez::isConnected(const std::string& address) const {
-    bool connected = false;
-    invoke(*loop_, [&] { connected = model_->device(address).connected(); });
-    return connected;
+    return invoke(*loop_, [&] { return model_->device(address).connected(); });
 }
 
 void FakeBluez::withScale(const std::string& address,

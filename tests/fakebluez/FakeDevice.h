@@ -86,8 +86,7 @@ public:
         if (attError == 0) writeErrors_.erase(characteristic);
         if (attError != 0) writeErrors_[characteristic] = attError;
     }
-    // The link is lost (the peer left, went out of range, or the adapter stopped).
-    void linkLost();
+    void linkLost();  // the peer left, went out of range, or the adapter stopped
     void setInRange(bool inRange);
     // `index` numbers the emission for the observer (default: a running count).
     void notify(const bt::Uuid& characteristic, const bt::Bytes& value,
