@@ -57,8 +57,8 @@ public:
         return events_;
     }
     std::size_t count(const std::string& event) {
-        const auto all = events();
-        return static_cast<std::size_t>(std::count(all.begin(), all.end(), event));
+        std::lock_guard lock(mutex_);
+        return static_cast<std::size_t>(std::count(events_.begin(), events_.end(), event));
     }
     void clear() {
         std::lock_guard lock(mutex_);
@@ -75,10 +75,6 @@ private:
     std::shared_ptr<bt::Central> releaseOnConnect_;
 };
 
-bool wait(const std::function<bool()>& done) {
-    return fakebluez::FakeBluez::waitUntil(done, 5s);
-}
-
 // One central of the bluez backend on the fake (a D-Bus client of its own),
 // holding the scale known from an earlier scan.
 struct PortClient {
@@ -88,7 +84,7 @@ struct PortClient {
         bluez::BluezBackend::Options options;
         options.notifyMode = mode;
         central = bluez::BluezBackend(options).makeCentral(recorder, "Corebluetooth", context);
-        EXPECT_TRUE(wait([&] { return central->state() == bt::ManagerState::PoweredOn; }));
+        EXPECT_TRUE(rig.waitFor([&] { return central->state() == bt::ManagerState::PoweredOn; }));
         const auto known = central->retrievePeripheralsWithIdentifiers(
             {bluez::peripheralIdentifier(fakebluez::AdapterSetup{}.address, kScaleAddress)});
         EXPECT_EQ(known.size(), 1u);
@@ -98,11 +94,11 @@ struct PortClient {
     void link() {
         recorder->clear();
         central->connectPeripheral(peripheral, {});
-        ASSERT_TRUE(wait([&] { return recorder->count("connected") == 1; })) << rig.log();
+        ASSERT_TRUE(rig.waitFor([&] { return recorder->count("connected") == 1; })) << rig.log();
         peripheral->discoverServices(std::nullopt);
-        ASSERT_TRUE(wait([&] { return battery() != nullptr; })) << rig.log();
+        ASSERT_TRUE(rig.waitFor([&] { return battery() != nullptr; })) << rig.log();
         peripheral->setNotifyValue(true, battery());
-        ASSERT_TRUE(wait([&] { return recorder->count("notifying") == 1; })) << rig.log();
+        ASSERT_TRUE(rig.waitFor([&] { return recorder->count("notifying") == 1; })) << rig.log();
         recorder->clear();
     }
     // The battery level of the current link, once discovered.
@@ -135,11 +131,11 @@ protected:
 TEST_F(BluezPort, CancellingAnAttemptIsSilentAndTheNextAttemptLinks) {
     rig.fake.hangConnect(kScaleAddress, 3s);
     central->connectPeripheral(peripheral, {});
-    ASSERT_TRUE(wait([&] { return rig.callCount("Connect") == 1; }));
+    ASSERT_TRUE(rig.waitFor([&] { return rig.callCount("Connect") == 1; }));
     central->cancelPeripheralConnection(peripheral);
     rig.fake.clearConnectFaults(kScaleAddress);
     central->connectPeripheral(peripheral, {});
-    ASSERT_TRUE(wait([&] { return recorder->count("connected") == 1; })) << rig.log();
+    ASSERT_TRUE(rig.waitFor([&] { return recorder->count("connected") == 1; })) << rig.log();
     std::this_thread::sleep_for(200ms);
     EXPECT_EQ(recorder->events(), std::vector<std::string>{"connected"});
     EXPECT_EQ(peripheral->state(), bt::PeripheralState::Connected);
@@ -151,9 +147,9 @@ TEST_F(BluezPort, AnAttemptAnsweredInProgressIsTriedAgainUntilItLinks) {
     rig.fake.hangConnect(kScaleAddress, 20s);
     PortClient other(bluez::NotifyMode::Socket, rig);
     other.central->connectPeripheral(other.peripheral, {});
-    ASSERT_TRUE(wait([&] { return rig.callCount("Connect") == 1; }));
+    ASSERT_TRUE(rig.waitFor([&] { return rig.callCount("Connect") == 1; }));
     central->connectPeripheral(peripheral, {});
-    ASSERT_TRUE(wait([&] { return recorder->count("connected") == 1; })) << rig.log();
+    ASSERT_TRUE(rig.waitFor([&] { return recorder->count("connected") == 1; })) << rig.log();
     EXPECT_EQ(recorder->events(), std::vector<std::string>{"connected"});
     EXPECT_GE(rig.callCount("Connect"), 3u);
 }
@@ -164,15 +160,15 @@ TEST_F(BluezPort, AReadIsOneEventAndEachNotificationOneOnEveryLink) {
         client.link();
         // bluetoothd announces the value it read as a change too.
         peripheral->readValueForCharacteristic(client.battery());
-        ASSERT_TRUE(wait([&] { return recorder->count("value 85") == 1; }));
+        ASSERT_TRUE(rig.waitFor([&] { return recorder->count("value 85") == 1; }));
         rig.fake.notify(kScaleAddress, wire::kBatteryLevel, {42});
         rig.fake.notify(kScaleAddress, wire::kBatteryLevel, {43});
-        ASSERT_TRUE(wait([&] { return recorder->count("value 43") == 1; }));
+        ASSERT_TRUE(rig.waitFor([&] { return recorder->count("value 43") == 1; }));
         std::this_thread::sleep_for(200ms);
         EXPECT_EQ(recorder->events(), (std::vector<std::string>{"value 85", "value 42", "value 43"}));
         // The next link: bluetoothd still holds this link's subscription.
         rig.fake.dropLink(kScaleAddress);
-        ASSERT_TRUE(wait([&] { return recorder->count("disconnected") == 1; }));
+        ASSERT_TRUE(rig.waitFor([&] { return recorder->count("disconnected") == 1; }));
     }
 }
 
@@ -180,9 +176,9 @@ TEST_F(BluezPort, ACentralReleasedInsideItsOwnEventEndsItsLink) {
     bt::Central& handle = *central;
     recorder->hold(std::exchange(central, nullptr));  // its only owner from now on
     handle.connectPeripheral(peripheral, {});
-    ASSERT_TRUE(wait([&] { return recorder->count("connected") == 1; }));
-    EXPECT_TRUE(
-        wait([&] { return rig.callCount("Disconnect") == 1 && !rig.fake.isConnected(kScaleAddress); }));
+    ASSERT_TRUE(rig.waitFor([&] { return recorder->count("connected") == 1; }));
+    EXPECT_TRUE(rig.waitFor(
+        [&] { return rig.callCount("Disconnect") == 1 && !rig.fake.isConnected(kScaleAddress); }));
 }
 
 TEST_F(BluezPort, ASocketRefusedForAnExistingSessionFallsBackToTheProperty) {
@@ -194,7 +190,7 @@ TEST_F(BluezPort, ASocketRefusedForAnExistingSessionFallsBackToTheProperty) {
     rig.fake.notify(kScaleAddress, wire::kBatteryLevel, {42});
     // bluetoothd sends one signal per subscribed client, and every client
     // hears all of them: by property, a value arrives once per session.
-    EXPECT_TRUE(wait([&] { return second.recorder->count("value 42") == 2; })) << rig.log();
+    EXPECT_TRUE(rig.waitFor([&] { return second.recorder->count("value 42") == 2; })) << rig.log();
 }
 
 }  // namespace

@@ -84,8 +84,7 @@ public:
     // How many calls of `member` the fake received, from every client.
     std::size_t callCount(const std::string& member) const {
         const auto calls = fake.calls();
-        return static_cast<std::size_t>(std::count_if(
-            calls.begin(), calls.end(), [&](const auto& call) { return call.member == member; }));
+        return static_cast<std::size_t>(std::count(calls.begin(), calls.end(), member));
     }
 
     Options options;

@@ -9,20 +9,6 @@
 
 namespace plenk::fakebluez {
 
-namespace {
-
-std::int64_t monotonicNs() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
-bool startsWith(const std::string& text, const std::string& prefix) {
-    return text.size() >= prefix.size() && text.compare(0, prefix.size(), prefix) == 0;
-}
-
-}  // namespace
-
 BluezModel::BluezModel(dispatch::PollLoop& loop, std::string busAddress, Timings timings)
     : loop_(loop), busAddress_(std::move(busAddress)), timings_(timings) {}
 
@@ -38,10 +24,6 @@ BluezModel::~BluezModel() {
 }
 
 void BluezModel::start() {
-    connectAndExport();
-}
-
-void BluezModel::connectAndExport() {
     restartTimer_ = 0;
     bus_ = std::make_unique<BusConnection>(
         loop_, busAddress_, [this](const CallPtr& call) { onCall(call); },
@@ -52,7 +34,7 @@ void BluezModel::connectAndExport() {
     tree_.add("/org/bluez", {{"org.bluez.AgentManager1", {}}, {"org.bluez.ProfileManager1", {}}});
     for (auto& [name, adapter] : adapters_) tree_.add(adapter.path, adapterInterfaces(adapter));
     for (auto& device : devices_) {
-        if (device->persistent()) device->exportKnown();
+        if (!device->temporary()) device->exportKnown();
     }
 }
 
@@ -70,7 +52,7 @@ void BluezModel::restart(Duration downtime) {
     tree_.clear();
     bus_.reset();  // the bus drops org.bluez with the connection
     loop_.cancel(restartTimer_);
-    restartTimer_ = loop_.postAfter(downtime, [this] { connectAndExport(); });
+    restartTimer_ = loop_.postAfter(downtime, [this] { start(); });
 }
 
 // --- topology ------------------------------------------------------------------------
@@ -99,14 +81,9 @@ std::string BluezModel::addScale(ScaleSetup setup) {
             throw std::invalid_argument("fake bluetoothd: device exists: " + *address);
     }
     setup.address = *address;
-    const std::string adapterName = setup.adapter;
-    auto context = std::make_unique<DeviceContext>(
-        DeviceContext{loop_, tree_, timings_, &observer_,
-                      [this, adapterName] { return adapters_.at(adapterName).setup.powered; }});
-    auto device = std::make_unique<FakeDevice>(*context, adapter->second.path, std::move(setup));
-    contexts_.push_back(std::move(context));
-    auto& added = *devices_.emplace_back(std::move(device));
-    if (bus_ && added.persistent()) added.exportKnown();
+    auto& added = *devices_.emplace_back(
+        std::make_unique<FakeDevice>(deviceContext_, adapter->second.path, std::move(setup)));
+    if (bus_ && !added.temporary()) added.exportKnown();
     return added.path();
 }
 
@@ -120,7 +97,7 @@ FakeDevice& BluezModel::device(const std::string& address) {
 
 FakeDevice* BluezModel::deviceForPath(const std::string& path) {
     for (auto& device : devices_) {
-        if (path == device->path() || startsWith(path, device->path() + "/")) return device.get();
+        if (path == device->path() || path.starts_with(device->path() + "/")) return device.get();
     }
     return nullptr;
 }
@@ -135,8 +112,7 @@ BluezModel::Adapter* BluezModel::adapterByPath(const std::string& path) {
 // --- D-Bus ---------------------------------------------------------------------------
 
 void BluezModel::onCall(const CallPtr& call) {
-    calls_.push_back({monotonicNs(), call->sender(), call->path(), call->interface(), call->member(),
-                      summarizeBody(call->message())});
+    calls_.push_back(call->member());
     if (tree_.handle(call)) return;
     if (call->path() == "/org/bluez" && call->interface() == "org.bluez.AgentManager1") {
         // Agents are accepted and never asked: nothing here pairs.
@@ -268,42 +244,35 @@ void BluezModel::setDiscoveryFilter(Adapter& adapter, const CallPtr& call) {
     auto entries = readDictionary(call->message(), &unknown);
     std::optional<DiscoveryFilter> filter;
     bool valid = entries.has_value() && unknown.empty();
-    bool hasRssi = false;
-    bool hasPathloss = false;
     if (valid && !entries->empty()) {
         filter.emplace();
         for (const auto& [key, value] : *entries) {
-            if (key == "UUIDs" && std::holds_alternative<std::vector<std::string>>(value)) {
-                for (const auto& text : std::get<std::vector<std::string>>(value)) {
-                    auto uuid = bt::Uuid::parse(text);
-                    if (!uuid)
-                        valid = false;
-                    else
-                        filter->uuids.push_back(*uuid);
+            const auto* text = std::get_if<std::string>(&value);
+            if (const auto* uuids = std::get_if<std::vector<std::string>>(&value); uuids && key == "UUIDs") {
+                for (const auto& each : *uuids) {
+                    const auto uuid = bt::Uuid::parse(each);
+                    if (uuid) filter->uuids.push_back(*uuid);
+                    valid = valid && uuid.has_value();
                 }
-            } else if (key == "RSSI" && std::holds_alternative<std::int16_t>(value)) {
-                const auto rssi = std::get<std::int16_t>(value);
-                valid = valid && rssi >= -127 && rssi <= 20;
-                filter->rssi = rssi;
-                hasRssi = true;
-            } else if (key == "Pathloss" && std::holds_alternative<std::uint16_t>(value)) {
-                valid = valid && std::get<std::uint16_t>(value) <= 137;
-                hasPathloss = true;
-            } else if (key == "Transport" && std::holds_alternative<std::string>(value)) {
-                const auto& transport = std::get<std::string>(value);
-                valid = valid && (transport == "auto" || transport == "le" || transport == "bredr");
-                filter->transport = transport;
-            } else if ((key == "DuplicateData" || key == "Discoverable") &&
-                       std::holds_alternative<bool>(value)) {
-                // Only changes how often unchanged advertising data is signalled.
-            } else if (key == "Pattern" && std::holds_alternative<std::string>(value)) {
-                // Accepted; scales are matched by UUID.
+            } else if (const auto* rssi = std::get_if<std::int16_t>(&value); rssi && key == "RSSI") {
+                valid = valid && *rssi >= -127 && *rssi <= 20 && entries->count("Pathloss") == 0;
+                filter->rssi = *rssi;
+            } else if (const auto* pathloss = std::get_if<std::uint16_t>(&value);
+                       pathloss && key == "Pathloss") {
+                valid = valid && *pathloss <= 137;
+            } else if (text && key == "Transport") {
+                valid = valid && (*text == "auto" || *text == "le" || *text == "bredr");
+                filter->transport = *text;
             } else {
-                valid = false;
+                // DuplicateData and Discoverable only change how often unchanged
+                // advertising data is signalled; scales are matched by UUID, not Pattern.
+                valid = valid &&
+                        (std::holds_alternative<bool>(value) ? key == "DuplicateData" || key == "Discoverable"
+                                                             : text && key == "Pattern");
             }
         }
     }
-    if (!valid || (hasRssi && hasPathloss)) {
+    if (!valid) {
         call->replyError("org.bluez.Error.InvalidArguments", "Invalid arguments in method call");
         return;
     }
@@ -394,10 +363,7 @@ void BluezModel::forgetTemporaryDevices(const std::string& adapterName) {
 void BluezModel::setPowered(const std::string& adapterName, bool powered) {
     auto found = adapters_.find(adapterName);
     if (found == adapters_.end()) throw std::invalid_argument("fake bluetoothd: no adapter " + adapterName);
-    applyPower(found->second, powered);
-}
-
-void BluezModel::applyPower(Adapter& adapter, bool powered) {
+    auto& adapter = found->second;
     if (adapter.setup.powered == powered) return;
     if (!powered) {
         // Links drop first, then discovery ends, then Powered turns false.

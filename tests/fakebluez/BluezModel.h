@@ -33,9 +33,8 @@ public:
     BluezModel(const BluezModel&) = delete;
     BluezModel& operator=(const BluezModel&) = delete;
 
-    // Connects, owns org.bluez and exports what is known.
+    // Connects, owns org.bluez and exports what is known (again, after a restart).
     void start();
-    std::string uniqueName() const { return bus_ ? bus_->uniqueName() : std::string(); }
 
     void addAdapter(AdapterSetup setup);
     std::string addScale(ScaleSetup setup);
@@ -44,7 +43,7 @@ public:
     void setPowered(const std::string& adapter, bool powered);
     void restart(Duration downtime);
 
-    std::vector<MethodCall>& calls() { return calls_; }
+    const std::vector<std::string>& calls() const { return calls_; }
     void setObserver(FakeBluez::EmissionObserver observer) { observer_ = std::move(observer); }
 
 private:
@@ -64,7 +63,6 @@ private:
         dispatch::PollLoop::TimerId cleanupTimer = 0;
     };
 
-    void connectAndExport();
     void onCall(const CallPtr& call);
     void onClientGone(const std::string& client);
 
@@ -82,7 +80,6 @@ private:
     void scanTick(const std::string& adapterName);
     void endScan(Adapter& adapter);
     void forgetTemporaryDevices(const std::string& adapterName);
-    void applyPower(Adapter& adapter, bool powered);
 
     dispatch::PollLoop& loop_;
     const std::string busAddress_;
@@ -91,9 +88,12 @@ private:
     std::unique_ptr<BusConnection> bus_;
     FakeBluez::EmissionObserver observer_;
     std::map<std::string, Adapter> adapters_;  // by name (hci0)
-    std::vector<std::unique_ptr<DeviceContext>> contexts_;
+    DeviceContext deviceContext_{loop_, tree_, timings_, &observer_, [this](const std::string& path) {
+                                     const auto* adapter = adapterByPath(path);
+                                     return adapter != nullptr && adapter->setup.powered;
+                                 }};
     std::vector<std::unique_ptr<FakeDevice>> devices_;
-    std::vector<MethodCall> calls_;
+    std::vector<std::string> calls_;  // members, in arrival order
     dispatch::PollLoop::TimerId restartTimer_ = 0;
 };
 

@@ -2,23 +2,15 @@
 
 #include <cctype>
 #include <cstdio>
+#include <regex>
 
 namespace plenk::fakebluez {
 
-std::optional<std::string> normalizedAddress(const std::string& address) {
-    if (address.size() != 17) return std::nullopt;
-    std::string out;
-    for (std::size_t i = 0; i < address.size(); ++i) {
-        const char c = address[i];
-        if (i % 3 == 2) {
-            if (c != ':') return std::nullopt;
-            out += ':';
-        } else {
-            if (std::isxdigit(static_cast<unsigned char>(c)) == 0) return std::nullopt;
-            out += static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-        }
-    }
-    return out;
+std::optional<std::string> normalizedAddress(std::string address) {
+    static const std::regex kForm("([0-9A-Fa-f]{2}:){5}[0-9A-Fa-f]{2}");
+    if (!std::regex_match(address, kForm)) return std::nullopt;
+    for (char& c : address) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return address;
 }
 
 std::string addressPathPart(const std::string& address) {

@@ -28,7 +28,7 @@ inline constexpr std::uint8_t kAttWriteNotPermitted = 0x03;
 
 // "C0:FF:EE:00:00:01" -> "C0_FF_EE_00_00_01", after checking the form
 // (six hex pairs); nullopt for anything else.
-std::optional<std::string> normalizedAddress(const std::string& address);
+std::optional<std::string> normalizedAddress(std::string address);
 std::string addressPathPart(const std::string& address);
 // How bluetoothd reports an ATT error code of a read or write.
 DbusError attErrorToDbus(std::uint8_t code);

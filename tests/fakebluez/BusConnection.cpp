@@ -96,18 +96,8 @@ BusConnection::~BusConnection() {
     sd_bus_flush_close_unref(bus_);
 }
 
-std::string BusConnection::uniqueName() const {
-    const char* name = nullptr;
-    sd_bus_get_unique_name(bus_, &name);
-    return orEmpty(name);
-}
-
 void BusConnection::requestName(const std::string& name) {
     check(sd_bus_request_name(bus_, name.c_str(), 0), "request name");
-}
-
-void BusConnection::releaseName(const std::string& name) {
-    sd_bus_release_name(bus_, name.c_str());
 }
 
 void BusConnection::emitSignal(const std::string& path, const std::string& interface,

@@ -63,13 +63,8 @@ public:
     BusConnection(const BusConnection&) = delete;
     BusConnection& operator=(const BusConnection&) = delete;
 
-    std::string uniqueName() const;
     void requestName(const std::string& name);
-    void releaseName(const std::string& name);
 
-    // Sends a signal; `append` writes its body.
-    void emitSignal(const std::string& path, const std::string& interface, const std::string& member,
-                    const std::function<int(sd_bus_message*)>& append);
     void emitPropertiesChanged(const std::string& path, const std::string& interface,
                                const Properties& changed, const std::vector<std::string>& invalidated = {});
     void emitInterfacesAdded(const std::string& path, const Interfaces& interfaces);
@@ -84,6 +79,10 @@ public:
     int handleNameOwnerChanged(sd_bus_message* message);
 
 private:
+    // Sends a signal; `append` writes its body.
+    void emitSignal(const std::string& path, const std::string& interface, const std::string& member,
+                    const std::function<int(sd_bus_message*)>& append);
+
     dispatch::PollLoop& loop_;
     sd_bus* bus_ = nullptr;
     sd_bus_slot* objectSlot_ = nullptr;

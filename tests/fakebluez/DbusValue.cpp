@@ -2,10 +2,6 @@
 
 #include <systemd/sd-bus.h>
 
-#include <cinttypes>
-#include <cstdio>
-#include <string_view>
-
 namespace plenk::fakebluez {
 
 namespace {
@@ -27,113 +23,17 @@ int appendStrings(sd_bus_message* m, char type, const std::vector<std::string>& 
     return r < 0 ? r : sd_bus_message_close_container(m);
 }
 
-std::string hex(const void* data, std::size_t size) {
-    static constexpr char kDigits[] = "0123456789ABCDEF";
-    std::string out;
-    out.reserve(size * 2);
-    const auto* bytes = static_cast<const std::uint8_t*>(data);
-    for (std::size_t i = 0; i < size; ++i) {
-        out += kDigits[bytes[i] >> 4];
-        out += kDigits[bytes[i] & 0x0F];
+// a{<entry>} where `entry` is the key type followed by the value's signature.
+template <class Map, class AppendValue>
+int appendDictionary(sd_bus_message* m, const char* entry, const Map& map, AppendValue appendValue) {
+    int r = sd_bus_message_open_container(m, 'a', ("{" + std::string(entry) + "}").c_str());
+    for (const auto& [key, value] : map) {
+        if (r >= 0) r = sd_bus_message_open_container(m, 'e', entry);
+        if (r >= 0) r = sd_bus_message_append_basic(m, entry[0], key.c_str());
+        if (r >= 0) r = appendValue(m, value);
+        if (r >= 0) r = sd_bus_message_close_container(m);
     }
-    return out;
-}
-
-bool isContainer(char type) {
-    return type == 'a' || type == 'v' || type == 'r' || type == 'e';
-}
-
-// Renders what is left in the current container, comma-separated.
-void summarize(sd_bus_message* m, std::string& out, int depth) {
-    bool first = true;
-    for (;;) {
-        char type = 0;
-        const char* contents = nullptr;
-        if (sd_bus_message_peek_type(m, &type, &contents) <= 0) return;
-        if (!first) out += ", ";
-        first = false;
-        if (type == 'a' && contents != nullptr && std::string_view(contents) == "y") {
-            const void* data = nullptr;
-            std::size_t size = 0;
-            if (sd_bus_message_read_array(m, 'y', &data, &size) < 0) return;
-            out += hex(data, size);
-            continue;
-        }
-        if (isContainer(type)) {
-            if (depth > 8 || sd_bus_message_enter_container(m, type, contents) < 0) {
-                out += "...";
-                sd_bus_message_skip(m, nullptr);
-                continue;
-            }
-            const bool dictionary = type == 'a' && contents != nullptr && contents[0] == '{';
-            out += dictionary ? "{" : type == 'a' ? "[" : "";
-            if (type == 'e') {
-                summarize(m, out, depth + 1);  // "key, value"
-                const auto comma = out.rfind(", ");
-                if (comma != std::string::npos) out.replace(comma, 2, ": ");
-            } else {
-                summarize(m, out, depth + 1);
-            }
-            out += dictionary ? "}" : type == 'a' ? "]" : "";
-            sd_bus_message_exit_container(m);
-            continue;
-        }
-        union {
-            std::uint8_t y;
-            int b;
-            std::int16_t n;
-            std::uint16_t q;
-            std::int32_t i;
-            std::uint32_t u;
-            std::int64_t x;
-            std::uint64_t t;
-            double d;
-            const char* s;
-        } v{};
-        if (sd_bus_message_read_basic(m, type, &v) < 0) return;
-        char buffer[32];
-        switch (type) {
-            case 'y':
-                std::snprintf(buffer, sizeof buffer, "%u", v.y);
-                break;
-            case 'b':
-                std::snprintf(buffer, sizeof buffer, "%s", v.b ? "true" : "false");
-                break;
-            case 'n':
-                std::snprintf(buffer, sizeof buffer, "%d", v.n);
-                break;
-            case 'q':
-                std::snprintf(buffer, sizeof buffer, "%u", v.q);
-                break;
-            case 'i':
-                std::snprintf(buffer, sizeof buffer, "%" PRId32, v.i);
-                break;
-            case 'u':
-                std::snprintf(buffer, sizeof buffer, "%" PRIu32, v.u);
-                break;
-            case 'x':
-                std::snprintf(buffer, sizeof buffer, "%" PRId64, v.x);
-                break;
-            case 't':
-                std::snprintf(buffer, sizeof buffer, "%" PRIu64, v.t);
-                break;
-            case 'd':
-                std::snprintf(buffer, sizeof buffer, "%g", v.d);
-                break;
-            case 'h':
-                std::snprintf(buffer, sizeof buffer, "fd");
-                break;
-            case 's':
-                out += '"';
-                out += v.s;
-                out += '"';
-                continue;
-            default:  // 'o', 'g'
-                out += v.s;
-                continue;
-        }
-        out += buffer;
-    }
+    return r < 0 ? r : sd_bus_message_close_container(m);
 }
 
 }  // namespace
@@ -183,21 +83,6 @@ int appendVariant(sd_bus_message* m, const Value& value) {
     if (r >= 0) r = appendValue(m, value);
     return r < 0 ? r : sd_bus_message_close_container(m);
 }
-
-namespace {
-// a{<entry>} where `entry` is the key type followed by the value's signature.
-template <class Map, class AppendValue>
-int appendDictionary(sd_bus_message* m, const char* entry, const Map& map, AppendValue appendValue) {
-    int r = sd_bus_message_open_container(m, 'a', ("{" + std::string(entry) + "}").c_str());
-    for (const auto& [key, value] : map) {
-        if (r >= 0) r = sd_bus_message_open_container(m, 'e', entry);
-        if (r >= 0) r = sd_bus_message_append_basic(m, entry[0], key.c_str());
-        if (r >= 0) r = appendValue(m, value);
-        if (r >= 0) r = sd_bus_message_close_container(m);
-    }
-    return r < 0 ? r : sd_bus_message_close_container(m);
-}
-}  // namespace
 
 int appendProperties(sd_bus_message* m, const Properties& properties) {
     return appendDictionary(m, "sv", properties, appendVariant);
@@ -283,14 +168,6 @@ std::optional<std::map<std::string, Value>> readDictionary(sd_bus_message* m,
         sd_bus_message_exit_container(m);
     }
     sd_bus_message_exit_container(m);
-    return out;
-}
-
-std::string summarizeBody(sd_bus_message* m) {
-    std::string out;
-    sd_bus_message_rewind(m, 1);
-    summarize(m, out, 0);
-    sd_bus_message_rewind(m, 1);
     return out;
 }
 

@@ -48,8 +48,4 @@ std::optional<Value> readVariant(sd_bus_message* message);
 std::optional<std::map<std::string, Value>> readDictionary(sd_bus_message* message,
                                                            std::vector<std::string>* unknown = nullptr);
 
-// A one-line rendering of a message body for the call log:
-// `0AF1, {type: "request"}`. Leaves the read position at the start.
-std::string summarizeBody(sd_bus_message* message);
-
 }  // namespace plenk::fakebluez

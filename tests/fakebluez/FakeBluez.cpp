@@ -12,24 +12,14 @@ namespace plenk::fakebluez {
 
 namespace {
 
-// Runs `task` on the fake's thread and waits for it, passing its exception on.
-void invoke(dispatch::PollLoop& loop, const std::function<void()>& task) {
-    if (loop.isCurrent()) {
-        task();
-        return;
-    }
-    std::promise<void> done;
-    auto finished = done.get_future();
-    const bool posted = loop.post([&] {
-        try {
-            task();
-            done.set_value();
-        } catch (...) {
-            done.set_exception(std::current_exception());
-        }
-    });
-    if (!posted) throw std::runtime_error("fake bluetoothd: the event loop has stopped");
-    finished.get();
+// Runs `task` on the fake's thread and waits for its result, passing its exception on.
+template <class Task>
+auto invoke(dispatch::PollLoop& loop, Task task) -> decltype(task()) {
+    if (loop.isCurrent()) return task();
+    std::packaged_task<decltype(task())()> job(std::move(task));
+    auto result = job.get_future();
+    if (!loop.post([&] { job(); })) throw std::runtime_error("fake bluetoothd: the event loop has stopped");
+    return result.get();
 }
 
 }  // namespace
@@ -53,20 +43,12 @@ std::string FakeBluez::devicePath(const std::string& adapter, const std::string&
     return adapterPath(adapter) + "/dev_" + addressPathPart(address);
 }
 
-std::string FakeBluez::uniqueName() const {
-    std::string name;
-    invoke(*loop_, [&] { name = model_->uniqueName(); });
-    return name;
-}
-
 void FakeBluez::addAdapter(AdapterSetup setup) {
     invoke(*loop_, [&] { model_->addAdapter(std::move(setup)); });
 }
 
 std::string FakeBluez::addScale(ScaleSetup setup) {
-    std::string path;
-    invoke(*loop_, [&] { path = model_->addScale(std::move(setup)); });
-    return path;
+    return invoke(*loop_, [&] { return model_->addScale(std::move(setup)); });
 }
 
 void FakeBluez::failConnect(const std::string& address, const std::string& text) {
@@ -123,26 +105,16 @@ void FakeBluez::restart(Duration downtime) {
     invoke(*loop_, [&] { model_->restart(downtime); });
 }
 
-std::vector<MethodCall> FakeBluez::calls() const {
-    std::vector<MethodCall> calls;
-    invoke(*loop_, [&] { calls = model_->calls(); });
-    return calls;
+std::vector<std::string> FakeBluez::calls() const {
+    return invoke(*loop_, [&] { return model_->calls(); });
 }
 
 std::vector<GattWrite> FakeBluez::writes(const std::string& address) const {
-    std::vector<GattWrite> writes;
-    invoke(*loop_, [&] { writes = model_->device(address).writes(); });
-    return writes;
-}
-
-void FakeBluez::clearWrites(const std::string& address) {
-    invoke(*loop_, [&] { model_->device(address).clearWrites(); });
+    return invoke(*loop_, [&] { return model_->device(address).writes(); });
 }
 
 bool FakeBluez::isConnected(const std::string& address) const {
-    bool connected = false;
-    invoke(*loop_, [&] { connected = model_->device(address).connected(); });
-    return connected;
+    return invoke(*loop_, [&] { return model_->device(address).connected(); });
 }
 
 void FakeBluez::withScale(const std::string& address,
@@ -152,15 +124,6 @@ void FakeBluez::withScale(const std::string& address,
 
 void FakeBluez::setEmissionObserver(EmissionObserver observer) {
     invoke(*loop_, [&] { model_->setObserver(std::move(observer)); });
-}
-
-bool FakeBluez::waitUntil(const std::function<bool()>& condition, Duration timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
 }
 
 }  // namespace plenk::fakebluez

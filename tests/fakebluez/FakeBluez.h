@@ -90,22 +90,10 @@ enum class ResolveMode {
     BeforeObjects,  // ServicesResolved=true first, GATT objects lateServicesResolved later
 };
 
-// One method call the fake received, in arrival order.
-struct MethodCall {
-    std::int64_t monotonicNs = 0;  // CLOCK_MONOTONIC
-    std::string sender;
-    std::string path;
-    std::string interface;
-    std::string member;
-    std::string args;  // e.g. `0AF1, {type: "request"}`
-};
-
 // One write that reached a scale's GATT server.
 struct GattWrite {
-    std::int64_t monotonicNs = 0;
     bt::Uuid characteristic;
     std::vector<std::uint8_t> value;
-    bool withResponse = true;
 };
 
 class BluezModel;
@@ -118,8 +106,6 @@ public:
     FakeBluez(const FakeBluez&) = delete;
     FakeBluez& operator=(const FakeBluez&) = delete;
 
-    // The current owner of org.bluez ("" while a restart keeps it down).
-    std::string uniqueName() const;
     static std::string adapterPath(const std::string& adapter) { return "/org/bluez/" + adapter; }
     // "/org/bluez/hci0/dev_C0_FF_EE_00_00_01"
     static std::string devicePath(const std::string& adapter, const std::string& address);
@@ -162,9 +148,9 @@ public:
     void restart(Duration downtime = 0ms);
 
     // --- records --------------------------------------------------------------
-    std::vector<MethodCall> calls() const;
+    // The member of every method call received ("Connect", ...), in arrival order.
+    std::vector<std::string> calls() const;
     std::vector<GattWrite> writes(const std::string& address) const;
-    void clearWrites(const std::string& address);
     bool isConnected(const std::string& address) const;
     // Runs `inspect` with the scale's emulator on the fake's thread.
     void withScale(const std::string& address, const std::function<void(emulator::ScaleEmulator&)>& inspect);
@@ -172,9 +158,6 @@ public:
     // (D-Bus signal or socket packet): address, index since start, CLOCK_MONOTONIC ns.
     using EmissionObserver = std::function<void(const std::string&, std::uint64_t, std::int64_t)>;
     void setEmissionObserver(EmissionObserver observer);
-
-    // Polls `condition` (on the calling thread) until true or `timeout`.
-    static bool waitUntil(const std::function<bool()>& condition, Duration timeout = 5s);
 
 private:
     std::unique_ptr<dispatch::PollLoop> loop_;

@@ -30,9 +30,9 @@ using InterfaceMap = std::map<std::string, Dict>;
 using ManagedObjects = std::map<sdbus::ObjectPath, InterfaceMap>;
 
 constexpr const char* kObjectManager = "org.freedesktop.DBus.ObjectManager";
-constexpr const char* kAdapter = "org.bluez.Adapter1";
-constexpr const char* kDevice = "org.bluez.Device1";
-constexpr const char* kCharacteristic = "org.bluez.GattCharacteristic1";
+constexpr const char* kAdapter = kAdapterInterface;
+constexpr const char* kDevice = kDeviceInterface;
+constexpr const char* kCharacteristic = kCharacteristicInterface;
 constexpr const char* kScale = "C0:FF:EE:00:00:01";
 constexpr const char* kOther = "C0:FF:EE:00:00:02";
 
@@ -172,16 +172,17 @@ TEST(FakeBluez, ConnectRepliesAtLinkUpWritesAreSerialisedDisconnectKeepsItsOrder
     bluez.addScale({.address = kScale, .cached = true});
     Client client(bus.address());
     const auto device = FakeBluez::devicePath("hci0", kScale);
-    // Connect answers at link-up; services resolve after it.
-    const auto connect = [&] {
+    // Calls `member` on the device: where its reply falls among the property changes.
+    const auto linkCall = [&](const char* member, const std::vector<std::string>& expected) {
         client.events.clear();
-        client.at(device).callMethodAsync("Connect").onInterface(kDevice).uponReplyInvoke(
+        client.at(device).callMethodAsync(member).onInterface(kDevice).uponReplyInvoke(
             [&](const sdbus::Error* error) { client.events.push_back(error ? error->getName() : "reply"); });
-        ASSERT_TRUE(client.pump([&] { return client.events.size() == 3; }));
-        EXPECT_EQ(client.events,
-                  (std::vector<std::string>{"Connected=true", "reply", "ServicesResolved=true"}));
+        ASSERT_TRUE(client.pump([&] { return client.events.size() == expected.size(); }));
+        EXPECT_EQ(client.events, expected);
     };
-    connect();
+    // Connect answers at link-up; services resolve after it.
+    const std::vector<std::string> connected{"Connected=true", "reply", "ServicesResolved=true"};
+    linkCall("Connect", connected);
     // A StartNotify session streams the weights at 10 Hz.
     const auto data = client.characteristic(wire::kDataCharacteristic);
     client.at(data).callMethod("StartNotify").onInterface(kCharacteristic);
@@ -203,14 +204,7 @@ TEST(FakeBluez, ConnectRepliesAtLinkUpWritesAreSerialisedDisconnectKeepsItsOrder
     ASSERT_EQ(bluez.writes(kScale).size(), 1u);
     EXPECT_EQ(bluez.writes(kScale)[0].value, (std::vector<std::uint8_t>{0x55, 0x00}));
 
-    client.events.clear();
-    client.at(device)
-        .callMethodAsync("Disconnect")
-        .onInterface(kDevice)
-        .uponReplyInvoke([&](const sdbus::Error*) { client.events.push_back("reply"); });
-    ASSERT_TRUE(client.pump([&] { return client.events.size() == 3; }));
-    EXPECT_EQ(client.events,
-              (std::vector<std::string>{"ServicesResolved=false", "reply", "Connected=false"}));
+    linkCall("Disconnect", {"ServicesResolved=false", "reply", "Connected=false"});
     EXPECT_EQ(Client::errorOf([&] {
                   client.at(client.characteristic(wire::kInfoCharacteristic))
                       .callMethod("ReadValue")
@@ -220,7 +214,7 @@ TEST(FakeBluez, ConnectRepliesAtLinkUpWritesAreSerialisedDisconnectKeepsItsOrder
               "org.bluez.Error.Failed: Not connected");
 
     // bluetoothd kept the session and subscribes it again on the next link.
-    connect();
+    linkCall("Connect", connected);
     client.values = 0;
     EXPECT_TRUE(client.pump([&] { return client.values >= 2; }));
 }

@@ -18,12 +18,7 @@ FakeDevice::FakeDevice(DeviceContext& context, std::string adapterPath, ScaleSet
       temporary_(!setup_.cached && !setup_.connected) {}
 
 FakeDevice::~FakeDevice() {
-    for (auto& characteristic : characteristics_) {
-        if (characteristic.notifyFd >= 0) {
-            context_.loop.unwatch(characteristic.notifyFd);
-            ::close(characteristic.notifyFd);
-        }
-    }
+    closeNotifySockets();
     for (auto* timer : {&connectTimer_, &timeoutTimer_, &resolveTimer_, &disconnectTimer_, &streamTimer_}) {
         cancelTimer(*timer);
     }
@@ -46,6 +41,14 @@ bool FakeDevice::advertising() const {
 void FakeDevice::cancelTimer(dispatch::PollLoop::TimerId& timer) {
     if (timer != 0) context_.loop.cancel(timer);
     timer = 0;
+}
+
+void FakeDevice::closeNotifySockets() {
+    for (auto& characteristic : characteristics_) {
+        if (characteristic.notifyFd < 0) continue;
+        context_.loop.unwatch(characteristic.notifyFd);
+        ::close(characteristic.notifyFd);
+    }
 }
 
 // --- Device1 properties ------------------------------------------------------------
@@ -165,7 +168,7 @@ void FakeDevice::remove() {
 // --- link ----------------------------------------------------------------------------
 
 void FakeDevice::connect(const CallPtr& call) {
-    if (!context_.adapterPowered()) {
+    if (!context_.adapterPowered(adapterPath_)) {
         call->replyError(kBluezError + std::string("NotReady"), "Resource Not Ready");
         return;
     }
@@ -205,10 +208,6 @@ void FakeDevice::startLink() {
     waiting_ = true;
     timeoutTimer_ = after(context_.timings.connectTimeout,
                           [this] { failPendingConnect("le-connection-abort-by-local"); });
-}
-
-void FakeDevice::reachabilityChanged() {
-    if (link_ == Link::Connecting && waiting_ && advertising()) startLink();
 }
 
 void FakeDevice::failPendingConnect(const std::string& text) {
@@ -336,8 +335,9 @@ void FakeDevice::setInRange(bool inRange) {
         startLink();
     } else if (!inRange) {
         linkLost();
+    } else if (link_ == Link::Connecting && waiting_) {
+        startLink();  // back in range: the waiting Connect() proceeds
     }
-    reachabilityChanged();
 }
 
 void FakeDevice::daemonStopped() {
@@ -349,41 +349,10 @@ void FakeDevice::daemonStopped() {
     if (link_ != Link::Disconnected) scale_.disconnected(emulatorNow());
     link_ = Link::Disconnected;
     servicesResolved_ = false;
-    for (auto& characteristic : characteristics_) {
-        if (characteristic.notifyFd >= 0) {
-            context_.loop.unwatch(characteristic.notifyFd);
-            ::close(characteristic.notifyFd);
-        }
-    }
+    closeNotifySockets();
     characteristics_.clear();
     servicePaths_.clear();
     updateStream();
-}
-
-// --- hooks -----------------------------------------------------------------------------
-
-void FakeDevice::failConnect(const std::string& text) {
-    connectFaults_.push_back({text, std::nullopt});
-}
-
-void FakeDevice::hangConnect(Duration after, const std::string& text) {
-    connectFaults_.push_back({text, after});
-}
-
-void FakeDevice::clearConnectFaults() {
-    connectFaults_.clear();
-}
-
-void FakeDevice::removeCharacteristic(const bt::Uuid& service, const bt::Uuid& characteristic) {
-    removedCharacteristics_.insert({service, characteristic});
-}
-
-void FakeDevice::failWrites(const bt::Uuid& characteristic, std::uint8_t attError) {
-    if (attError == 0) {
-        writeErrors_.erase(characteristic);
-    } else {
-        writeErrors_[characteristic] = attError;
-    }
 }
 
 }  // namespace plenk::fakebluez

@@ -33,7 +33,7 @@ struct DeviceContext {
     ObjectTree& tree;
     const Timings& timings;
     FakeBluez::EmissionObserver* observer;
-    std::function<bool()> adapterPowered;
+    std::function<bool(const std::string& adapterPath)> adapterPowered;
 };
 
 class FakeDevice {
@@ -48,8 +48,7 @@ public:
     const std::string& adapterPath() const { return adapterPath_; }
     bool exported() const { return context_.tree.has(path_); }
     bool connected() const { return link_ == Link::Connected; }
-    // Known to bluetoothd across restarts (connected once, or cached).
-    bool persistent() const { return !temporary_; }
+    // Forgotten after a scan, unlike a device connected once or cached.
     bool temporary() const { return temporary_; }
     bool advertising() const;
     std::vector<bt::Uuid> advertisedServices() const { return scale_.advertisedServices(); }
@@ -75,25 +74,27 @@ public:
     void remove();
 
     // --- hooks ------------------------------------------------------------------
-    void failConnect(const std::string& text);
-    void hangConnect(Duration after, const std::string& text);
-    void clearConnectFaults();
+    void failConnect(const std::string& text) { connectFaults_.push_back({text, std::nullopt}); }
+    void hangConnect(Duration after, const std::string& text) { connectFaults_.push_back({text, after}); }
+    void clearConnectFaults() { connectFaults_.clear(); }
     void setResolveMode(ResolveMode mode) { resolveMode_ = mode; }
-    void removeCharacteristic(const bt::Uuid& service, const bt::Uuid& characteristic);
-    void failWrites(const bt::Uuid& characteristic, std::uint8_t attError);
-    // The link is lost (the peer left, went out of range, or the adapter stopped).
-    void linkLost();
+    void removeCharacteristic(const bt::Uuid& service, const bt::Uuid& characteristic) {
+        removedCharacteristics_.insert({service, characteristic});
+    }
+    // 0 clears the fault.
+    void failWrites(const bt::Uuid& characteristic, std::uint8_t attError) {
+        if (attError == 0) writeErrors_.erase(characteristic);
+        if (attError != 0) writeErrors_[characteristic] = attError;
+    }
+    void linkLost();  // the peer left, went out of range, or the adapter stopped
     void setInRange(bool inRange);
     // `index` numbers the emission for the observer (default: a running count).
     void notify(const bt::Uuid& characteristic, const bt::Bytes& value,
                 std::optional<std::uint64_t> index = {});
     // bluetoothd went away: forget links, sessions and objects without signals.
     void daemonStopped();
-    // The device may have become connectable: a waiting Connect() proceeds.
-    void reachabilityChanged();
 
     const std::vector<GattWrite>& writes() const { return writes_; }
-    void clearWrites() { writes_.clear(); }
 
 private:
     enum class Link { Disconnected, Connecting, Connected, Disconnecting };
@@ -141,6 +142,7 @@ private:
     void linkDown(const CallPtr& disconnectCall, const std::string& connectError);
     void failPendingConnect(const std::string& text);
     void cancelTimer(dispatch::PollLoop::TimerId& timer);
+    void closeNotifySockets();
 
     // GATT objects
     void exportGatt();
@@ -156,7 +158,7 @@ private:
     void failPending(Characteristic& characteristic);
     bool notifying(const Characteristic& characteristic) const;
     emulator::ScaleEmulator::Effect deliverWrite(const bt::Uuid& characteristic,
-                                                 const std::vector<std::uint8_t>& value, bool withResponse);
+                                                 const std::vector<std::uint8_t>& value);
     void registerSessions();
     void updateNotifying(Characteristic& characteristic);
     bool hasListeners(const Characteristic& characteristic) const;

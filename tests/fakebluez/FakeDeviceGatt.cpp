@@ -170,19 +170,16 @@ void FakeDevice::readValue(Characteristic& characteristic, const CallPtr& call) 
         if (c == nullptr || c->pendingReads.empty()) return;
         auto calls = std::move(c->pendingReads);
         c->pendingReads.clear();
-        std::uint8_t error = (c->properties & emulator::kGattRead) == 0 ? kAttReadNotPermitted : 0;
-        std::vector<std::uint8_t> value;
-        if (error == 0) {
-            if (auto read = scale_.read(c->uuid, emulatorNow())) {
-                value = read->toVector();
-            } else if (const auto* definition = scale_.profile().findCharacteristic(c->uuid)) {
-                value = definition->value.toVector();
-            }
-        }
-        if (error != 0) {
-            const auto dbusError = attErrorToDbus(error);
-            for (auto& call : calls) call->replyError(dbusError.name, dbusError.text);
+        if ((c->properties & emulator::kGattRead) == 0) {
+            const auto error = attErrorToDbus(kAttReadNotPermitted);
+            for (auto& call : calls) call->replyError(error.name, error.text);
             return;
+        }
+        std::vector<std::uint8_t> value;
+        if (auto read = scale_.read(c->uuid, emulatorNow())) {
+            value = read->toVector();
+        } else if (const auto* definition = scale_.profile().findCharacteristic(c->uuid)) {
+            value = definition->value.toVector();
         }
         // bluetoothd stores the value (PropertiesChanged) before it replies.
         context_.tree.set(c->path, kCharacteristicInterface, "Value", value, true);
@@ -243,7 +240,7 @@ void FakeDevice::writeValue(Characteristic& characteristic, const CallPtr& call)
                 pending->replyError(dbusError.name, dbusError.text);
                 return;
             }
-            const auto effect = deliverWrite(c->uuid, value, true);
+            const auto effect = deliverWrite(c->uuid, value);
             pending->replyEmpty();
             applyEffect(effect);
         });
@@ -257,15 +254,12 @@ void FakeDevice::writeValue(Characteristic& characteristic, const CallPtr& call)
     call->replyEmpty();
     if ((props & emulator::kGattWriteWithoutResponse) == 0 || writeErrors_.count(characteristic.uuid) != 0)
         return;
-    applyEffect(deliverWrite(characteristic.uuid, value, false));
+    applyEffect(deliverWrite(characteristic.uuid, value));
 }
 
 emulator::ScaleEmulator::Effect FakeDevice::deliverWrite(const bt::Uuid& characteristic,
-                                                         const std::vector<std::uint8_t>& value,
-                                                         bool withResponse) {
-    const auto now = std::chrono::steady_clock::now();
-    writes_.push_back({std::chrono::duration_cast<std::chrono::nanoseconds>(now.time_since_epoch()).count(),
-                       characteristic, value, withResponse});
+                                                         const std::vector<std::uint8_t>& value) {
+    writes_.push_back({characteristic, value});
     return scale_.write(characteristic, value, emulatorNow());
 }
 

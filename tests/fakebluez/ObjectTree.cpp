@@ -104,25 +104,21 @@ void ObjectTree::properties(const CallPtr& call) {
                          "No such object path '" + call->path() + "'");
         return;
     }
-    sd_bus_message* m = call->message();
+    const auto& member = call->member();
     const char* interface = nullptr;
-    if (sd_bus_message_read_basic(m, 's', &interface) <= 0) {
-        call->replyError(kInvalidArgs, "Invalid arguments in method call");
-        return;
-    }
-    const std::string interfaceName = interface;
-    auto properties = object->second.find(interfaceName);
-    if (properties == object->second.end()) {
-        call->replyError(kInvalidArgs, "No such interface '" + interfaceName + "'");
-        return;
-    }
-    if (call->member() == "GetAll") {
-        call->reply([&](sd_bus_message* reply) { return appendProperties(reply, properties->second); });
-        return;
-    }
     const char* name = nullptr;
-    if (sd_bus_message_read_basic(m, 's', &name) <= 0) {
+    if (sd_bus_message_read_basic(call->message(), 's', &interface) <= 0 ||
+        (member != "GetAll" && sd_bus_message_read_basic(call->message(), 's', &name) <= 0)) {
         call->replyError(kInvalidArgs, "Invalid arguments in method call");
+        return;
+    }
+    auto properties = object->second.find(interface);
+    if (properties == object->second.end()) {
+        call->replyError(kInvalidArgs, std::string("No such interface '") + interface + "'");
+        return;
+    }
+    if (member == "GetAll") {
+        call->reply([&](sd_bus_message* reply) { return appendProperties(reply, properties->second); });
         return;
     }
     auto value = properties->second.find(name);
@@ -130,14 +126,13 @@ void ObjectTree::properties(const CallPtr& call) {
         call->replyError(kInvalidArgs, std::string("No such property '") + name + "'");
         return;
     }
-    if (call->member() == "Get") {
+    if (member == "Get") {
         call->reply([&](sd_bus_message* reply) { return appendVariant(reply, value->second); });
-        return;
+    } else if (member == "Set") {  // clients of the fake only read: every property is read-only
+        call->replyError("org.freedesktop.DBus.Error.PropertyReadOnly", "Property is read-only");
+    } else {
+        call->replyError("org.freedesktop.DBus.Error.UnknownMethod", "Unknown method " + member);
     }
-    // Clients of the fake only read: every property is read-only.
-    call->replyError(call->member() == "Set" ? "org.freedesktop.DBus.Error.PropertyReadOnly"
-                                             : "org.freedesktop.DBus.Error.UnknownMethod",
-                     call->member() == "Set" ? "Property is read-only" : "Unknown method " + call->member());
 }
 
 }  // namespace plenk::fakebluez

@@ -89,10 +89,6 @@ std::string PrivateBus::daemonPath() {
     return {};
 }
 
-bool PrivateBus::available() {
-    return !daemonPath().empty();
-}
-
 PrivateBus::PrivateBus() : directory_(temporaryDirectory()) {
     const std::string config = directory_ + "/bus.conf";
     std::ofstream(config) << configFor(directory_);

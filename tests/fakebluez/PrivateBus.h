@@ -22,9 +22,6 @@ public:
 
     const std::string& address() const { return address_; }
 
-    // Whether a dbus-daemon can be run here (tests skip without one).
-    static bool available();
-
 private:
     static std::string daemonPath();  // "" when not on PATH
     std::string logPath() const;

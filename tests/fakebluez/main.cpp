@@ -49,20 +49,16 @@ bool writeLog(const FakeBluez& bluez, const std::vector<std::string>& addresses,
 
 int main(int argc, char** argv) {
     CLI::App app{"A fake bluetoothd (org.bluez) serving emulated scales"};
-    std::string address;
     bool privateBus = false;
-    std::string adapter = "hci0";
     std::vector<std::string> names;
     std::string format = "binary";
     int rate = 10;
     bool sequence = false;
     std::string stamps;
     std::string writesFile;
-    app.add_option("--address", address, "D-Bus address to serve on (default: $DBUS_SYSTEM_BUS_ADDRESS)");
     app.add_flag("--private", privateBus,
-                 "Start a private dbus-daemon and print its address on the first line")
-        ->excludes("--address");
-    app.add_option("--adapter", adapter, "Adapter name")->capture_default_str();
+                 "Start a private dbus-daemon and print its address on the first line "
+                 "(default: serve on $DBUS_SYSTEM_BUS_ADDRESS)");
     app.add_option("--scale", names, "Advertised name of a scale (repeatable; default one \"Plenk Scale\")");
     app.add_option("--format", format, "Weight format")
         ->check(CLI::IsMember({"binary", "text"}))
@@ -88,18 +84,15 @@ int main(int argc, char** argv) {
 
     try {
         std::optional<PrivateBus> bus;
+        std::string address;
         if (privateBus) {
-            bus.emplace();
-            address = bus->address();
+            address = bus.emplace().address();
             std::cout << address << std::endl;
-        } else if (address.empty()) {
-            const char* system = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
-            if (system == nullptr || *system == '\0') {
-                std::cerr
-                    << "fake-bluetoothd: no bus: give --address, --private or set DBUS_SYSTEM_BUS_ADDRESS\n";
-                return 2;
-            }
+        } else if (const char* system = std::getenv("DBUS_SYSTEM_BUS_ADDRESS"); system && *system) {
             address = system;
+        } else {
+            std::cerr << "fake-bluetoothd: no bus: give --private or set DBUS_SYSTEM_BUS_ADDRESS\n";
+            return 2;
         }
         if (names.empty()) names.emplace_back("Plenk Scale");
 
@@ -112,7 +105,7 @@ int main(int argc, char** argv) {
                 bluez.setEmissionObserver([&emitted](const std::string&, std::uint64_t index,
                                                      std::int64_t ns) { emitted.emplace_back(index, ns); });
             }
-            bluez.addAdapter({.name = adapter});
+            bluez.addAdapter({});
             std::vector<std::string> addresses;
             for (std::size_t i = 0; i < names.size(); ++i) {
                 char deviceAddress[18];
@@ -120,7 +113,6 @@ int main(int argc, char** argv) {
                               static_cast<unsigned>(i + 1) & 0xFFu);
                 ScaleSetup setup;
                 setup.address = deviceAddress;
-                setup.adapter = adapter;
                 setup.options.name = names[i];
                 setup.options.format = format == "text" ? plenk::emulator::WeightFormat::Text
                                                         : plenk::emulator::WeightFormat::Binary;
@@ -129,7 +121,7 @@ int main(int argc, char** argv) {
                 std::cerr << "fake-bluetoothd: \"" << names[i] << "\" at " << bluez.addScale(setup) << "\n";
                 addresses.emplace_back(deviceAddress);
             }
-            std::cerr << "fake-bluetoothd: serving org.bluez as " << bluez.uniqueName() << "\n";
+            std::cerr << "fake-bluetoothd: serving org.bluez\n";
             int received = 0;
             while (sigwait(&signals, &received) == 0 && received == SIGUSR1) {
                 for (const auto& each : addresses) bluez.dropLink(each);
