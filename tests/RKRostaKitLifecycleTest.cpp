@@ -46,7 +46,7 @@ TEST_F(KitLifecycle, AutoConnectsTheFirstScaleTaresItAndPassesWeightsUnchanged) 
 // Every radio report sets the state code and only power-on scans; only scale
 // names are connected, and the scan stops once one is.
 TEST(KitStart, RadioStateCodesAndNameFilter) {
-    using enum bt::ManagerState;
+    using enum RadioState;  // the enum itself: clang 14 refuses its alias bt::ManagerState here
     const struct {
         std::optional<std::string> name;
         bt::ManagerState radio;
