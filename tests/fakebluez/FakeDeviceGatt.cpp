@@ -12,26 +12,12 @@
 
 #include "BluezNames.h"
 #include "FakeDevice.h"
+#include "backends/bluez/GattFlags.h"
 #include "wire/GattUuids.h"
 
 namespace plenk::fakebluez {
 
 namespace {
-
-std::vector<std::string> flagsOf(std::uint32_t properties) {
-    static constexpr std::pair<std::uint32_t, const char*> kFlags[] = {
-        {emulator::kGattRead, "read"},
-        {emulator::kGattWriteWithoutResponse, "write-without-response"},
-        {emulator::kGattWrite, "write"},
-        {emulator::kGattNotify, "notify"},
-        {emulator::kGattIndicate, "indicate"},
-    };
-    std::vector<std::string> flags;
-    for (const auto& [bit, name] : kFlags) {
-        if ((properties & bit) != 0) flags.emplace_back(name);
-    }
-    return flags;
-}
 
 std::string handlePath(const std::string& parent, const char* kind, unsigned handle) {
     char buffer[16];
@@ -96,7 +82,7 @@ void FakeDevice::exportGatt() {
                 {"UUID", definition.uuid.fullString()},
                 {"Service", ObjectPath{servicePath}},
                 {"Value", definition.cached ? definition.value.toVector() : std::vector<std::uint8_t>{}},
-                {"Flags", flagsOf(definition.properties)},
+                {"Flags", bluez::flagsFromProperties(definition.properties)},
                 {"MTU", kMtu},
             };
             if ((definition.properties & kNotifyOrIndicate) != 0) properties["Notifying"] = false;

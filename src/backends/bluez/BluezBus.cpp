@@ -1,7 +1,6 @@
 #include "backends/bluez/BluezBus.h"
 
 #include <unistd.h>
-#include <limits>
 
 namespace plenk::bluez {
 
@@ -138,38 +137,13 @@ BluezBus::BluezBus(dispatch::PollLoop& loop, Handlers handlers, std::function<vo
             } catch (const sdbus::Error&) {
             }
         }));
-    lost_ = std::move(lost);
-    loop_.setPump(this);
+    pump_ = std::make_unique<BusPump>(loop_, *connection_, std::move(lost));
 }
 
 BluezBus::~BluezBus() {
-    loop_.setPump(nullptr);
+    pump_.reset();
     proxies_.clear();
     matches_.clear();
-}
-
-// sd-bus sets its deadline to now while messages wait in its queue.
-BluezBus::PollData BluezBus::pollData() const {
-    try {
-        const auto data = connection_->getEventLoopPollData();
-        PollData out{data.fd, data.events, std::nullopt};
-        if (data.timeout_usec != std::numeric_limits<std::uint64_t>::max())
-            out.deadline = dispatch::PollLoop::TimePoint{std::chrono::microseconds(data.timeout_usec)};
-        return out;
-    } catch (const sdbus::Error&) {
-        return {-1, 0, dispatch::PollLoop::TimePoint{}};  // due now: the pump finds out what is wrong
-    }
-}
-
-void BluezBus::pump() {
-    try {
-        while (connection_->processPendingRequest()) {
-            if (loop_.stopping()) return;
-        }
-    } catch (const std::exception&) {
-        loop_.setPump(nullptr);  // a failed connection is not polled again
-        if (auto lost = std::exchange(lost_, nullptr)) lost();
-    }
 }
 
 bool BluezBus::fromOwner(const sdbus::Message& message) const {

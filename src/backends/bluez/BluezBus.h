@@ -13,6 +13,7 @@
 
 #include "backends/bluez/BluezErrors.h"
 #include "backends/bluez/BluezProperties.h"
+#include "backends/bluez/BusPump.h"
 #include "dispatch/PollLoop.h"
 
 namespace plenk::bluez {
@@ -45,7 +46,7 @@ private:
 // the event loop. Signals and replies are parsed into plain values while sd-bus
 // dispatches them and handed to the handlers in tasks posted to the loop, so a
 // handler may do anything, including dropping this object.
-class BluezBus final : private dispatch::PollLoop::Pump {
+class BluezBus final {
 public:
     struct Handlers {
         // org.bluez got an owner (its unique name) or lost it ("").
@@ -70,7 +71,7 @@ public:
     // the connection fails. Closing it (the destructor) still sends what was
     // queued, so calls made just before go out.
     BluezBus(dispatch::PollLoop& loop, Handlers handlers, std::function<void()> lost);
-    ~BluezBus() override;
+    ~BluezBus();
     BluezBus(const BluezBus&) = delete;
     BluezBus& operator=(const BluezBus&) = delete;
 
@@ -95,10 +96,6 @@ public:
               Done<bool> done, std::chrono::microseconds timeout = std::chrono::microseconds::zero());
 
 private:
-    // PollLoop::Pump: the connection is polled and processed on the loop.
-    PollData pollData() const override;
-    void pump() override;
-
     using RawReply = std::function<void(sdbus::MethodReply& reply, const sdbus::Error* error)>;
     void callRaw(const std::string& destination, const std::string& path, const char* interface,
                  const char* method, const Fill& fill, const RawReply& onReply,
@@ -113,8 +110,8 @@ private:
     std::unique_ptr<sdbus::IConnection> connection_;
     std::vector<sdbus::Slot> matches_;
     std::map<std::pair<std::string, std::string>, std::unique_ptr<sdbus::IProxy>> proxies_;
-    std::function<void()> lost_;  // runs once processing the connection fails
-    std::string owner_;           // the unique name signals are taken from ("" until known)
+    std::unique_ptr<BusPump> pump_;  // the connection is polled and processed on the loop
+    std::string owner_;              // the unique name signals are taken from ("" until known)
     std::shared_ptr<BluezBus*> alive_;
 };
 

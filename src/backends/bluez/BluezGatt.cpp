@@ -6,18 +6,6 @@
 
 namespace plenk::bluez {
 
-std::uint32_t propertiesFromFlags(const std::vector<std::string>& flags) {
-    std::uint32_t bits = 0;
-    for (const auto& flag : flags) {
-        if (flag == "read") bits |= bt::kPropertyRead;
-        if (flag == "write-without-response") bits |= bt::kPropertyWriteWithoutResponse;
-        if (flag == "write") bits |= bt::kPropertyWrite;
-        if (flag == "notify") bits |= bt::kPropertyNotify;
-        if (flag == "indicate") bits |= bt::kPropertyIndicate;
-    }
-    return bits;
-}
-
 BluezService::BluezService(const BluezPeripheral* owner, std::weak_ptr<BluezPeripheral> peripheral,
                            std::string path, bt::Uuid uuid, bool primary, std::uint32_t link)
     : owner(owner),

@@ -14,9 +14,6 @@ namespace plenk::bluez {
 class BluezPeripheral;
 class BluezCharacteristic;
 
-// Characteristic property bits from a GattCharacteristic1's Flags.
-std::uint32_t propertiesFromFlags(const std::vector<std::string>& flags);
-
 // A GattService1 of one link of a peripheral: a new link hands out new objects.
 class BluezService final : public bt::Service {
 public:

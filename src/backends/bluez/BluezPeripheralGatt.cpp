@@ -10,6 +10,7 @@
 
 #include "backends/bluez/BluezPeripheral.h"
 #include "backends/bluez/CentralCore.h"
+#include "backends/bluez/GattFlags.h"
 
 namespace plenk::bluez {
 
