@@ -92,7 +92,8 @@ check_cli_commands() {
 tare
 calibrate 7
 unit 1
-unit 2
+unit 0
+unit 2|unit 1
 display on
 display off
 led on
