@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The harness's own scenario: proves the guest's stack without any PlenkKit code. Both adapters are
 # powered; hci1 advertises a name through bluetoothd's LEAdvertisingManager1 and hci0's LE discovery
-# (a Transport "le" filter, then StartDiscovery; both what bluetoothctl's "scan le" sends) finds it.
+# (SetDiscoveryFilter with Transport "le", then StartDiscovery) finds it.
 # bluetoothctl holds the advertisement and the discovery session, so this script feeds it commands
 # and checks each effect on D-Bus before the next.
 set -euo pipefail
@@ -45,8 +45,11 @@ found() { [ "$(prop "$device" Device1 Name)" = "$name" ]; }
 drive() {
   trap 'echo quit' EXIT
   echo "select $central"
-  echo "scan le"
-  wait_for 10 discovering || fail "hci0 is not discovering 10 s after 'scan le'"
+  echo "menu scan"
+  echo "transport le"
+  echo "back"
+  echo "scan on"
+  wait_for 10 discovering || fail "hci0 is not discovering 10 s after 'scan on'"
   echo "smoke: hci0 discovers (LE)" >&2
   echo "select $peripheral"
   echo "menu advertise"
