@@ -61,6 +61,7 @@ begin() {
   log "$step"
 }
 
+# Bounds are generous: under a loaded host each step takes several times longer.
 # Polls CONDITION (a command without arguments) every 0.1 s for at most SECONDS; true when it held.
 # With a PID, gives up as soon as that daemon is gone.
 wait_for() {
@@ -110,7 +111,7 @@ begin dbus
 mkdir -p /run/dbus
 dbus-daemon --system --fork || setup_failed "dbus-daemon --system did not start"
 bus_socket() { [ -S /run/dbus/system_bus_socket ]; }
-wait_for 5 bus_socket || setup_failed "no system bus socket after 5 s"
+wait_for 10 bus_socket || setup_failed "no system bus socket after 10 s"
 
 # btmon records everything HCI and mgmt to RESULTS/hci.btsnoop (the host decodes it to btmon.log:
 # decoding here would take CPU from the scenario). Once the kernel's monitor channel has greeted it
@@ -119,14 +120,14 @@ begin btmon
 btmon -w "$results/hci.btsnoop" >/dev/null 2>&1 &
 daemons+=($!)
 monitoring() { [ "$(stat -c %s "$results/hci.btsnoop" 2>/dev/null || echo 0)" -gt 16 ]; }
-wait_for 10 monitoring || setup_failed "btmon did not start within 10 s"
+wait_for 20 monitoring || setup_failed "btmon did not start within 20 s"
 
 begin btvirt
 btvirt -L -l2 >"$results/btvirt.log" 2>&1 &
 btvirt=$!
 daemons+=("$btvirt")
 both_controllers() { [ -e /sys/class/bluetooth/hci0 ] && [ -e /sys/class/bluetooth/hci1 ]; }
-wait_for 10 both_controllers "$btvirt" || setup_failed "$(gone "$btvirt" btvirt)no hci0 and hci1 after 10 s"
+wait_for 20 both_controllers "$btvirt" || setup_failed "$(gone "$btvirt" btvirt)no hci0 and hci1 after 20 s"
 
 begin bluetoothd
 bluetoothd -n -d --noplugin=sap,hostname >"$results/bluetoothd.log" 2>&1 &
@@ -137,8 +138,8 @@ both_adapters() {
   [ "$(bluez / org.freedesktop.DBus.ObjectManager.GetManagedObjects |
     grep -cE 'object path "/org/bluez/hci[01]"$')" -eq 2 ]
 }
-wait_for 20 both_adapters "$bluetoothd" ||
-  setup_failed "$(gone "$bluetoothd" bluetoothd)org.bluez did not export /org/bluez/hci0 and hci1 within 20 s"
+wait_for 30 both_adapters "$bluetoothd" ||
+  setup_failed "$(gone "$bluetoothd" bluetoothd)org.bluez did not export /org/bluez/hci0 and hci1 within 30 s"
 
 begin power
 powered() {
@@ -148,7 +149,7 @@ powered() {
 for hci in hci0 hci1; do
   bluez "/org/bluez/$hci" org.freedesktop.DBus.Properties.Set string:org.bluez.Adapter1 string:Powered \
     variant:boolean:true >/dev/null || setup_failed "setting $hci Powered failed"
-  wait_for 5 powered || setup_failed "$hci not powered after 5 s"
+  wait_for 10 powered || setup_failed "$hci not powered after 10 s"
 done
 mark stack-ready
 log "stack ready: hci0 and hci1 powered; running ${param[scenario]} (at most ${timeout} s)"

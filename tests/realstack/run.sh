@@ -28,8 +28,8 @@ while [ $# -gt 0 ]; do
   shift 2
 done
 [ -n "$build" ] || usage
-if ! [[ $timeout =~ ^[0-9]+$ ]] || [ "$timeout" -lt 60 ]; then
-  die "--timeout must be a whole number of seconds, at least 60"
+if ! [[ $timeout =~ ^[0-9]+$ ]] || [ "$timeout" -lt 90 ]; then
+  die "--timeout must be a whole number of seconds, at least 90"
 fi
 [ -f "$scenario" ] || die "no scenario at $scenario"
 mkdir -p "$build"
@@ -71,8 +71,9 @@ out=$build/realstack
 kernel=$out/kernel
 version=$(cat "$kernel/.unpacked")
 
-# The scenario gets what is left once boot and power-off (well under a minute under TCG) are paid for.
-scenario_timeout=$((timeout - 45))
+# The scenario gets what is left once boot and power-off are paid for (half a minute under TCG on a
+# busy host).
+scenario_timeout=$((timeout - 60))
 cmdline=(console=ttyS0 panic=-1 quiet cryptomgr.notests
   plenk.init="$here/guest-init.sh" plenk.results="$results" plenk.kernel="$kernel"
   plenk.repo="$repo" plenk.scenario="$scenario" plenk.build="$build" plenk.timeout="$scenario_timeout")

@@ -49,7 +49,7 @@ drive() {
   echo "transport le"
   echo "back"
   echo "scan on"
-  wait_for 10 discovering || fail "hci0 is not discovering 10 s after 'scan on'"
+  wait_for 20 discovering || fail "hci0 is not discovering 20 s after 'scan on'"
   echo "smoke: hci0 discovers (LE)" >&2
   echo "select $peripheral"
   echo "menu advertise"
@@ -57,8 +57,8 @@ drive() {
   echo "back"
   echo "advertise peripheral"
   local start=$EPOCHREALTIME
-  wait_for 10 advertising || fail "hci1 has no active advertisement after 10 s"
-  wait_for 10 found || fail "hci0's discovery did not find '$name' at $peripheral within 10 s"
+  wait_for 20 advertising || fail "hci1 has no active advertisement after 20 s"
+  wait_for 20 found || fail "hci0's discovery did not find '$name' at $peripheral within 20 s"
   awk -v s="$start" -v e="$EPOCHREALTIME" -v n="$name" -v a="$peripheral" \
     'BEGIN { printf "smoke: hci0 found \x27%s\x27 at %s %.2f s after hci1 was told to advertise\n", n, a, e - s }' >&2
 }
