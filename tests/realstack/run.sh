@@ -74,6 +74,8 @@ version=$(cat "$kernel/.unpacked")
 # The scenario gets what is left once boot and power-off are paid for (half a minute under TCG on a
 # busy host).
 scenario_timeout=$((timeout - 60))
+# Without cryptomgr.notests the kernel self-tests every crypto algorithm that Bluetooth loads: about
+# 10 s under TCG. panic=-1 with -no-reboot turns a guest panic into QEMU exiting.
 cmdline=(console=ttyS0 panic=-1 quiet cryptomgr.notests
   plenk.init="$here/guest-init.sh" plenk.results="$results" plenk.kernel="$kernel"
   plenk.repo="$repo" plenk.scenario="$scenario" plenk.build="$build" plenk.timeout="$scenario_timeout")
