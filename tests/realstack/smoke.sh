@@ -30,12 +30,16 @@ wait_for() { # SECONDS COMMAND...
 for hci in hci0 hci1; do
   [ "$(prop "/org/bluez/$hci" Adapter1 Powered)" = true ] || fail "$hci is not powered"
 done
-central=$(prop /org/bluez/hci0 Adapter1 Address)
-peripheral=$(prop /org/bluez/hci1 Adapter1 Address)
+central=$(prop /org/bluez/hci0 Adapter1 Address) || fail "cannot read hci0's address"
+peripheral=$(prop /org/bluez/hci1 Adapter1 Address) || fail "cannot read hci1's address"
 echo "smoke: hci0 $central and hci1 $peripheral powered"
 device=/org/bluez/hci0/dev_${peripheral//:/_}
 
-advertising() { [ "$(prop /org/bluez/hci1 LEAdvertisingManager1 ActiveInstances)" -ge 1 ]; }
+advertising() {
+  local active
+  active=$(prop /org/bluez/hci1 LEAdvertisingManager1 ActiveInstances)
+  [ "${active:-0}" -ge 1 ]
+}
 discovering() { [ "$(prop /org/bluez/hci0 Adapter1 Discovering)" = true ]; }
 found() { [ "$(prop "$device" Device1 Name)" = "$name" ]; }
 
@@ -63,5 +67,6 @@ drive() {
     'BEGIN { printf "smoke: hci0 found \x27%s\x27 at %s %.2f s after hci1 was told to advertise\n", n, a, e - s }' >&2
 }
 
-drive | timeout 60 bluetoothctl >"$results/bluetoothctl.log" 2>&1
+drive | timeout 60 bluetoothctl >"$results/bluetoothctl.log" 2>&1 ||
+  fail "the bluetoothctl session failed (statuses ${PIPESTATUS[*]}); see bluetoothctl.log"
 echo "smoke: PASS"
