@@ -10,6 +10,8 @@ packages=(
   python3 binutils tmux
   libsdbus-c++-dev libsystemd-dev dbus-daemon python3-bleak python3-dbus
   libgtk-4-dev xvfb xauth adwaita-icon-theme librsvg2-common fonts-dejavu-core desktop-file-utils
+  # tests/realstack: a QEMU guest on Debian's kernel running bluetoothd over btvirt's virtual controllers
+  qemu-system-x86 busybox-static kmod bluez bluez-test-tools dbus-system-bus-common
 )
 # --if-needed: do nothing when every package is already installed.
 if [ "${1:-}" = "--if-needed" ] &&
