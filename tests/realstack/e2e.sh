@@ -21,7 +21,7 @@ fail() { echo "FAIL $*"; failures=$((failures + 1)); }
 # start_emulator LOG ARGS...: waits until it advertises.
 start_emulator() {
   local log=$1 && shift
-  "$emulator" --adapter hci1 "$@" >"$log" 2>&1 </dev/null &
+  "$emulator" --adapter hci1 --readvertise 0.5 "$@" >"$log" 2>&1 </dev/null &
   emulator_pid=$!
   for _ in $(seq 1 100); do
     grep -q ' advertising ' "$log" && return 0

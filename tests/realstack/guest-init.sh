@@ -8,7 +8,7 @@
 # plenk.timeout= (seconds the scenario may take).
 set -uo pipefail # no -e: every failure becomes a verdict
 export PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
-export HOME=/tmp LANG=C.UTF-8
+export HOME=/var/tmp TMPDIR=/var/tmp LANG=C.UTF-8
 unset PLENK_ADAPTER
 
 declare -A param=()

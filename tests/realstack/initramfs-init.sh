@@ -41,14 +41,14 @@ if [ -z "$init" ] || [ -z "$results" ]; then
 fi
 mount -t 9p -o "$p9,ro,cache=loose" hostroot /newroot || fail "mount of the host's root"
 
-for dir in run tmp var/tmp var/lib/bluetooth; do
+# /tmp stays the host's (read-only): a checkout or build folder there must stay visible.
+for dir in run var/tmp var/lib/bluetooth; do
   [ -d "/newroot/$dir" ] || fail "the host has no /$dir to mount a tmpfs on"
   mount -t tmpfs -o mode=0755 tmpfs "/newroot/$dir" || fail "tmpfs on /$dir"
 done
-chmod 1777 /newroot/tmp /newroot/var/tmp
+chmod 1777 /newroot/var/tmp
 [ -f "/newroot$init" ] || fail "no guest init script at $init"
-# The results folder may lie under a fresh tmpfs (/tmp); it is only a mount point there.
-mkdir -p "/newroot$results" 2>/dev/null
+# run.sh made the results folder on the host, so it is there as a mount point.
 mount --move /results "/newroot$results" || fail "results share onto $results"
 for fs in dev proc; do
   mount --move "/$fs" "/newroot/$fs" || fail "moving /$fs"

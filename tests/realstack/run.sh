@@ -42,7 +42,7 @@ results=${results:-$build/realstack/results}
 for path in "$build" "$scenario" "$repo"; do
   case $path in
     *[[:space:]]*) die "paths with spaces cannot be passed to the guest: $path" ;;
-    /tmp/* | /run/* | /var/tmp/* | /var/lib/bluetooth/* | /proc/* | /sys/* | /dev/*)
+    /run/* | /var/tmp/* | /var/lib/bluetooth/* | /proc/* | /sys/* | /dev/*)
       die "$path is hidden in the guest (a fresh tmpfs or kernel file system there); use another folder" ;;
   esac
 done

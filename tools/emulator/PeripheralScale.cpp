@@ -27,13 +27,15 @@ std::string grams(double value) {
 }  // namespace
 
 PeripheralScale::PeripheralScale(dispatch::PollLoop& loop, std::string adapterPath,
-                                 emulator::ScaleOptions options, EventLog& log, Finished finished)
+                                 emulator::ScaleOptions options, std::chrono::milliseconds readvertiseEvery,
+                                 EventLog& log, Finished finished)
     : loop_(loop),
       adapterPath_(std::move(adapterPath)),
       log_(log),
       finished_(std::move(finished)),
       clock_(Clock::steady()),
-      scale_(std::move(options), clock_->now()) {}
+      scale_(std::move(options), clock_->now()),
+      readvertiseEvery_(readvertiseEvery) {}
 
 PeripheralScale::~PeripheralScale() {
     stopStream();
@@ -70,6 +72,7 @@ void PeripheralScale::start() {
                           }
                           publish();
                           bus_->reportConnectedDevices();
+                          scheduleReadvertise();
                       });
 }
 
@@ -84,9 +87,7 @@ void PeripheralScale::publish() {
             [this](const bt::Uuid& c) { return read(c); },
             [this](const bt::Uuid& c, const std::vector<std::uint8_t>& value) { return write(c, value); },
             [this](const bt::Uuid& c, bool on) { subscription(c, on); }});
-    advertisement_ = std::make_unique<Advertisement>(bus_->connection(), root + "/advertisement", name,
-                                                     scale_.advertisedServices(),
-                                                     [this] { log_.line("advertisement-released"); });
+    advertisement_ = makeAdvertisement();
     pendingRegistrations_ = 3;
     const auto done = [this, alive = std::weak_ptr<bool>(alive_)](const char* what) {
         return [this, alive, what](const sdbus::Error* error) {
@@ -106,6 +107,49 @@ void PeripheralScale::publish() {
             call << sdbus::ObjectPath(advertisement_->path()) << std::map<std::string, sdbus::Variant>{};
         },
         done("advertisement"));
+}
+
+std::shared_ptr<Advertisement> PeripheralScale::makeAdvertisement() {
+    return std::make_shared<Advertisement>(
+        bus_->connection(), application_->root() + "/advertisement" + std::to_string(advertisements_++),
+        scale_.advertisedName(), scale_.advertisedServices(), [this] { log_.line("advertisement-released"); });
+}
+
+void PeripheralScale::scheduleReadvertise() {
+    if (readvertiseEvery_.count() <= 0) return;
+    loop_.postAfter(readvertiseEvery_, [this, alive = std::weak_ptr<bool>(alive_)] {
+        if (!alive.lock()) return;
+        readvertise();
+        scheduleReadvertise();
+    });
+}
+
+// Make before break: the new advertisement is registered before the old one
+// goes, so the scale never stops advertising and a central connecting in
+// between still finds it connectable.
+void PeripheralScale::readvertise() {
+    if (!central_.empty() || !advertisement_ || readvertising_ || pendingRegistrations_ != 0) return;
+    readvertising_ = true;
+    auto fresh = makeAdvertisement();
+    bus_->call(
+        adapterPath_, kAdvertisingManager, "RegisterAdvertisement",
+        [&](sdbus::MethodCall& call) {
+            call << sdbus::ObjectPath(fresh->path()) << std::map<std::string, sdbus::Variant>{};
+        },
+        [this, alive = std::weak_ptr<bool>(alive_), fresh](const sdbus::Error* error) {
+            if (!alive.lock()) return;
+            readvertising_ = false;
+            if (error != nullptr) {
+                log_.line("readvertise-failed", describe(*error));
+                return;
+            }
+            if (!advertisement_ || !application_) return;  // unpublished meanwhile
+            const std::string old = advertisement_->path();
+            bus_->call(
+                adapterPath_, kAdvertisingManager, "UnregisterAdvertisement",
+                [&](sdbus::MethodCall& call) { call << sdbus::ObjectPath(old); }, [](const sdbus::Error*) {});
+            advertisement_ = fresh;
+        });
 }
 
 void PeripheralScale::registered(const char* what, const sdbus::Error* error) {

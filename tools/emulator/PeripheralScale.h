@@ -27,8 +27,12 @@ public:
     // bluetoothd, registration refused), 1 the bus connection failed.
     using Finished = std::function<void(int status, const std::string& why)>;
 
+    // `readvertiseEvery` > 0 announces the advertisement anew at that period
+    // while no central is connected: a virtual controller (btvirt) reports an
+    // advertisement only when it is switched on, so a scan started later
+    // would otherwise never see it. A real controller repeats it by itself.
     PeripheralScale(dispatch::PollLoop& loop, std::string adapterPath, emulator::ScaleOptions options,
-                    EventLog& log, Finished finished);
+                    std::chrono::milliseconds readvertiseEvery, EventLog& log, Finished finished);
     ~PeripheralScale();
     PeripheralScale(const PeripheralScale&) = delete;
     PeripheralScale& operator=(const PeripheralScale&) = delete;
@@ -48,6 +52,9 @@ private:
     void publish();
     void unpublish();
     void registered(const char* what, const sdbus::Error* error);
+    std::shared_ptr<Advertisement> makeAdvertisement();
+    void scheduleReadvertise();
+    void readvertise();
     void linkChanged(const std::string& devicePath, bool connected);
     std::optional<bt::Bytes> read(const bt::Uuid& characteristic);
     bool write(const bt::Uuid& characteristic, const std::vector<std::uint8_t>& value);
@@ -66,8 +73,11 @@ private:
     emulator::ScaleEmulator scale_;
     std::unique_ptr<PeripheralBus> bus_;
     std::unique_ptr<GattApplication> application_;
-    std::unique_ptr<Advertisement> advertisement_;
-    unsigned generation_ = 0;  // a fresh object path for every registration
+    std::shared_ptr<Advertisement> advertisement_;
+    unsigned generation_ = 0;     // a fresh object path for every registration
+    unsigned advertisements_ = 0;  // and for every advertisement of it
+    std::chrono::milliseconds readvertiseEvery_;
+    bool readvertising_ = false;
     int pendingRegistrations_ = 0;
     std::string central_;                 // the connected central's Device1 path, "" when none
     bool centralOfUpdateTarget_ = false;  // the link began after an update restart

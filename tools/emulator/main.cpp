@@ -61,6 +61,7 @@ int main(int argc, char** argv) {
     emulator::ScaleOptions options;
     std::string format = "binary";
     bool noPour = false;
+    double readvertise = 0;
     app.add_option("--adapter", adapter, "The adapter to serve on, by name (hci1) or object path")
         ->capture_default_str();
     app.add_option("--name", options.name,
@@ -78,6 +79,11 @@ int main(int argc, char** argv) {
     app.add_flag("--configured", options.startConfigured,
                  "Start configured (default: unconfigured until a client initialises it)");
     app.add_flag("--no-pour", noPour, "Do not start a shot after the first tare of a connection");
+    app.add_option("--readvertise", readvertise,
+                   "Announce the advertisement anew every SECONDS while no central is connected, for "
+                   "virtual controllers (btvirt) that report an advertisement only once; 0: never")
+        ->check(CLI::Range(0.0, 60.0))
+        ->capture_default_str();
     app.add_option("--seed", options.seed, "Seed of the sensor noise")->capture_default_str();
     app.footer(
         "Output: one line per event, seconds since start first: advertising, connected, disconnected,\n"
@@ -103,8 +109,9 @@ int main(int argc, char** argv) {
     std::unique_ptr<PeripheralScale> scale;
     std::unique_ptr<Console> console;
     loop.post([&] {
+        const auto every = std::chrono::milliseconds(static_cast<long long>(readvertise * 1000));
         scale = std::make_unique<PeripheralScale>(
-            loop, path, options, log,
+            loop, path, options, every, log,
             [&](int status, const std::string& why) { outcome.finish(status, why); });
         console = std::make_unique<Console>(loop, STDIN_FILENO, *scale, log);
         scale->start();

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,8 @@ struct Heard : plenk::RKRostaDelegate {
     std::vector<float> weights;
     std::vector<std::string> errors;
     std::chrono::steady_clock::time_point lastConnected, lastReconnect, lastRelink, firstWeightAfterConnect;
+    // The first "didDiscoverPeripheral" since discovered was cleared.
+    std::optional<std::chrono::steady_clock::time_point> discovered;
     bool awaitingFirstWeight = false;
 
     void rostaDidConnected(plenk::RKRostaKit&) override;
