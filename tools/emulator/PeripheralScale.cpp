@@ -112,7 +112,8 @@ void PeripheralScale::publish() {
 std::shared_ptr<Advertisement> PeripheralScale::makeAdvertisement() {
     return std::make_shared<Advertisement>(
         bus_->connection(), application_->root() + "/advertisement" + std::to_string(advertisements_++),
-        scale_.advertisedName(), scale_.advertisedServices(), [this] { log_.line("advertisement-released"); });
+        scale_.advertisedName(), scale_.advertisedServices(),
+        [this] { log_.line("advertisement-released"); });
 }
 
 void PeripheralScale::scheduleReadvertise() {

@@ -74,7 +74,7 @@ private:
     std::unique_ptr<PeripheralBus> bus_;
     std::unique_ptr<GattApplication> application_;
     std::shared_ptr<Advertisement> advertisement_;
-    unsigned generation_ = 0;     // a fresh object path for every registration
+    unsigned generation_ = 0;      // a fresh object path for every registration
     unsigned advertisements_ = 0;  // and for every advertisement of it
     std::chrono::milliseconds readvertiseEvery_;
     bool readvertising_ = false;

@@ -116,12 +116,13 @@ Scenario::Scenario(Options options)
                                                      count(&Heard::reconnects, &Heard::lastReconnect)));
     observers_.push_back(
         notifications_->addObserver(plenk::kConnectNotification, count(&Heard::relinks, &Heard::lastRelink)));
-    observers_.push_back(notifications_->addObserver(plenk::kLogNotification, [this](const plenk::Notification& n) {
-        if (n.object != "didDiscoverPeripheral") return;
-        loop_->post([heard = heard_, now = Clock::now()] {
-            if (!heard->discovered) heard->discovered = now;
-        });
-    }));
+    observers_.push_back(
+        notifications_->addObserver(plenk::kLogNotification, [this](const plenk::Notification& n) {
+            if (n.object != "didDiscoverPeripheral") return;
+            loop_->post([heard = heard_, now = Clock::now()] {
+                if (!heard->discovered) heard->discovered = now;
+            });
+        }));
 }
 
 Scenario::~Scenario() {
@@ -203,10 +204,11 @@ bool Scenario::tareOnce(std::size_t logMark, const std::string& step) {
     const auto events = log_.since(logMark, "frame");
     const auto frames = framesIn(events);
     const auto tare = protocol::tareFrame().bytes;
-    const auto tares =
-        std::count_if(events.begin(), events.end(), [&](const EmulatorEvent& e) { return e.bytes() == tare; });
-    return check(frames.size() >= tare.size() && std::equal(tare.begin(), tare.end(), frames.begin()) && tares == 1,
-                 step, "frames since connecting: " + hex(frames));
+    const auto tares = std::count_if(events.begin(), events.end(),
+                                     [&](const EmulatorEvent& e) { return e.bytes() == tare; });
+    return check(
+        frames.size() >= tare.size() && std::equal(tare.begin(), tare.end(), frames.begin()) && tares == 1,
+        step, "frames since connecting: " + hex(frames));
 }
 
 // What the kit reported is a contiguous run of what the emulator sent, value
