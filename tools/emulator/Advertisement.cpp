@@ -6,11 +6,14 @@ namespace {
 constexpr const char* kInterface = "org.bluez.LEAdvertisement1";
 }
 
-Advertisement::Advertisement(sdbus::IConnection& connection, std::string path, std::string localName,
+// The registrators' std::function assignment trips clang-analyzer's leak check: a false positive.
+// NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks)
+Advertisement::Advertisement(sdbus::IConnection& connection, std::string path, const std::string& localName,
                              const std::vector<bt::Uuid>& services, std::function<void()> released)
     : path_(std::move(path)), object_(sdbus::createObject(connection, path_)) {
     // 16-bit UUIDs in their short form, so they go out as a 16-bit list.
     std::vector<std::string> uuids;
+    uuids.reserve(services.size());
     for (const auto& uuid : services) uuids.push_back(uuid.toString());
     object_->registerProperty("Type").onInterface(kInterface).withGetter([] {
         return std::string("peripheral");
@@ -26,6 +29,7 @@ Advertisement::Advertisement(sdbus::IConnection& connection, std::string path, s
         });
     object_->finishRegistration();
 }
+// NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)
 
 Advertisement::~Advertisement() = default;
 

@@ -16,7 +16,7 @@ namespace plenk::emulator_tool {
 // UUIDs a central filters on. `released` runs when bluetoothd drops it.
 class Advertisement {
 public:
-    Advertisement(sdbus::IConnection& connection, std::string path, std::string localName,
+    Advertisement(sdbus::IConnection& connection, std::string path, const std::string& localName,
                   const std::vector<bt::Uuid>& services, std::function<void()> released);
     ~Advertisement();
     Advertisement(const Advertisement&) = delete;

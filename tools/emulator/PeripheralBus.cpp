@@ -68,7 +68,7 @@ bool PeripheralBus::underAdapter(const std::string& path) const {
 }
 
 void PeripheralBus::call(const std::string& path, const char* interface, const char* method, const Fill& fill,
-                         Done done) {
+                         const Done& done) {
     try {
         auto& proxy = proxies_[path];
         if (!proxy) proxy = sdbus::createProxy(*connection_, bluez::kBluezService, path);
@@ -81,10 +81,10 @@ void PeripheralBus::call(const std::string& path, const char* interface, const c
 }
 
 void PeripheralBus::setProperty(const std::string& path, const char* interface, const char* name,
-                                sdbus::Variant value, Done done) {
+                                const sdbus::Variant& value, const Done& done) {
     call(
         path, kProperties, "Set", [&](sdbus::MethodCall& message) { message << interface << name << value; },
-        std::move(done));
+        done);
 }
 
 void PeripheralBus::reportConnectedDevices() {

@@ -38,10 +38,10 @@ public:
 
     // Calls `method` on the org.bluez object at `path`; `done` gets null on success.
     void call(const std::string& path, const char* interface, const char* method, const Fill& fill,
-              Done done);
+              const Done& done);
     // Sets a property of an org.bluez object.
-    void setProperty(const std::string& path, const char* interface, const char* name, sdbus::Variant value,
-                     Done done);
+    void setProperty(const std::string& path, const char* interface, const char* name,
+                     const sdbus::Variant& value, const Done& done);
     // Reports the devices that are connected already, through linkChanged.
     void reportConnectedDevices();
 

@@ -53,9 +53,7 @@ private:
     std::promise<int> status_;
 };
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
     CLI::App app{"Serve an emulated scale as a Bluetooth LE peripheral through BlueZ"};
     std::string adapter = "hci0";
     emulator::ScaleOptions options;
@@ -122,4 +120,15 @@ int main(int argc, char** argv) {
         scale.reset();
     });
     return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "plenk-emulator: %s\n", e.what());
+        return 1;
+    }
 }
