@@ -60,20 +60,32 @@ run_client() {
   grep -h '^FAIL\|^timing' "$results/client-${name// /-}.log" || true
 }
 
+wait_count() { # wait_count FILE PATTERN COUNT: until FILE has COUNT lines matching, at most 10 s
+  for _ in $(seq 1 100); do
+    [ "$(grep -c -- "$2" "$1")" -ge "$3" ] && return 0
+    sleep 0.1
+  done
+}
+
 # Each command in its own connection: the kit's tare, then the command's frames.
 check_cli_commands() {
-  local log=$1 verb frame expected got before status
+  local log=$1 verb frame expected got before links status
   while IFS='|' read -r verb frame; do
     [ -n "$verb" ] || continue
     frame=${frame:-$verb}
     # shellcheck disable=SC2086
     expected=$(printf '%s\n' "$("$plenk" frame tare)" "$("$plenk" frame $frame)")
     before=$(wc -l <"$log")
+    links=$(grep -c ' connected ' "$log")
     # shellcheck disable=SC2086
     "$plenk" --adapter hci0 $verb --timeout 20 >>"$results/cli.log" 2>&1
     status=$?
     # Every write was answered before the tool ended, so its frames are logged.
     got=$(tail -n +"$((before + 1))" "$log" | sed -n 's/^ *[0-9.]* frame //p')
+    # The next command starts once bluetoothd has really let go of the link
+    # (it waits 2 s after a Disconnect): a connection made while that is
+    # pending can lose its link mid-command.
+    wait_count "$log" ' disconnected ' "$((links + 1))"
     if [ "$status" -eq 0 ] && [ "$got" = "$expected" ]; then
       echo "ok cli $verb"
     else

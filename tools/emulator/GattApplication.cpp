@@ -1,13 +1,14 @@
 #include "GattApplication.h"
 
+#include "backends/bluez/BluezProperties.h"
 #include "backends/bluez/GattFlags.h"
 
 namespace plenk::emulator_tool {
 
 namespace {
 
-constexpr const char* kServiceInterface = "org.bluez.GattService1";
-constexpr const char* kCharacteristicInterface = "org.bluez.GattCharacteristic1";
+using bluez::kCharacteristicInterface;
+using bluez::kServiceInterface;
 constexpr std::uint32_t kNotifyOrIndicate = emulator::kGattNotify | emulator::kGattIndicate;
 
 using Options = std::map<std::string, sdbus::Variant>;

@@ -2,14 +2,15 @@
 
 #include <cstdio>
 
+#include "backends/bluez/BluezProperties.h"
 #include "wire/GattUuids.h"
 
 namespace plenk::emulator_tool {
 
 namespace {
 
-constexpr const char* kAdapterInterface = "org.bluez.Adapter1";
-constexpr const char* kDeviceInterface = "org.bluez.Device1";
+using bluez::kAdapterInterface;
+using bluez::kDeviceInterface;
 constexpr const char* kGattManager = "org.bluez.GattManager1";
 constexpr const char* kAdvertisingManager = "org.bluez.LEAdvertisingManager1";
 constexpr const char* kRoot = "/org/plenkkit/emulator";
@@ -131,25 +132,28 @@ void PeripheralScale::scheduleReadvertise() {
 void PeripheralScale::readvertise() {
     if (!central_.empty() || !advertisement_ || readvertising_ || pendingRegistrations_ != 0) return;
     readvertising_ = true;
+    auto previous = advertisement_;
     auto fresh = makeAdvertisement();
     bus_->call(
         adapterPath_, kAdvertisingManager, "RegisterAdvertisement",
         [&](sdbus::MethodCall& call) {
             call << sdbus::ObjectPath(fresh->path()) << std::map<std::string, sdbus::Variant>{};
         },
-        [this, alive = std::weak_ptr<bool>(alive_), fresh](const sdbus::Error* error) {
+        [this, alive = std::weak_ptr<bool>(alive_), previous, fresh](const sdbus::Error* error) {
             if (!alive.lock()) return;
             readvertising_ = false;
             if (error != nullptr) {
                 log_.line("readvertise-failed", describe(*error));
                 return;
             }
-            if (!advertisement_ || !application_) return;  // unpublished meanwhile
-            const std::string old = advertisement_->path();
+            // Republished meanwhile (an update restart): the fresh one is the stale one.
+            const bool current = advertisement_ == previous;
+            const std::string stale = current ? previous->path() : fresh->path();
+            if (current) advertisement_ = fresh;
             bus_->call(
                 adapterPath_, kAdvertisingManager, "UnregisterAdvertisement",
-                [&](sdbus::MethodCall& call) { call << sdbus::ObjectPath(old); }, [](const sdbus::Error*) {});
-            advertisement_ = fresh;
+                [&](sdbus::MethodCall& call) { call << sdbus::ObjectPath(stale); },
+                [](const sdbus::Error*) {});
         });
 }
 
