@@ -60,32 +60,35 @@ run_client() {
   grep -h '^FAIL\|^timing' "$results/client-${name// /-}.log" || true
 }
 
-wait_count() { # wait_count FILE PATTERN COUNT: until FILE has COUNT lines matching, at most 10 s
+# run_tool EMULATOR_LOG ARGS...: plenk on hci0; returns once bluetoothd has
+# really let go of the link (it waits 2 s after a Disconnect), since a
+# connection made while that is pending can lose its link mid-command.
+run_tool() {
+  local log=$1 links status && shift
+  links=$(grep -c ' connected ' "$log")
+  "$plenk" --adapter hci0 "$@" --timeout 20
+  status=$?
   for _ in $(seq 1 100); do
-    [ "$(grep -c -- "$2" "$1")" -ge "$3" ] && return 0
+    [ "$(grep -c ' disconnected ' "$log")" -gt "$links" ] && break
     sleep 0.1
   done
+  return "$status"
 }
 
 # Each command in its own connection: the kit's tare, then the command's frames.
 check_cli_commands() {
-  local log=$1 verb frame expected got before links status
+  local log=$1 verb frame expected got before status
   while IFS='|' read -r verb frame; do
     [ -n "$verb" ] || continue
     frame=${frame:-$verb}
     # shellcheck disable=SC2086
     expected=$(printf '%s\n' "$("$plenk" frame tare)" "$("$plenk" frame $frame)")
     before=$(wc -l <"$log")
-    links=$(grep -c ' connected ' "$log")
     # shellcheck disable=SC2086
-    "$plenk" --adapter hci0 $verb --timeout 20 >>"$results/cli.log" 2>&1
+    run_tool "$log" $verb >>"$results/cli.log" 2>&1
     status=$?
     # Every write was answered before the tool ended, so its frames are logged.
     got=$(tail -n +"$((before + 1))" "$log" | sed -n 's/^ *[0-9.]* frame //p')
-    # The next command starts once bluetoothd has really let go of the link
-    # (it waits 2 s after a Disconnect): a connection made while that is
-    # pending can lose its link mid-command.
-    wait_count "$log" ' disconnected ' "$((links + 1))"
     if [ "$status" -eq 0 ] && [ "$got" = "$expected" ]; then
       echo "ok cli $verb"
     else
@@ -140,7 +143,7 @@ forget_scale
 
 note "3. the plenk tool's commands"
 if start_emulator "$results/emulator-cli.log" --name "Plenk Scale" --no-pour; then
-  if "$plenk" --adapter hci0 --json battery --timeout 20 >"$results/cli-battery.json" 2>>"$results/cli.log" &&
+  if run_tool "$results/emulator-cli.log" --json battery >"$results/cli-battery.json" 2>>"$results/cli.log" &&
     grep -q '"value":85' "$results/cli-battery.json"; then
     echo "ok cli battery"
   else
