@@ -2,6 +2,8 @@
 
 #include <chrono>
 
+#include "HexText.h"
+
 namespace plenk::emulator_tool {
 
 namespace {
@@ -21,19 +23,8 @@ void EventLog::line(std::string_view event, std::string_view details) {
 void EventLog::bytes(std::string_view event, std::string_view prefix, const bt::Bytes& value) {
     std::string details(prefix);
     if (!details.empty() && !value.empty()) details += ' ';
-    details += hex(value);
+    details += cli::formatHex(value.span());
     line(event, details);
-}
-
-std::string EventLog::hex(const bt::Bytes& value) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string out;
-    for (std::size_t i = 0; i < value.size(); ++i) {
-        if (i != 0) out += ' ';
-        out += kDigits[value[i] >> 4];
-        out += kDigits[value[i] & 0x0F];
-    }
-    return out;
 }
 
 }  // namespace plenk::emulator_tool

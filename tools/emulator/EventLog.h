@@ -18,8 +18,6 @@ public:
     void line(std::string_view event, std::string_view details = {});
     void bytes(std::string_view event, std::string_view prefix, const bt::Bytes& value);
 
-    static std::string hex(const bt::Bytes& value);
-
 private:
     std::FILE* out_;
     double start_;

@@ -3,11 +3,12 @@
 #include <fstream>
 #include <sstream>
 
+#include "HexText.h"
+
 std::vector<std::uint8_t> EmulatorEvent::bytes(std::size_t skip) const {
-    std::vector<std::uint8_t> out;
-    for (std::size_t i = skip; i < words.size(); ++i)
-        out.push_back(static_cast<std::uint8_t>(std::stoul(words[i], nullptr, 16)));
-    return out;
+    std::string text;
+    for (std::size_t i = skip; i < words.size(); ++i) text += words[i] + ' ';
+    return plenk::cli::parseHexText(text).bytes;  // empty when not hex
 }
 
 std::vector<EmulatorEvent> EmulatorLog::read() const {
@@ -32,4 +33,12 @@ std::vector<EmulatorEvent> EmulatorLog::since(std::size_t from, const std::strin
         if (all[i].event == event) out.push_back(all[i]);
     }
     return out;
+}
+
+std::vector<std::vector<std::uint8_t>> EmulatorLog::valuesRead(const std::string& characteristic) const {
+    std::vector<std::vector<std::uint8_t>> values;
+    for (const auto& event : since(0, "read")) {
+        if (!event.words.empty() && event.words[0] == characteristic) values.push_back(event.bytes(1));
+    }
+    return values;
 }

@@ -24,6 +24,8 @@ public:
     std::size_t size() const { return read().size(); }
     // The events of one kind from index `from` on.
     std::vector<EmulatorEvent> since(std::size_t from, const std::string& event) const;
+    // Every value the emulator served for reads of one characteristic ("EF83").
+    std::vector<std::vector<std::uint8_t>> valuesRead(const std::string& characteristic) const;
 
 private:
     std::string path_;

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <optional>
 
+#include "HexText.h"
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -26,13 +28,7 @@ std::vector<std::uint8_t> framesIn(const std::vector<EmulatorEvent>& events) {
 }
 
 std::string hex(const std::vector<std::uint8_t>& bytes) {
-    std::string out;
-    char two[4];
-    for (const auto b : bytes) {
-        std::snprintf(two, sizeof two, "%02x ", b);
-        out += two;
-    }
-    return out;
+    return plenk::cli::formatHex(bytes);
 }
 
 // Picks the scale named `name` as soon as the picker lists it, as a user would.
@@ -202,13 +198,11 @@ bool Scenario::tareOnce(std::size_t logMark, const std::string& step) {
     waitFor([&] { return !log_.since(logMark, "frame").empty(); }, 5s);
     waitFor([] { return false; }, 1s);  // a second tare would come at once
     const auto events = log_.since(logMark, "frame");
-    const auto frames = framesIn(events);
     const auto tare = protocol::tareFrame().bytes;
     const auto tares = std::count_if(events.begin(), events.end(),
                                      [&](const EmulatorEvent& e) { return e.bytes() == tare; });
-    return check(
-        frames.size() >= tare.size() && std::equal(tare.begin(), tare.end(), frames.begin()) && tares == 1,
-        step, "frames since connecting: " + hex(frames));
+    return check(!events.empty() && events.front().bytes() == tare && tares == 1, step,
+                 "frames since connecting: " + hex(framesIn(events)));
 }
 
 // What the kit reported is a contiguous run of what the emulator sent, value
@@ -241,13 +235,11 @@ bool Scenario::configuration() {
     std::vector<plenk::RKConfiguration> read;
     kit_->readConfiguration([&](plenk::RKConfiguration configuration) { read.push_back(configuration); });
     waitFor([&] { return !read.empty(); }, 5s);
-    auto records = log_.since(0, "read");
-    std::erase_if(records, [](const EmulatorEvent& e) { return e.words.empty() || e.words[0] != "EF83"; });
+    auto records = log_.valuesRead("EF83");
     if (!check(!read.empty() && !records.empty(), "configuration-read", "no record read within 5 s"))
         return false;
-    const auto first = records.back().bytes(1);
-    check(protocol::isUnconfigured(protocol::configurationRecord(first)),
-          "configuration-unconfigured-at-first", "record " + hex(first));
+    check(protocol::isUnconfigured(protocol::configurationRecord(records.back())),
+          "configuration-unconfigured-at-first", "record " + hex(records.back()));
 
     const auto mark = log_.size();
     int results = 0;
@@ -268,13 +260,12 @@ bool Scenario::configuration() {
     const auto readsBefore = records.size();
     kit_->readConfiguration([&](plenk::RKConfiguration configuration) { read.push_back(configuration); });
     waitFor([&] { return read.size() > before; }, 5s);
-    records = log_.since(0, "read");
-    std::erase_if(records, [](const EmulatorEvent& e) { return e.words.empty() || e.words[0] != "EF83"; });
+    records = log_.valuesRead("EF83");
     if (!check(read.size() > before && records.size() > readsBefore, "configuration-reread", "no answer"))
         return false;
-    const auto record = protocol::configurationRecord(records.back().bytes(1));
+    const auto record = protocol::configurationRecord(records.back());
     return check(!protocol::isUnconfigured(record) && read.back() == protocol::decodeConfiguration(record),
-                 "configuration-after-initialize", "record " + hex(records.back().bytes(1)));
+                 "configuration-after-initialize", "record " + hex(records.back()));
 }
 
 // With auto-connect on, a link the host drops is found and linked again.
