@@ -3,7 +3,7 @@
 # with the host's / shared read-only, where guest-init.sh brings up two virtual LE controllers and
 # bluetoothd, runs the scenario and writes its exit status to RESULTS/verdict. Exits with that status.
 #   run.sh --build-dir DIR [--scenario PATH] [--results DIR] [--timeout SECONDS]
-# The scenario defaults to smoke.sh, RESULTS to DIR/realstack/results (emptied first), the timeout
+# The scenario defaults to e2e.sh, RESULTS to DIR/realstack/results (emptied first), the timeout
 # (the whole run, boot included; QEMU is killed after it) to 300 s.
 set -euo pipefail
 
@@ -15,7 +15,7 @@ die() {
 }
 usage() { die "usage: $0 --build-dir DIR [--scenario PATH] [--results DIR] [--timeout SECONDS]"; }
 
-build='' scenario=$here/smoke.sh results='' timeout=300
+build='' scenario=$here/e2e.sh results='' timeout=300
 while [ $# -gt 0 ]; do
   [ $# -ge 2 ] || usage
   case $1 in
